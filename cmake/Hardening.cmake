@@ -1,0 +1,26 @@
+# What every binary of this project is compiled and linked with.
+
+# talvik_options: warnings as errors, the Windows version, hardening. Link it to every own target.
+add_library(talvik_options INTERFACE)
+target_compile_definitions(talvik_options INTERFACE _WIN32_WINNT=0x0A00 WIN32_LEAN_AND_MEAN NOMINMAX)
+target_compile_options(talvik_options INTERFACE
+  $<$<COMPILE_LANGUAGE:CXX>:-Wall -Wextra -Wpedantic -Werror -fstack-protector-strong>)
+# All runtimes are linked in: a provider that is loaded into other people's processes must not depend on
+# which libstdc++ or winpthreads happens to be on their path.
+target_link_options(talvik_options INTERFACE
+  -static -fstack-protector-strong
+  -Wl,--dynamicbase,--high-entropy-va,--nxcompat
+  $<$<CONFIG:Release>:-s>)
+
+# Header-only libraries of the build machine, reached through a folder of links: adding /usr/include itself to a
+# cross-build would bring in the build machine's C library.
+function(talvik_host_headers target)
+  foreach(package IN LISTS ARGN)
+    set(link ${CMAKE_BINARY_DIR}/host-headers/${package}/${package})
+    if(NOT EXISTS ${link})
+      file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/host-headers/${package})
+      file(CREATE_LINK /usr/include/${package} ${link} SYMBOLIC)
+    endif()
+    target_include_directories(${target} SYSTEM PRIVATE ${CMAKE_BINARY_DIR}/host-headers/${package})
+  endforeach()
+endfunction()
