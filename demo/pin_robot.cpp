@@ -1,0 +1,86 @@
+#include "pin_robot.h"
+
+#include <chrono>
+
+namespace demo {
+
+namespace {
+
+constexpr char DIALOG_CLASS[] = "#32770";
+constexpr char PIN_DIALOG_CAPTION[] = "Verify User Pin";
+constexpr char MESSAGE_CAPTION[] = "Talvik";
+constexpr int PIN_EDIT = 1001;
+constexpr int MESSAGE_TEXT = 0xFFFF;  // the static control of a message box
+constexpr auto LOOK_EVERY = std::chrono::milliseconds(20);
+
+std::string windowText(HWND window) {
+    char text[256] = "";
+    GetWindowTextA(window, text, sizeof text);
+    return text;
+}
+
+bool isOwnDialog(HWND window) {
+    DWORD process = 0;
+    GetWindowThreadProcessId(window, &process);
+    char windowClass[16] = "";
+    GetClassNameA(window, windowClass, sizeof windowClass);
+    return process == GetCurrentProcessId() && std::string(windowClass) == DIALOG_CLASS && IsWindowVisible(window);
+}
+
+}  // namespace
+
+PinRobot::PinRobot(std::string pin) : pin_(std::move(pin)), thread_([this] { watch(); }) {}
+
+PinRobot::~PinRobot() {
+    stop_ = true;
+    thread_.join();
+}
+
+std::string PinRobot::refusal() const {
+    const std::lock_guard lock(mutex_);
+    return refusal_;
+}
+
+void PinRobot::watch() {
+    while (!stop_) {
+        EnumWindows(visit, reinterpret_cast<LPARAM>(this));
+        std::this_thread::sleep_for(LOOK_EVERY);
+    }
+}
+
+BOOL CALLBACK PinRobot::visit(HWND window, LPARAM self) {
+    auto& robot = *reinterpret_cast<PinRobot*>(self);
+    if (!isOwnDialog(window))
+        return TRUE;
+    const std::string caption = windowText(window);
+    if (caption == PIN_DIALOG_CAPTION)
+        robot.answerDialog(window);
+    if (caption == MESSAGE_CAPTION)
+        robot.acknowledge(window);
+    return TRUE;
+}
+
+void PinRobot::answerDialog(HWND dialog) {
+    if (dialog == lastAnswered_)
+        return;  // it is on its way out
+    if (!refusal().empty()) {
+        PostMessageA(dialog, WM_COMMAND, IDCANCEL, 0);
+        return;
+    }
+    SetDlgItemTextA(dialog, PIN_EDIT, pin_.c_str());
+    if (!IsWindowEnabled(GetDlgItem(dialog, IDOK)))
+        return;
+    lastAnswered_ = dialog;
+    ++dialogsAnswered_;
+    PostMessageA(GetDlgItem(dialog, IDOK), BM_CLICK, 0, 0);
+}
+
+void PinRobot::acknowledge(HWND messageBox) {
+    {
+        const std::lock_guard lock(mutex_);
+        refusal_ = windowText(GetDlgItem(messageBox, MESSAGE_TEXT));
+    }
+    PostMessageA(messageBox, WM_COMMAND, IDOK, 0);
+}
+
+}  // namespace demo
