@@ -62,7 +62,7 @@ issue_certificate() {
 sign() {
     local patience=$1 line status=0
     coproc PROGRAM {
-        timeout "$patience" scripts/wine-run "$bin/talvik_demo.exe" "$(windows_path "$file")" \
+        timeout "$patience" scripts/wine-run "$bin/demo/talvik_demo.exe" "$(windows_path "$file")" \
             "$(windows_path "$out/signature.p7s")" "$(windows_path "$state")"
     }
     local program=$PROGRAM_PID answers=${PROGRAM[0]} questions=${PROGRAM[1]}

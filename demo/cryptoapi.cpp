@@ -20,13 +20,14 @@ std::string describe(const std::string& attempt, DWORD error) {
 Failure::Failure(const std::string& attempt, DWORD error) : std::runtime_error(describe(attempt, error)) {}
 
 void require(BOOL succeeded, const char* attempt) {
-    if (!succeeded)
+    if (!succeeded) {
         throw Failure(attempt, GetLastError());
+    }
 }
 
 Context acquireContext() {
     Context context;
-    require(CryptAcquireContextA(context.put(), nullptr, PROVIDER_NAME, PROV_RSA_FULL, 0), "CryptAcquireContext");
+    require(CryptAcquireContextA(context.put(), nullptr, providerName, PROV_RSA_FULL, 0), "CryptAcquireContext");
     return context;
 }
 
@@ -48,16 +49,18 @@ Certificate parseCertificate(const Bytes& der) {
 
 Bytes readFile(const std::wstring& path) {
     std::ifstream file(std::filesystem::path(path), std::ios::binary);
-    if (!file)
+    if (!file) {
         throw std::runtime_error("cannot read " + std::filesystem::path(path).string());
+    }
     return Bytes(std::istreambuf_iterator<char>(file), {});
 }
 
 void writeFile(const std::wstring& path, const Bytes& content) {
     std::ofstream file(std::filesystem::path(path), std::ios::binary | std::ios::trunc);
     file.write(reinterpret_cast<const char*>(content.data()), static_cast<std::streamsize>(content.size()));
-    if (!file.flush())
+    if (!file.flush()) {
         throw std::runtime_error("cannot write " + std::filesystem::path(path).string());
+    }
 }
 
 }  // namespace demo

@@ -15,7 +15,7 @@ namespace demo {
 
 using Bytes = std::vector<std::uint8_t>;
 
-inline constexpr char PROVIDER_NAME[] = "Talvik Cryptographic Provider CSP";
+inline constexpr char providerName[] = "Talvik Cryptographic Provider CSP";
 
 // An attempt that failed, with the last error at that moment.
 class Failure : public std::runtime_error {
@@ -38,8 +38,9 @@ class Owned {
         return *this;
     }
     ~Owned() {
-        if (handle_)
+        if (handle_) {
             release(handle_);
+        }
     }
     Handle get() const { return handle_; }
     Handle* put() { return &handle_; }

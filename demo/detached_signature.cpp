@@ -7,7 +7,7 @@ namespace demo {
 
 namespace {
 
-constexpr std::size_t CHUNK = 1 << 20;
+constexpr std::size_t chunkSize = 1 << 20;
 
 Bytes encodedNow() {
     FILETIME now;
@@ -18,14 +18,16 @@ Bytes encodedNow() {
 // Every byte of the file at `path` goes through the message's hash, in pieces.
 void feed(const Message& message, const std::wstring& path) {
     std::ifstream file(std::filesystem::path(path), std::ios::binary);
-    if (!file)
+    if (!file) {
         throw std::runtime_error("cannot read " + std::filesystem::path(path).string());
-    Bytes chunk(CHUNK);
+    }
+    Bytes chunk(chunkSize);
     bool final = false;
     while (!final) {
         file.read(reinterpret_cast<char*>(chunk.data()), static_cast<std::streamsize>(chunk.size()));
-        if (file.bad())
+        if (file.bad()) {
             throw std::runtime_error("cannot read " + std::filesystem::path(path).string());
+        }
         final = file.eof();
         require(CryptMsgUpdate(message.get(), chunk.data(), static_cast<DWORD>(file.gcount()), final),
                 "CryptMsgUpdate");

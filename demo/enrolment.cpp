@@ -4,9 +4,9 @@ namespace demo {
 
 namespace {
 
-constexpr DWORD RSA_2048 = 2048u << 16;  // CryptGenKey takes the key size in the upper half of its flags
-std::uint8_t DER_NULL[] = {0x05, 0x00};
-std::uint8_t NO_ATTRIBUTES[] = {0xA0, 0x00};  // [0] IMPLICIT SET OF Attribute, empty
+constexpr DWORD rsa2048 = 2048u << 16;  // CryptGenKey takes the key size in the upper half of its flags
+std::uint8_t derNull[] = {0x05, 0x00};
+std::uint8_t noAttributes[] = {0xA0, 0x00};  // [0] IMPLICIT SET OF Attribute, empty
 
 Bytes encodedName(const char* name) {
     DWORD length = 0;
@@ -37,7 +37,7 @@ Bytes requestInfo(const Context& context, const char* subject) {
     const int version = CERT_REQUEST_V1;
     Bytes parts[] = {encode(X509_INTEGER, &version), encodedName(subject),
                      encode(X509_PUBLIC_KEY_INFO, publicKey.data()),
-                     Bytes(std::begin(NO_ATTRIBUTES), std::end(NO_ATTRIBUTES))};
+                     Bytes(std::begin(noAttributes), std::end(noAttributes))};
     CRYPT_DER_BLOB blobs[std::size(parts)];
     for (std::size_t i = 0; i < std::size(parts); ++i)
         blobs[i] = {static_cast<DWORD>(parts[i].size()), parts[i].data()};
@@ -49,24 +49,26 @@ Bytes requestInfo(const Context& context, const char* subject) {
 
 std::optional<Key> findSigningKey(const Context& context) {
     Key key;
-    if (CryptGetUserKey(context.get(), AT_SIGNATURE, key.put()))
+    if (CryptGetUserKey(context.get(), AT_SIGNATURE, key.put())) {
         return key;
+    }
     const DWORD error = GetLastError();
-    if (error == static_cast<DWORD>(NTE_NO_KEY))
+    if (error == static_cast<DWORD>(NTE_NO_KEY)) {
         return std::nullopt;
+    }
     throw Failure("CryptGetUserKey", error);
 }
 
 Key generateSigningKey(const Context& context) {
     Key key;
-    require(CryptGenKey(context.get(), CALG_RSA_SIGN, RSA_2048, key.put()), "CryptGenKey");
+    require(CryptGenKey(context.get(), CALG_RSA_SIGN, rsa2048, key.put()), "CryptGenKey");
     return key;
 }
 
 Bytes certificateRequest(const Context& context, const char* subject) {
     Bytes info = requestInfo(context, subject);
     char sha256WithRsa[] = szOID_RSA_SHA256RSA;
-    CRYPT_ALGORITHM_IDENTIFIER algorithm{sha256WithRsa, {sizeof DER_NULL, DER_NULL}};
+    CRYPT_ALGORITHM_IDENTIFIER algorithm{sha256WithRsa, {sizeof derNull, derNull}};
     const auto infoLength = static_cast<DWORD>(info.size());
 
     DWORD length = 0;

@@ -22,7 +22,7 @@ namespace {
 using namespace demo;
 namespace fs = std::filesystem;
 
-constexpr char SUBJECT[] = "CN=Talvik Demo Signer, O=Talvik Demonstration";
+constexpr char subjectName[] = "CN=Talvik Demo Signer, O=Talvik Demonstration";
 
 // Runs one step, then accounts for it in one line.
 template <typename Step>
@@ -40,8 +40,9 @@ void awaitCertificationAuthority() {
     std::puts(">issue");
     std::fflush(stdout);
     std::string answer;
-    if (!std::getline(std::cin, answer))
+    if (!std::getline(std::cin, answer)) {
         throw std::runtime_error("the certification authority did not answer");
+    }
 }
 
 Key signingKey(const Context& context) {
@@ -54,31 +55,35 @@ Key signingKey(const Context& context) {
 }
 
 Bytes enrol(const Context& context, const Key& key, const fs::path& folder) {
-    const Bytes request =
-        timed("PKCS#10 request, signed by that key on the token", [&] { return certificateRequest(context, SUBJECT); });
+    const Bytes request = timed("PKCS#10 request, signed by that key on the token",
+                                [&] { return certificateRequest(context, subjectName); });
     writeFile(folder / "request.der", request);
     awaitCertificationAuthority();
     const Bytes issued = readFile(folder / "certificate.der");
-    if (!certifiesSigningKey(context, issued))
+    if (!certifiesSigningKey(context, issued)) {
         throw std::runtime_error("the issued certificate is for another key");
+    }
 
     timed("CryptSetKeyParam: store the certificate on the token", [&] {
         storeCertificate(key, issued);
         return true;
     });
     const Bytes stored = timed("CryptGetKeyParam: read the certificate back", [&] { return storedCertificate(key); });
-    if (stored != issued)
+    if (stored != issued) {
         throw std::runtime_error("the token returned another certificate than was stored");
+    }
     std::printf("  (%zu bytes, identical)\n", stored.size());
     return stored;
 }
 
 Bytes signerCertificate(const Context& context, const Key& key, const fs::path& folder) {
     const Bytes stored = timed("look for its certificate on the token", [&] { return storedCertificate(key); });
-    if (stored.empty())
+    if (stored.empty()) {
         return enrol(context, key, folder);
-    if (!certifiesSigningKey(context, stored))
+    }
+    if (!certifiesSigningKey(context, stored)) {
         throw std::runtime_error("the stored certificate is for another key");
+    }
     std::puts("  (found: no new certificate is asked for)");
     return stored;
 }
@@ -105,11 +110,13 @@ int wmain(int argc, wchar_t** argv) {
         run(argv[1], argv[2], argv[3]);
     } catch (const std::exception& failure) {
         std::fprintf(stderr, "  %s\n", failure.what());
-        if (robot && !robot->refusal().empty())
+        if (robot && !robot->refusal().empty()) {
             std::fprintf(stderr, "  the token says: %s\n", robot->refusal().c_str());
+        }
         return 1;
     }
-    if (robot)
+    if (robot) {
         std::printf("  (PIN typed into the PIN dialog %d time(s))\n", robot->dialogsAnswered());
+    }
     return 0;
 }

@@ -6,12 +6,12 @@ namespace demo {
 
 namespace {
 
-constexpr char DIALOG_CLASS[] = "#32770";
-constexpr char PIN_DIALOG_CAPTION[] = "Verify User Pin";
-constexpr char MESSAGE_CAPTION[] = "Talvik";
-constexpr int PIN_EDIT = 1001;
-constexpr int MESSAGE_TEXT = 0xFFFF;  // the static control of a message box
-constexpr auto LOOK_EVERY = std::chrono::milliseconds(20);
+constexpr char dialogClass[] = "#32770";
+constexpr char pinDialogCaption[] = "Verify User Pin";
+constexpr char messageCaption[] = "Talvik";
+constexpr int pinEdit = 1001;
+constexpr int messageText = 0xFFFF;  // the static control of a message box
+constexpr auto lookEvery = std::chrono::milliseconds(20);
 
 std::string windowText(HWND window) {
     char text[256] = "";
@@ -24,7 +24,7 @@ bool isOwnDialog(HWND window) {
     GetWindowThreadProcessId(window, &process);
     char windowClass[16] = "";
     GetClassNameA(window, windowClass, sizeof windowClass);
-    return process == GetCurrentProcessId() && std::string(windowClass) == DIALOG_CLASS && IsWindowVisible(window);
+    return process == GetCurrentProcessId() && std::string(windowClass) == dialogClass && IsWindowVisible(window);
 }
 
 }  // namespace
@@ -44,19 +44,22 @@ std::string PinRobot::refusal() const {
 void PinRobot::watch() {
     while (!stop_) {
         EnumWindows(visit, reinterpret_cast<LPARAM>(this));
-        std::this_thread::sleep_for(LOOK_EVERY);
+        std::this_thread::sleep_for(lookEvery);
     }
 }
 
 BOOL CALLBACK PinRobot::visit(HWND window, LPARAM self) {
     auto& robot = *reinterpret_cast<PinRobot*>(self);
-    if (!isOwnDialog(window))
+    if (!isOwnDialog(window)) {
         return TRUE;
+    }
     const std::string caption = windowText(window);
-    if (caption == PIN_DIALOG_CAPTION)
+    if (caption == pinDialogCaption) {
         robot.answerDialog(window);
-    if (caption == MESSAGE_CAPTION)
+    }
+    if (caption == messageCaption) {
         robot.acknowledge(window);
+    }
     return TRUE;
 }
 
@@ -67,9 +70,10 @@ void PinRobot::answerDialog(HWND dialog) {
         PostMessageA(dialog, WM_COMMAND, IDCANCEL, 0);
         return;
     }
-    SetDlgItemTextA(dialog, PIN_EDIT, pin_.c_str());
-    if (!IsWindowEnabled(GetDlgItem(dialog, IDOK)))
+    SetDlgItemTextA(dialog, pinEdit, pin_.c_str());
+    if (!IsWindowEnabled(GetDlgItem(dialog, IDOK))) {
         return;
+    }
     lastAnswered_ = dialog;
     ++dialogsAnswered_;
     PostMessageA(GetDlgItem(dialog, IDOK), BM_CLICK, 0, 0);
@@ -78,7 +82,7 @@ void PinRobot::answerDialog(HWND dialog) {
 void PinRobot::acknowledge(HWND messageBox) {
     {
         const std::lock_guard lock(mutex_);
-        refusal_ = windowText(GetDlgItem(messageBox, MESSAGE_TEXT));
+        refusal_ = windowText(GetDlgItem(messageBox, messageText));
     }
     PostMessageA(messageBox, WM_COMMAND, IDOK, 0);
 }
