@@ -9,9 +9,10 @@
 //   - `reserved` is always a null pointer in practice.
 //   - A PIN is a NUL-terminated text. A key identifier is the 16 bytes of TalvikKeyPair::keyId.
 //   - An `int` result is 0 on success and a status of the library otherwise; see the status constants.
-//   - `unsigned char*` outputs are the caller's buffers, their `int*` length is the room on entry and the length
-//     written on return. `unsigned char**` outputs are allocated by the library with malloc and released by the caller
-//     with free.
+//   - `unsigned char*` outputs are the caller's buffers. Their `int*` length receives the length written; what it holds
+//     on entry is a hint and no bound (the provider presets 0 for an encryption), so a caller passes a buffer with room
+//     for the largest result. `unsigned char**` outputs are allocated by the library with malloc and released by the
+//     caller with free.
 #pragma once
 
 #include <cstddef>
@@ -35,9 +36,9 @@ struct TalvikKeyPair {
     std::uint32_t keyAliasLength;  // bytes
     char label[128];               // NUL-terminated
     std::uint32_t unread1308;
-    std::uint32_t usage;        // TalvikUsage
-    std::uint32_t keyType;      // TalvikKeyType, 1 to 7
-    std::uint8_t storageFlag;   // opaque; handed back to talvik_decrypt and talvik_deleteKeyPair
+    std::uint32_t usage;       // TalvikUsage
+    std::uint32_t keyType;     // TalvikKeyType, 1 to 7
+    std::uint8_t storageFlag;  // opaque; handed back to talvik_decrypt and talvik_deleteKeyPair
     std::uint8_t padding1321[3];
 };
 static_assert(sizeof(TalvikKeyPair) == 1324);
@@ -71,7 +72,8 @@ static_assert(offsetof(TalvikCertificate, keyAliasLength) == 3224);
 static_assert(offsetof(TalvikCertificate, label) == 3228);
 
 // One AES key on the token, and the request of talvik_importAesKey. In a listed record keyId names the key for
-// talvik_decrypt_aes; in a request it is the key value, and the library writes the new key's identifier to `identifier`.
+// talvik_decrypt_aes; in a request it is the key value, and the library writes the new key's identifier to
+// `identifier`.
 struct TalvikSymmetricKey {
     std::uint8_t unread0[8];
     unsigned char identifier[16];

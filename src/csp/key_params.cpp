@@ -1,0 +1,247 @@
+// CPGetKeyParam and CPSetKeyParam.
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+#include "csp/context.h"
+#include "csp/entry_points.h"
+#include "csp/key.h"
+#include "csp/outcome.h"
+#include "log/log.h"
+#include "token/pin_login.h"
+#include "token/session.h"
+#include "token/shared_state.h"
+#include "token/token_records.h"
+
+namespace talvik::csp {
+namespace {
+
+struct Output {
+    BYTE* buffer;
+    DWORD* size;
+};
+
+// A null buffer and a zero length both ask for the size here.
+bool isSizeQuery(Output out) {
+    return out.buffer == nullptr || *out.size == 0;
+}
+
+Outcome answerSize(DWORD size, Output out) {
+    *out.size = size;
+    return success();
+}
+
+Outcome getWord(DWORD value, Output out, const char* name) {
+    if (isSizeQuery(out)) {
+        return answerSize(sizeof value, out);
+    }
+    return answer(bytesOf(value), out.buffer, out.size, "CPGetKeyParam - Output buffer length for ", name,
+                  " not enough : ", sizeof value);
+}
+
+Outcome getAlgId(const KEY_HANDLE& key, Output out) {
+    if (isSizeQuery(out)) {
+        *out.size = sizeof key.algId;
+        logDebug("CPGetKeyParam - input for alg id is null");
+        return success();
+    }
+    if (*out.size >= sizeof key.algId) {
+        logDebug("CPGetKeyParam - copying alg id : ", key.algId);
+    }
+    return answer(bytesOf(key.algId), out.buffer, out.size,
+                  "CPGetKeyParam - Output buffer length for alg not enough : ", sizeof key.algId);
+}
+
+bool belongsTo(const TalvikCertificate& certificate, const KEY_HANDLE& key) {
+    const std::string_view label = labelOf(certificate);
+    return (!label.empty() && label == key.label) || equalBytes(talvik::aliasOf(certificate), aliasOf(key));
+}
+
+Outcome getCertificate(const CspContext& context, const KEY_HANDLE& key, Output out) {
+    talvik_initDevice(context.deviceId.c_str(), true, context.reserved);
+    const std::vector<TalvikCertificate> certificates =
+        talvik_getCertificateList(context.deviceId.c_str(), context.reserved);
+    const auto found = std::find_if(certificates.begin(), certificates.end(),
+                                    [&](const TalvikCertificate& certificate) { return belongsTo(certificate, key); });
+    if (found == certificates.end()) {
+        return fail(NTE_NOT_FOUND, "CPGetKeyParam - Certificate not found");
+    }
+    const ByteView der = derOf(*found);
+    if (isSizeQuery(out)) {
+        return answerSize(static_cast<DWORD>(der.size()), out);
+    }
+    return answer(der, out.buffer, out.size,
+                  "CPGetKeyParam - Output buffer length for certificate not enough : ", der.size());
+}
+
+Outcome getParam(HCRYPTPROV hProv, HCRYPTKEY hKey, DWORD dwParam, Output out) {
+    logDebug("CPGetKeyParam");
+    const CspContext* const context = contextOf(hProv);
+    if (context == nullptr) {
+        return fail(NTE_BAD_UID, "CPGetKeyParam: context is null or not initialized");
+    }
+    if (hKey == 0) {
+        return fail(NTE_BAD_KEY, "CPGetKeyParam: key handle is null");
+    }
+    if (out.size == nullptr) {
+        return fail(ERROR_INVALID_PARAMETER, "CPGetKeyParam: pcbDataLen is null");
+    }
+    const KEY_HANDLE& key = *keyOf(hKey);
+    logDebug("CPGetKeyParam - dwparam : ", dwParam);
+    logDebug("CPGetKeyParam - key id : ", HexBytes{key.keyId, static_cast<int>(key.keyIdLen)});
+    switch (dwParam) {
+        case KP_PERMISSIONS:
+            return getWord(usageExchanges(key.keyUsage) ? CRYPT_DECRYPT : 0, out, "permission");
+        case KP_ALGID:
+            return getAlgId(key, out);
+        case KP_BLOCKLEN:
+        case KP_KEYLEN:
+            return getWord(key.keyBits, out, "blocklen");
+        case KP_CERTIFICATE:
+            return getCertificate(*context, key, out);
+        default:
+            return fail(NTE_BAD_TYPE, "CPGetKeyParam - unsupported input : ", dwParam);
+    }
+}
+
+// Length of the DER element at `der` by its own header, whose bytes are the only ones read; 0 when its length is
+// encoded in a way that no certificate needs.
+std::size_t derTotalLength(const BYTE* der) {
+    const unsigned char first = der[1];
+    if (first < 0x80) {
+        return 2u + first;
+    }
+    const unsigned int octets = first & 0x7Fu;
+    if (octets < 1 || octets > 3) {
+        return 0;
+    }
+    std::size_t content = 0;
+    for (unsigned int i = 0; i < octets; ++i) {
+        content = content << 8 | der[2 + i];
+    }
+    return 2 + octets + content;
+}
+
+// The PIN for storing a certificate: the remembered one, else the user is asked. False when there is none to be had; an
+// empty PIN is what single sign-on gives.
+bool pinForCertificate(const CspContext& context, SecretText& pin) {
+    pin = getDevicePassword(context.deviceId);
+    if (!pin.empty() || context.deviceId.empty()) {
+        return true;
+    }
+    if (!loginUser(context.deviceId, context.reserved, pin)) {
+        return false;
+    }
+    setDevicePassword(context.deviceId, pin.c_str());
+    return true;
+}
+
+TalvikCertificate certificateFor(const KEY_HANDLE& key, ByteView der) {
+    TalvikCertificate record = {};
+    std::memcpy(record.keyId, key.keyId, sizeof record.keyId);
+    std::copy(der.begin(), der.end(), record.der);
+    record.derLength = static_cast<std::uint32_t>(der.size());
+    std::memcpy(record.keyAlias, key.keyAlias, sizeof record.keyAlias);
+    record.keyAliasLength = key.keyAliasLen;
+    std::memcpy(record.label, key.label, sizeof record.label);
+    return record;
+}
+
+Outcome setCertificate(const CspContext& context, const KEY_HANDLE& key, const BYTE* pbData) {
+    if (pbData == nullptr) {
+        return fail(ERROR_INVALID_PARAMETER, "CPSetKeyParam: KP_CERTIFICATE pbData is null");
+    }
+    if (pbData[0] != 0x30) {
+        return fail(NTE_BAD_DATA, "CPSetKeyParam: KP_CERTIFICATE invalid DER (not a SEQUENCE)");
+    }
+    const std::size_t total = derTotalLength(pbData);
+    if (total == 0) {
+        return fail(NTE_BAD_DATA, "CPSetKeyParam: KP_CERTIFICATE unsupported DER length encoding");
+    }
+    logDebug("CPSetKeyParam: KP_CERTIFICATE DER length=", total);
+    if (total > sizeof TalvikCertificate::der) {
+        return fail(NTE_BAD_DATA, "CPSetKeyParam: KP_CERTIFICATE certificate too large");
+    }
+    SecretText pin;
+    if (!pinForCertificate(context, pin)) {
+        return fail(NTE_FAIL, "CPSetKeyParam: KP_CERTIFICATE login failed");
+    }
+    TalvikCertificate record = certificateFor(key, {pbData, total});
+    const int status = talvik_importCertificate(context.deviceId.c_str(), pin.c_str(), &record, context.reserved);
+    if (status != TALVIK_STATUS_OK) {
+        return fail(NTE_FAIL, "CPSetKeyParam: KP_CERTIFICATE import failed ret=", status);
+    }
+    logDebug("CPSetKeyParam: KP_CERTIFICATE imported successfully");
+    return success();
+}
+
+// The caller gives no length either: the key's algorithm code, set by an import, tells the cipher's block.
+Outcome setIv(const KEY_HANDLE& key, const BYTE* pbData) {
+    constexpr std::uint32_t aes = 10;
+    constexpr std::uint32_t tripleDes = 11;
+    const std::size_t blockSize = key.algId == aes ? 16 : key.algId == tripleDes ? 8 : 0;
+    if (blockSize == 0) {
+        return success();
+    }
+    if (pbData == nullptr) {
+        return fail(ERROR_INVALID_PARAMETER, "CPSetKeyParam: KP_IV pbData is null");
+    }
+    sharedIv.assign(pbData, pbData + blockSize);
+    return success();
+}
+
+// Accepted and noted, with no effect: a token key has no padding, mode or permissions to change.
+Outcome noteWord(const BYTE* pbData, const char* name) {
+    if (pbData != nullptr) {
+        DWORD value = 0;
+        std::memcpy(&value, pbData, sizeof value);
+        logDebug("CPSetKeyParam: ", name, " = ", value);
+    }
+    return success();
+}
+
+Outcome setParam(HCRYPTPROV hProv, HCRYPTKEY hKey, DWORD dwParam, const BYTE* pbData, DWORD dwFlags) {
+    logDebug("CPSetKeyParam");
+    const CspContext* const context = contextOf(hProv);
+    if (context == nullptr) {
+        return fail(NTE_BAD_UID, "CPSetKeyParam: context is null or not initialized");
+    }
+    if (hKey == 0) {
+        return fail(NTE_BAD_KEY, "CPSetKeyParam: key handle is null");
+    }
+    const KEY_HANDLE& key = *keyOf(hKey);
+    logDebug("Set key param key id : ", HexBytes{key.keyId, sizeof key.keyId});
+    logDebug("Set key param  dwParam : ", dwParam);
+    logDebug("Set key param  dwFlags : ", dwFlags);
+    logDebug("Set key param key algo : ", key.algId);
+    switch (dwParam) {
+        case KP_IV:
+            return setIv(key, pbData);
+        case KP_PADDING:
+            return noteWord(pbData, "KP_PADDING");
+        case KP_MODE:
+            return noteWord(pbData, "KP_MODE");
+        case KP_PERMISSIONS:
+            return noteWord(pbData, "KP_PERMISSIONS");
+        case KP_CERTIFICATE:
+            return setCertificate(*context, key, pbData);
+        default:
+            logDebug("CPSetKeyParam: unhandled dwParam=", dwParam);
+            return success();
+    }
+}
+
+}  // namespace
+}  // namespace talvik::csp
+
+using talvik::csp::entryPoint;
+
+BOOL WINAPI CPGetKeyParam(HCRYPTPROV hProv, HCRYPTKEY hKey, DWORD dwParam, BYTE* pbData, DWORD* pcbDataLen, DWORD) {
+    return entryPoint("CPGetKeyParam", [=] {
+        return talvik::csp::getParam(hProv, hKey, dwParam, {pbData, pcbDataLen});
+    });
+}
+
+BOOL WINAPI CPSetKeyParam(HCRYPTPROV hProv, HCRYPTKEY hKey, DWORD dwParam, const BYTE* pbData, DWORD dwFlags) {
+    return entryPoint("CPSetKeyParam", [=] { return talvik::csp::setParam(hProv, hKey, dwParam, pbData, dwFlags); });
+}

@@ -1,0 +1,90 @@
+#include "token/pin_dialog.h"
+
+#include "log/log.h"
+#include "module.h"
+#include "resources/resource.h"
+
+namespace talvik {
+namespace {
+
+constexpr LRESULT shortestPin = 4;
+constexpr LRESULT longestPin = 63;
+constexpr int pinBufferSize = 256;
+
+// One for the process: the dialog is modal.
+SecretText enteredPin;
+
+void enableLogin(HWND dialog, bool enable) {
+    EnableWindow(GetDlgItem(dialog, IDOK), enable ? TRUE : FALSE);
+}
+
+void onPinChanged(HWND dialog) {
+    const LRESULT length = SendDlgItemMessageA(dialog, IDC_USER_PIN, WM_GETTEXTLENGTH, 0, 0);
+    enableLogin(dialog, length >= shortestPin && length <= longestPin);
+}
+
+void takePin(HWND dialog) {
+    char pin[pinBufferSize] = {};
+    GetDlgItemTextA(dialog, IDC_USER_PIN, pin, sizeof pin);
+    enteredPin = SecretText(pin);
+    SecureZeroMemory(pin, sizeof pin);
+}
+
+INT_PTR onCommand(HWND dialog, WORD control, WORD notification) {
+    switch (control) {
+        case IDC_USER_PIN:
+            if (notification == EN_CHANGE) {
+                onPinChanged(dialog);
+            }
+            return TRUE;
+        case IDOK:
+            takePin(dialog);
+            break;
+        case IDCANCEL:
+            enteredPin.clear();
+            break;
+        default:
+            break;
+    }
+    EndDialog(dialog, 0);
+    return TRUE;
+}
+
+INT_PTR CALLBACK pinDialogProcedure(HWND dialog, UINT message, WPARAM wParam, LPARAM) {
+    switch (message) {
+        case WM_INITDIALOG:
+            enableLogin(dialog, false);
+            return TRUE;
+        case WM_COMMAND:
+            return onCommand(dialog, LOWORD(wParam), HIWORD(wParam));
+        case WM_CLOSE:
+            EndDialog(dialog, 0);
+            return TRUE;
+        default:
+            return FALSE;
+    }
+}
+
+}  // namespace
+
+void showPinDialog(HWND owner) {
+    logDebug("Password dialog show window");
+    enteredPin.clear();
+    logDebug("Password dialog show window before");
+    const INT_PTR result =
+        DialogBoxParamA(moduleInstance(), MAKEINTRESOURCEA(IDD_VERIFY_USER_PIN), owner, pinDialogProcedure, 0);
+    logDebug("Password dialog show window after");
+    if (result != 0) {
+        logError("Password dialog creation failed : ", static_cast<long long>(result));
+    }
+}
+
+SecretText getEnteredPin() {
+    return enteredPin;
+}
+
+void showTokenMessage(const char* message) {
+    MessageBoxA(nullptr, message, "Talvik", MB_OK);
+}
+
+}  // namespace talvik

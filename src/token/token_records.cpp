@@ -1,0 +1,100 @@
+#include "token/token_records.h"
+
+#include <algorithm>
+#include <iterator>
+
+namespace talvik {
+namespace {
+
+template <std::size_t Capacity>
+ByteView bounded(const unsigned char (&field)[Capacity], std::uint32_t length) {
+    return {field, std::min<std::size_t>(length, Capacity)};
+}
+
+template <std::size_t Capacity>
+std::string_view boundedText(const char (&field)[Capacity]) {
+    return {field, std::find(field, field + Capacity, '\0')};
+}
+
+// Indexed by TalvikKeyPair::keyType.
+constexpr std::uint32_t bitsByKeyType[] = {0, 1024, 2048, 3072, 4096, 256, 384, 521};
+
+int hexDigitValue(char digit) {
+    if (digit >= '0' && digit <= '9') {
+        return digit - '0';
+    }
+    return digit >= 'A' && digit <= 'F' ? digit - 'A' + 10 : -1;
+}
+
+}  // namespace
+
+std::string containerNameOf(const TalvikKeyPair& key) {
+    return bytesToHexString(key.keyId, sizeof key.keyId);
+}
+
+bool hasContainerName(const TalvikKeyPair& key, std::string_view name) {
+    if (name.size() != 2 * sizeof key.keyId) {
+        return false;
+    }
+    for (std::size_t i = 0; i < sizeof key.keyId; ++i) {
+        if (hexDigitValue(name[2 * i]) != key.keyId[i] >> 4 ||
+            hexDigitValue(name[2 * i + 1]) != (key.keyId[i] & 0x0F)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+ByteView publicKeyOf(const TalvikKeyPair& key) {
+    return bounded(key.modulus, key.modulusLength);
+}
+
+ByteView aliasOf(const TalvikKeyPair& key) {
+    return bounded(key.keyAlias, key.keyAliasLength);
+}
+
+ByteView aliasOf(const TalvikCertificate& certificate) {
+    return bounded(certificate.keyAlias, certificate.keyAliasLength);
+}
+
+ByteView derOf(const TalvikCertificate& certificate) {
+    return bounded(certificate.der, certificate.derLength);
+}
+
+std::string_view labelOf(const TalvikKeyPair& key) {
+    return boundedText(key.label);
+}
+
+std::string_view labelOf(const TalvikCertificate& certificate) {
+    return boundedText(certificate.label);
+}
+
+bool usageSigns(std::uint32_t usage) {
+    return usage == TALVIK_USAGE_SIGN || usage == TALVIK_USAGE_BOTH;
+}
+
+bool usageExchanges(std::uint32_t usage) {
+    return usage == TALVIK_USAGE_EXCHANGE || usage == TALVIK_USAGE_BOTH;
+}
+
+bool canSign(const TalvikKeyPair& key) {
+    return usageSigns(key.usage);
+}
+
+bool canExchange(const TalvikKeyPair& key) {
+    return usageExchanges(key.usage);
+}
+
+std::uint32_t keyBitsOfType(std::uint32_t keyType) {
+    return keyType < std::size(bitsByKeyType) ? bitsByKeyType[keyType] : 0;
+}
+
+bool isEllipticCurveType(std::uint32_t keyType) {
+    return keyType >= TALVIK_KEY_EC_P256 && keyType <= TALVIK_KEY_EC_P521;
+}
+
+bool equalBytes(ByteView left, ByteView right) {
+    return std::equal(left.begin(), left.end(), right.begin(), right.end());
+}
+
+}  // namespace talvik
