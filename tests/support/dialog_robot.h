@@ -5,10 +5,10 @@
 // hang on a window: a PIN dialog that no answer was scripted for is cancelled, a window that stays open is closed after
 // a bound, and both are test failures, told by finish().
 //
-// It needs no display: with Wine's null graphics driver (HKEY_CURRENT_USER\Software\Wine\Drivers, Graphics = "null")
-// windows exist and can be driven all the same. Without that value and without a display Wine creates no window at all;
-// on a display without a window manager each closing window costs two seconds, unless HKEY_CURRENT_USER\Software\Wine\
-// X11 Driver has Managed = "N".
+// It needs no display: with Wine's null graphics driver (value Graphics = "null" of HKEY_CURRENT_USER, key
+// Software/Wine/Drivers) windows exist and can be driven all the same. Without that value and without a display Wine
+// creates no window at all; on a display without a window manager each closing window costs two seconds, unless the
+// value Managed of the key Software/Wine/X11 Driver is "N".
 #pragma once
 
 #include <windows.h>
