@@ -3,6 +3,8 @@
 
 #include <psapi.h>
 
+#include <cstring>
+
 #include "e2e/surroundings.h"
 #include "support/dialog_robot.h"
 
