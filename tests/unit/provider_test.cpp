@@ -20,6 +20,8 @@ ProviderTest::ProviderTest() {
     scripted::reset();
     attachTokens({});
     talvik::forgetEverything();
+    talvik::containerQueried = false;
+    talvik::sharedIv.clear();
     forgetSoFar();
 }
 
