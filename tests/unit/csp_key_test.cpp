@@ -1,0 +1,294 @@
+#include <algorithm>
+#include <cstring>
+
+#include "csp/key.h"
+#include "token/session.h"
+#include "token/shared_state.h"
+#include "unit/provider_test.h"
+
+using namespace testing;
+using namespace talvik;
+
+namespace {
+
+constexpr char KEY_LIST[] = "talvik_getKeyPairList(\"T1\", null)";
+constexpr char VALIDATED[] = "DEBUG PIN already validated -- no need to ask again";
+const std::string ONE = "11111111111111111111111111111111";
+const std::string TWO = "22222222222222222222222222222222";
+
+class CspKeyTest : public ProviderTest {
+  protected:
+    ~CspKeyTest() override {
+        for (const HCRYPTKEY key : made_)
+            EXPECT_TRUE(CPDestroyKey(prov, key));
+    }
+
+    // The context is acquired when it is first needed, after the test has attached its tokens.
+    void open(const std::string& container = "") { prov = acquire(container); }
+    csp::CspContext& context() const { return *csp::contextOf(prov); }
+
+    HCRYPTKEY owned(HCRYPTKEY key) {
+        made_.push_back(key);
+        return key;
+    }
+    HCRYPTKEY userKey(DWORD keySpec = AT_SIGNATURE) {
+        HCRYPTKEY key = 0;
+        EXPECT_TRUE(CPGetUserKey(prov, keySpec, &key));
+        forgetSoFar();
+        return owned(key);
+    }
+    Lines userKeyLog(DWORD keySpec, const std::string& container = "") {
+        return {"DEBUG CPGetUserKey", "DEBUG CPGetUserKey -> dwKeySpec : " + std::to_string(keySpec),
+                "DEBUG CPGetUserKey - Container name : " + container};
+    }
+
+    HCRYPTPROV prov = 0;
+
+  private:
+    std::vector<HCRYPTKEY> made_;
+};
+
+Bytes content(const unsigned char* field, std::size_t length) {
+    return {field, field + length};
+}
+
+// --- CPGenKey --------------------------------------------------------------------------------------------------------
+
+TEST_F(CspKeyTest, GenerationChoosesUsageAndSize) {
+    struct {
+        ALG_ID algorithm;
+        DWORD flags;
+        const char* line;
+        std::uint32_t usage, bits;
+    } const rows[] = {
+        {CALG_RSA_SIGN, 0, "DEBUG rsa sign", 1, 2048},
+        {CALG_RSA_SIGN, 0x0000FFFF, "DEBUG rsa sign", 1, 2048},
+        {CALG_RSA_KEYX, 0x04000000, "DEBUG key exhange", 2, 1024},
+        {AT_SIGNATURE, 0x10000001, "DEBUG rsa sign", 1, 4096},
+        {AT_KEYEXCHANGE, 0x00010000, "DEBUG key exhange", 2, 1},
+        {CALG_RSA_KEYX, 0xFFFF0000, "DEBUG key exhange", 2, 65535},
+    };
+    open();
+    setDevicePassword(DEVICE, "1234");
+    TalvikKeyPair generated = scripted::keyPair(0x22);
+    generated.usage = 0;  // as requested
+    scripted::generates(generated);
+    for (const auto& row : rows) {
+        HCRYPTKEY key = 0;
+        const std::string request =
+            "{keyId=00000000000000000000000000000000 usage=" + std::to_string(row.usage) + " keyType=0}";
+        expectSuccess([&] { return CPGenKey(prov, row.algorithm, row.flags, &key); },
+                      {"DEBUG CPGenKey", row.line, VALIDATED,
+                       "DEBUG Key generated successfully, Algid=" + std::to_string(row.algorithm) +
+                           " bits=" + std::to_string(row.bits)},
+                      {"talvik_generateKeyPair(\"T1\", \"1234\", " + request + ", null)"});
+        const csp::KEY_HANDLE& handle = *csp::keyOf(owned(key));
+        EXPECT_EQ(handle.algId, row.algorithm);
+        EXPECT_EQ(handle.keyBits, row.bits);
+        EXPECT_EQ(handle.keyUsage, row.usage);
+        EXPECT_EQ(handle.keyIdLen, 16u);
+        EXPECT_EQ(content(handle.keyId, 16), filled(16, 0x22));
+        EXPECT_EQ(content(handle.keyAlias, handle.keyAliasLen), Bytes({0x22}));
+        EXPECT_STREQ(handle.label, "label 34");
+        EXPECT_EQ(handle.publicKeyLen, 256u);
+        EXPECT_EQ(content(handle.publicKey, 256), content(generated.modulus, 256));
+        EXPECT_EQ(handle.storageFlag, 0);
+        EXPECT_EQ(handle.aesKeyLen, 0);
+        EXPECT_EQ(context().containerName, TWO);
+    }
+    EXPECT_FALSE(findContainerAlias(""));
+}
+
+TEST_F(CspKeyTest, TheRequestedContainerBecomesAnAliasOfTheNewKey) {
+    open("old");
+    setDevicePassword(DEVICE, "1234");
+    scripted::generates(scripted::keyPair(0x22));
+    HCRYPTKEY key = 0;
+    ASSERT_TRUE(CPGenKey(prov, CALG_RSA_SIGN, 0, &key));
+    owned(key);
+    EXPECT_EQ(findContainerAlias("old"), TWO);
+    EXPECT_EQ(context().containerName, TWO);
+    attachTokens({scripted::keyPair(0x11), scripted::keyPair(0x22)});
+    EXPECT_EQ(content(csp::keyOf(userKey())->keyId, 16), filled(16, 0x22));
+    EXPECT_EQ(csp::contextOf(acquire("old"))->containerName, TWO);
+}
+
+TEST_F(CspKeyTest, GenerationRefusals) {
+    open("old");
+    HCRYPTKEY key = UNTOUCHED_HANDLE;
+    expectRefusals(
+        "CPGenKey",
+        {{[&] { return CPGenKey(0, 0, 0, nullptr); }, ERROR_INVALID_PARAMETER, "CPGenKey: phKey is NULL"},
+         {[&] { return CPGenKey(0, 0, 0, &key); }, NTE_BAD_UID, "Invalid CSP context"},
+         {[&] { return CPGenKey(invalid, CALG_RSA_SIGN, 0, &key); }, NTE_BAD_UID, "Invalid CSP context"},
+         {[&] { return CPGenKey(prov, CALG_AES_128, 0, &key); }, NTE_BAD_ALGID, "Unsupported algorithm26126"},
+         {[&] { return CPGenKey(prov, 3, 0, &key); }, NTE_BAD_ALGID, "Unsupported algorithm3"},
+         {[&] { return CPGenKey(prov, AT_SIGNATURE, 0x0000FFFF, &key); }, NTE_BAD_LEN, "Unsupported Length2"},
+         {[&] { return CPGenKey(prov, AT_KEYEXCHANGE, 0, &key); }, NTE_BAD_LEN, "Unsupported Length1"}});
+    EXPECT_EQ(key, 0u);
+
+    key = UNTOUCHED_HANDLE;
+    robot.cancels();
+    forgetSoFar();
+    EXPECT_FALSE(CPGenKey(prov, CALG_RSA_SIGN, 0, &key));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_FAIL));
+    EXPECT_THAT(ofLevel(log.entries(), "ERROR"),
+                ElementsAre("Password validation failed", "CPGenKey: ensurePasswordValidated failed"));
+    EXPECT_EQ(scripted::callCount("talvik_generateKeyPair"), 0);
+
+    setDevicePassword(DEVICE, "1234");
+    scripted::next("talvik_generateKeyPair", {.status = 31});
+    forgetSoFar();
+    EXPECT_FALSE(CPGenKey(prov, CALG_RSA_SIGN, 0, &key));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_TOKEN_KEYSET_STORAGE_FULL));
+    EXPECT_EQ(log.entries().back(), "ERROR RSA Keypair Generation Failed, code=31");
+    EXPECT_EQ(key, 0u);
+    EXPECT_EQ(context().containerName, "old");
+    EXPECT_FALSE(findContainerAlias("old"));
+}
+
+// --- CPGetUserKey ----------------------------------------------------------------------------------------------------
+
+TEST_F(CspKeyTest, TheFirstSuitableKeyIsTaken) {
+    struct {
+        const char* name;
+        std::vector<TalvikKeyPair> keys;
+        bool queried;
+        DWORD keySpec;
+        int taken;  // fill byte of the key, 0 for none
+        ALG_ID algorithm;
+    } const rows[] = {
+        {"sign key", {scripted::keyPair(1, 2), scripted::keyPair(2, 1)}, false, AT_SIGNATURE, 2, CALG_RSA_SIGN},
+        {"both signs", {scripted::keyPair(1, 3), scripted::keyPair(2, 1)}, false, AT_SIGNATURE, 1, CALG_RSA_SIGN},
+        {"exchange key", {scripted::keyPair(1, 1), scripted::keyPair(2, 2)}, false, AT_KEYEXCHANGE, 2, CALG_RSA_KEYX},
+        {"both exchanges", {scripted::keyPair(1, 3)}, false, AT_KEYEXCHANGE, 1, CALG_RSA_KEYX},
+        {"no exchange key", {scripted::keyPair(1, 1)}, false, AT_KEYEXCHANGE, 0, 0},
+        {"no sign key", {scripted::keyPair(1, 2)}, false, AT_SIGNATURE, 0, 0},
+        {"unknown usage", {scripted::keyPair(1, 0), scripted::keyPair(2, 4)}, false, AT_SIGNATURE, 0, 0},
+        {"other key spec", {scripted::keyPair(1, 3)}, false, 3, 0, 0},
+        {"algorithm as key spec", {scripted::keyPair(1, 3)}, false, CALG_RSA_SIGN, 0, 0},
+        {"queried: sign key for exchange", {scripted::keyPair(1, 1)}, true, AT_KEYEXCHANGE, 1, CALG_RSA_SIGN},
+        {"queried: exchange key for signing", {scripted::keyPair(1, 2)}, true, AT_SIGNATURE, 1, CALG_RSA_KEYX},
+        {"queried: any key spec", {scripted::keyPair(1, 2)}, true, 77, 1, CALG_RSA_KEYX},
+        {"queried: first of all",
+         {scripted::keyPair(1, 2), scripted::keyPair(2, 1)},
+         true,
+         AT_SIGNATURE,
+         1,
+         CALG_RSA_KEYX},
+        {"queried: no usage", {scripted::keyPair(1, 0)}, true, AT_SIGNATURE, 0, 0},
+        {"curve", {scripted::keyPair(1, 1, TALVIK_KEY_EC_P384)}, false, AT_SIGNATURE, 1, 0x2200},
+        {"curve, exchange", {scripted::keyPair(1, 2, TALVIK_KEY_EC_P384)}, false, AT_KEYEXCHANGE, 1, CALG_RSA_KEYX},
+    };
+    open();
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        attachTokens(row.keys);
+        containerQueried = row.queried;
+        HCRYPTKEY key = UNTOUCHED_HANDLE;
+        const Call call = [&] { return CPGetUserKey(prov, row.keySpec, &key); };
+        const Lines lines = userKeyLog(row.keySpec);
+        if (row.taken == 0) {
+            expectFailure(
+                call, NTE_BAD_KEY,
+                lines + Lines{"ERROR CPGetUserKey: requested key not found, dwKeySpec=" + std::to_string(row.keySpec)},
+                {KEY_LIST});
+            EXPECT_EQ(key, UNTOUCHED_HANDLE);
+            continue;
+        }
+        expectSuccess(
+            call,
+            lines + Lines{row.algorithm == CALG_RSA_KEYX ? "DEBUG Encryption key found" : "DEBUG Sign key found",
+                          "DEBUG CPGetUserKey - return key algorithm : " + std::to_string(row.algorithm)},
+            {KEY_LIST});
+        EXPECT_EQ(csp::keyOf(owned(key))->algId, row.algorithm);
+        EXPECT_EQ(csp::keyOf(key)->keyId[0], row.taken);
+    }
+}
+
+TEST_F(CspKeyTest, TheContainerNamesTheKeyExactly) {
+    attachTokens({scripted::keyPair(0x11), scripted::keyPair(0x22)});
+    open(TWO);
+    EXPECT_EQ(content(csp::keyOf(userKey())->keyId, 16), filled(16, 0x22));
+    for (const std::string& name : {std::string("label 34"), TWO.substr(1), TWO + " ", std::string("x")}) {
+        open(name);
+        HCRYPTKEY key = UNTOUCHED_HANDLE;
+        expectFailure(
+            [&] { return CPGetUserKey(prov, AT_SIGNATURE, &key); }, NTE_BAD_KEY,
+            userKeyLog(AT_SIGNATURE, name) + Lines{"ERROR CPGetUserKey: requested key not found, dwKeySpec=2"},
+            {KEY_LIST});
+    }
+}
+
+TEST_F(CspKeyTest, TheHandleDescribesTheKeyPair) {
+    const std::uint32_t bits[] = {0, 1024, 2048, 3072, 4096, 256, 384, 521, 0};
+    open();
+    for (std::uint32_t type = 0; type < std::size(bits); ++type) {
+        const TalvikKeyPair pair = scripted::keyPair(0x11, 3, type, 128);
+        attachTokens({pair});
+        const csp::KEY_HANDLE& handle = *csp::keyOf(userKey());
+        EXPECT_EQ(handle.keyBits, bits[type]);
+        EXPECT_EQ(handle.keyIdLen, 16u);
+        EXPECT_EQ(handle.keyUsage, 3u);
+        EXPECT_EQ(handle.storageFlag, 1);
+        EXPECT_EQ(content(handle.keyAlias, handle.keyAliasLen), Bytes({0x11}));
+        EXPECT_STREQ(handle.label, "label 17");
+        EXPECT_EQ(content(handle.publicKey, handle.publicKeyLen), content(pair.modulus, 128));
+    }
+}
+
+// A record that lies about its lengths counts as carrying its whole fields.
+TEST_F(CspKeyTest, LyingRecordsAreBoundedByTheirFields) {
+    for (const std::uint32_t lie : {129u, 1025u, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFFu}) {
+        TalvikKeyPair pair = scripted::keyPair(0x11);
+        pair.modulusLength = lie < 1025 ? 1024 : lie;
+        pair.keyAliasLength = lie;
+        std::ranges::fill(pair.label, 'L');
+        attachTokens({pair});
+        open();
+        const csp::KEY_HANDLE& handle = *csp::keyOf(userKey());
+        EXPECT_EQ(content(handle.publicKey, handle.publicKeyLen), content(pair.modulus, 1024));
+        EXPECT_EQ(content(handle.keyAlias, handle.keyAliasLen), content(pair.keyAlias, 128));
+        EXPECT_EQ(std::string(handle.label), std::string(128, 'L'));
+        setDevicePassword(DEVICE, "1234");
+        scripted::generates(pair);
+        HCRYPTKEY generated = 0;
+        ASSERT_TRUE(CPGenKey(prov, CALG_RSA_SIGN, 0, &generated));
+        EXPECT_EQ(csp::keyOf(owned(generated))->publicKeyLen, 1024u);
+        EXPECT_EQ(csp::keyOf(generated)->keyAliasLen, 128u);
+        EXPECT_EQ(std::string(csp::keyOf(generated)->label), std::string(128, 'L'));
+    }
+}
+
+TEST_F(CspKeyTest, UserKeyRefusals) {
+    open();
+    HCRYPTKEY key = UNTOUCHED_HANDLE;
+    expectRefusals("CPGetUserKey", {{[&] { return CPGetUserKey(prov, AT_SIGNATURE, nullptr); }, NTE_BAD_KEY,
+                                     "CPGetUserKey: phUserKey or hProv is null"},
+                                    {[&] { return CPGetUserKey(0, AT_SIGNATURE, &key); }, NTE_BAD_KEY,
+                                     "CPGetUserKey: phUserKey or hProv is null"},
+                                    {[&] { return CPGetUserKey(invalid, AT_SIGNATURE, &key); }, NTE_BAD_UID,
+                                     "CPGetUserKey: context is not initialized"}});
+    expectFailure(
+        [&] { return CPGetUserKey(prov, AT_SIGNATURE, &key); }, NTE_NO_KEY,
+        {"DEBUG CPGetUserKey", "DEBUG CPGetUserKey -> dwKeySpec : 2", "ERROR CPGetUserKey: key list is empty"},
+        {KEY_LIST});
+    EXPECT_EQ(key, UNTOUCHED_HANDLE);
+}
+
+// --- CPDestroyKey ----------------------------------------------------------------------------------------------------
+
+TEST_F(CspKeyTest, DestructionDeletesNothingOnTheToken) {
+    attachTokens({scripted::keyPair(0x11)});
+    open();
+    HCRYPTKEY key = 0;
+    ASSERT_TRUE(CPGetUserKey(prov, AT_SIGNATURE, &key));
+    const std::string context = "CPDestroyKey: invalid or uninitialized context";
+    expectRefusals("CPDestroyKey",
+                   {{[&] { return CPDestroyKey(0, key); }, NTE_BAD_UID, context},
+                    {[&] { return CPDestroyKey(invalid, 0); }, NTE_BAD_UID, context},
+                    {[&] { return CPDestroyKey(prov, 0); }, NTE_BAD_KEY, "CPDestroyKey: pKeyHandle is NULL"}});
+    expectSuccess([&] { return CPDestroyKey(prov, key); }, {"DEBUG CPDestroyKey"}, {});
+}
+
+}  // namespace
