@@ -122,16 +122,17 @@ TEST_F(VirtualTokenTest, WrongArguments) {
     EXPECT_EQ(talvik_init(0, nullptr, 2), 0);
 }
 
-// Outputs go into the caller's buffer only when they fit; the needed length is told.
+// A signature goes to a caller who vouches for the room, whatever the length says on entry; a plaintext goes into the
+// caller's buffer only when it fits. The length is told either way.
 TEST_F(VirtualTokenTest, RoomIsRespected) {
     const Key key = generate(TALVIK_KEY_RSA_1024, TALVIK_USAGE_SIGN);
     unsigned char signature[129] = {};
     signature[128] = 0xA5;
     const Bytes digest = pattern(32);
-    for (const auto& [room, status] : {std::pair{127, +BufferTooSmall}, {128, 0}, {0, 0}}) {
-        int length = room;
+    for (const int hint : {-1, 0, 127, 128}) {
+        int length = hint;
         EXPECT_EQ(talvik_signHash(device, key.id(), pin, digest.data(), 32, signature, &length, false, nullptr, false),
-                  status);
+                  0);
         EXPECT_EQ(length, 128);
     }
     EXPECT_EQ(signature[128], 0xA5);
