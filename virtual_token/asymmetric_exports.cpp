@@ -12,15 +12,22 @@ namespace {
 constexpr std::array rsaTypes = {EncryptionType::Rsa1024, EncryptionType::Rsa2048, EncryptionType::Rsa3072,
                                  EncryptionType::Rsa4096};
 
+// A signature or an RSA ciphertext: what the length holds on entry is a hint and no bound, the caller's buffer has room
+// for the largest result.
+void copyResult(ByteView result, unsigned char* buffer, int* length) {
+    std::ranges::copy(result, buffer);
+    *length = static_cast<int>(result.size());
+}
+
 }  // namespace
 
 int talvik_signHash(const char* deviceId, const unsigned char* keyId, const char* password, const unsigned char* hash,
                     int hashLength, unsigned char* signature, int* signatureLength, bool, void*, bool usePss) {
     return guarded([&] {
-        require(signature != nullptr && signatureLength != nullptr && *signatureLength >= 0, Status::InvalidArgument);
+        require(signature != nullptr && signatureLength != nullptr, Status::InvalidArgument);
         const ByteView digest = inputOf(hash, hashLength);
-        copyOut(deviceOf(deviceId)->sign(textOf(password), objectIdOf(keyId), digest, usePss), signature,
-                signatureLength);
+        copyResult(deviceOf(deviceId)->sign(textOf(password), objectIdOf(keyId), digest, usePss), signature,
+                   signatureLength);
     });
 }
 
@@ -41,11 +48,11 @@ int talvik_encrypt(EncryptionType type, PaddingMode padding, const unsigned char
     return guarded([&] {
         require(std::ranges::find(rsaTypes, type) != rsaTypes.end(), Status::Unsupported);
         require(padding == PaddingMode::Pkcs1 || padding == PaddingMode::Oaep, Status::Unsupported);
+        require(ciphertext != nullptr && ciphertextLength != nullptr, Status::InvalidArgument);
         const ByteView input = inputOf(plaintext, plaintextLength);
         const PublicKey key(inputOf(publicKey, publicKeyLength));
         require(key.isRsa(), Status::BadKey);
-        requireRoom(ciphertext, ciphertextLength, key.modulus().size());
-        copyOut(key.encrypt(input, padding == PaddingMode::Oaep), ciphertext, ciphertextLength);
+        copyResult(key.encrypt(input, padding == PaddingMode::Oaep), ciphertext, ciphertextLength);
     });
 }
 

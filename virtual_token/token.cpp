@@ -280,7 +280,7 @@ void Token::unblock(std::string_view adminPin, std::string_view newPin) {
 // The session file holds the master key in clear, for its owner alone: that is what lets other processes in without
 // the PIN, and a convenience of a development token.
 void Token::signOn(std::string_view pin) {
-    requirePinRule(pin);
+    validatePin(pin);
     const MasterKey key = unlock(pin);
     locked([&](const Snapshot& now) {
         const nlohmann::ordered_json session = {{"masterKeyId", now.state.masterKeyId}, {"masterKey", toBase64(*key)}};
