@@ -10,6 +10,7 @@
 #include "csp/outcome.h"
 #include "log/log.h"
 #include "token/pin_login.h"
+#include "token/public_key.h"
 #include "token/session.h"
 #include "token/token_records.h"
 
@@ -152,20 +153,10 @@ const char* fetchDigest(HCRYPTPROV hProv, HCRYPTHASH hHash, HASH_CONTEXT& hash) 
     return nullptr;
 }
 
-Bytes derFromModulus(ByteView modulus) {
-    return buildRsaPublicKeyDer(bytesToHexString(modulus.data(), static_cast<int>(modulus.size())),
-                                DEFAULT_PUBLIC_EXPONENT);
-}
-
 Bytes publicKeyFromHandle(const KEY_HANDLE& key) {
     logDebug("key handle available");
-    const ByteView publicKey = publicKeyOf(key);
-    if (isDerPublicKey(publicKey)) {
-        logDebug("Public key is already DER encoded");
-        return {publicKey.begin(), publicKey.end()};
-    }
-    logDebug("Public key is not DER encoded, converting to DER");
-    return derFromModulus(publicKey);
+    return derPublicKeyOf(publicKeyOf(key),
+                          {"Public key is already DER encoded", "Public key is not DER encoded, converting to DER"});
 }
 
 // Of the context's signing key; empty when the token has none. Its modulus is taken as it is, whatever its first byte.
@@ -175,7 +166,7 @@ Bytes publicKeyFromToken(const CspContext& context) {
     const std::vector<TalvikKeyPair> keys = talvik_getKeyPairList(context.deviceId.c_str(), context.reserved);
     for (const TalvikKeyPair& key : keys) {
         if (canSign(key) && (context.containerName.empty() || hasContainerName(key, context.containerName))) {
-            return derFromModulus(talvik::publicKeyOf(key));
+            return derOfModulus(talvik::publicKeyOf(key));
         }
     }
     return {};

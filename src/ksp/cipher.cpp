@@ -25,9 +25,8 @@ EncryptionType aesEncryption(const KspKey& key) {
     return isAes128 ? EncryptionType::Aes128Cbc : EncryptionType::Aes256Cbc;
 }
 
-// None in ECB mode, and none where none was set: a null pointer.
-ByteView ivFor(const KspKey& key) {
-    return key.useEcb != 0 || sharedIv.empty() ? ByteView() : ByteView(sharedIv);
+IvSnapshot ivFor(const KspKey& key) {
+    return key.useEcb != 0 ? IvSnapshot(nullptr) : sharedIv();
 }
 
 SECURITY_STATUS encryptRsa(const KspProvider& provider, const KspKey& key, ByteView input, Output out, DWORD dwFlags) {
@@ -58,12 +57,12 @@ SECURITY_STATUS encryptRsa(const KspProvider& provider, const KspKey& key, ByteV
 // A size query is answered like any other call, by doing the work: only the library knows the padding.
 SECURITY_STATUS encryptAes(const KspProvider& provider, const KspKey& key, ByteView input, Output out) {
     logDebug("KSP: Symmetric encrypt ", key.useEcb != 0 ? "ECB" : "CBC", " mode");
-    const ByteView iv = ivFor(key);
+    const IvSnapshot iv = ivFor(key);
     LibraryBuffer ciphertext(input.size() + longestAesAddition);
     const int status =
         talvik_encrypt_aes(provider.deviceId.c_str(), aesEncryption(key), key.symmetricKey,
                            lengthOf(symmetricKeyOf(key)), input.data(), lengthOf(input), ciphertext.bytesOut(),
-                           ciphertext.lengthOut(), false, iv.data(), lengthOf(iv), nullptr, 0, provider.libraryContext);
+                           ciphertext.lengthOut(), false, iv.data(), iv.length(), nullptr, 0, provider.libraryContext);
     if (status != TALVIK_STATUS_OK || !ciphertext.isHonest()) {
         return fail(NTE_INTERNAL_ERROR, "KSP: Symmetric encryption failed: ", status);
     }
@@ -116,16 +115,16 @@ SECURITY_STATUS decryptRsa(const KspProvider& provider, const KspKey& key, ByteV
 }
 
 SECURITY_STATUS decryptAes(const KspProvider& provider, const KspKey& key, ByteView input, Output out) {
-    const ByteView iv = ivFor(key);
+    const IvSnapshot iv = ivFor(key);
     const ByteView keyBytes = symmetricKeyOf(key);
     logDebug("KSP: Symmetric decrypt ", key.useEcb != 0 ? "ECB" : "CBC", " mode");
-    logDebug("KSP: Decrypt input iv : ", HexBytes{iv.data(), lengthOf(iv)});
+    logDebug("KSP: Decrypt input iv : ", HexBytes{iv.data(), iv.length()});
     logDebug("KSP: Decrypt input key : ", HexBytes{keyBytes.data(), lengthOf(keyBytes)});
     SecretBytes plaintext(input.size());
     int length = lengthOf(input);
     const int status =
         talvik_decryptSymetric(provider.deviceId.c_str(), input.data(), lengthOf(input), plaintext.data(), &length,
-                               iv.data(), lengthOf(iv), keyBytes.data(), lengthOf(keyBytes), provider.libraryContext);
+                               iv.data(), iv.length(), keyBytes.data(), lengthOf(keyBytes), provider.libraryContext);
     if (status != TALVIK_STATUS_OK || length < 0 || length > lengthOf(input)) {
         return fail(NTE_INTERNAL_ERROR, "KSP: Symmetric decryption failed: ", status);
     }

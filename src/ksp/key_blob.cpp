@@ -16,7 +16,7 @@
 #include "ksp/rsa.h"
 #include "log/log.h"
 #include "token/aes_import.h"
-#include "token/blob_reader.h"
+#include "token/blob_cursor.h"
 #include "token/session.h"
 
 namespace talvik::ksp {
@@ -98,16 +98,16 @@ std::unique_ptr<KspKey> storeOnToken(const KspProvider& provider, std::uint32_t 
 }
 
 SECURITY_STATUS importRsaPublicKey(const Import& import) {
-    BlobReader reader(import.data);
-    const auto header = reader.read<BCRYPT_RSAKEY_BLOB>();
+    BlobCursor cursor(import.data);
+    const auto header = cursor.read<BCRYPT_RSAKEY_BLOB>();
     if (!header) {
         return fail(NTE_BAD_DATA, "KSPImportKey: BCRYPT_RSAPUBLIC_BLOB data too small");
     }
     if (header->Magic != BCRYPT_RSAPUBLIC_MAGIC) {
         return fail(NTE_BAD_DATA, "KSPImportKey: BCRYPT_RSAPUBLIC_BLOB invalid magic");
     }
-    const bool hasExponent = reader.take(header->cbPublicExp).has_value();
-    const auto modulus = reader.take(header->cbModulus);
+    const bool hasExponent = cursor.take(header->cbPublicExp).has_value();
+    const auto modulus = cursor.take(header->cbModulus);
     if (!hasExponent || !modulus) {
         return fail(NTE_BAD_DATA, "KSPImportKey: BCRYPT_RSAPUBLIC_BLOB data too small for key material");
     }
@@ -125,15 +125,15 @@ SECURITY_STATUS importRsaPublicKey(const Import& import) {
 }
 
 SECURITY_STATUS importLegacyPublicKey(const Import& import) {
-    BlobReader reader(import.data);
-    const auto header = reader.read<LegacyPublicHeader>();
+    BlobCursor cursor(import.data);
+    const auto header = cursor.read<LegacyPublicHeader>();
     if (!header) {
         return fail(NTE_BAD_DATA, "KSPImportKey: LEGACY_RSAPUBLIC_BLOB data too small for header");
     }
     if (header->key.magic != BCRYPT_RSAPUBLIC_MAGIC) {
         return fail(NTE_BAD_DATA, "KSPImportKey: LEGACY_RSAPUBLIC_BLOB invalid magic");
     }
-    const auto littleEndian = reader.take(header->key.bitlen / 8);
+    const auto littleEndian = cursor.take(header->key.bitlen / 8);
     if (!littleEndian) {
         return fail(NTE_BAD_DATA, "KSPImportKey: LEGACY_RSAPUBLIC_BLOB data too small for modulus");
     }
@@ -158,15 +158,15 @@ SECURITY_STATUS importLegacyPublicKey(const Import& import) {
 }
 
 SECURITY_STATUS importKeyData(const Import& import) {
-    BlobReader reader(import.data);
-    const auto header = reader.read<BCRYPT_KEY_DATA_BLOB_HEADER>();
+    BlobCursor cursor(import.data);
+    const auto header = cursor.read<BCRYPT_KEY_DATA_BLOB_HEADER>();
     if (!header) {
         return fail(NTE_BAD_DATA, "KSPImportKey: BCRYPT_KEY_DATA_BLOB data too small for header");
     }
     if (header->dwMagic != BCRYPT_KEY_DATA_BLOB_MAGIC) {
         return fail(NTE_BAD_DATA, "KSPImportKey: BCRYPT_KEY_DATA_BLOB invalid magic");
     }
-    const auto value = reader.take(header->cbKeyData);
+    const auto value = cursor.take(header->cbKeyData);
     if (!value) {
         return fail(NTE_BAD_DATA, "KSPImportKey: BCRYPT_KEY_DATA_BLOB data too small for key material");
     }

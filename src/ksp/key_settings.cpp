@@ -122,7 +122,7 @@ std::size_t expectedIvSize(std::uint32_t symmetricKeyLength) {
 
 SECURITY_STATUS setIv(const Setting& setting) {
     if (setting.isEmpty()) {
-        sharedIv.clear();
+        setSharedIv({});
         logDebug("KSP: IV cleared");
         return ERROR_SUCCESS;
     }
@@ -131,7 +131,7 @@ SECURITY_STATUS setIv(const Setting& setting) {
     if (expected != 0 && size != expected) {
         return fail(NTE_INVALID_PARAMETER, "KSP: IV size mismatch: got ", size, ", expected ", expected);
     }
-    sharedIv.assign(setting.input.begin(), setting.input.end());
+    setSharedIv(setting.input);
     logDebug("KSP: IV set, size: ", size);
     return ERROR_SUCCESS;
 }

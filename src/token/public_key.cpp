@@ -10,7 +10,11 @@ Bytes derPublicKeyOf(ByteView publicKey, const PublicKeyTexts& texts) {
         return {publicKey.begin(), publicKey.end()};
     }
     logDebug(texts.bareModulus);
-    return buildRsaPublicKeyDerFromBytes(publicKey, hexStringToBytes(DEFAULT_PUBLIC_EXPONENT));
+    return derOfModulus(publicKey);
+}
+
+Bytes derOfModulus(ByteView modulus) {
+    return buildRsaPublicKeyDerFromBytes(modulus, hexStringToBytes(DEFAULT_PUBLIC_EXPONENT));
 }
 
 }  // namespace talvik

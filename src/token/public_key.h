@@ -17,4 +17,7 @@ struct PublicKeyTexts {
 // empty key stays empty.
 Bytes derPublicKeyOf(ByteView publicKey, const PublicKeyTexts& texts);
 
+// The same of a key that is known to be a bare modulus, whatever its first byte.
+Bytes derOfModulus(ByteView modulus);
+
 }  // namespace talvik

@@ -1,4 +1,4 @@
-// Reading of key blobs and other data of a caller: a cursor that knows its end.
+// Reading of key blobs: a cursor that knows its end.
 #pragma once
 
 #include <cstring>
@@ -7,13 +7,13 @@
 
 #include "token/key_encoding.h"
 
-namespace talvik {
+namespace talvik::ksp {
 
 // Nothing past the end is ever read, whatever lengths the data itself claims; a piece that is not all there fails and
 // leaves the cursor where it was.
-class BlobReader {
+class BlobCursor {
   public:
-    explicit BlobReader(ByteView data) noexcept : rest_(data) {}
+    explicit BlobCursor(ByteView data) noexcept : rest_(data) {}
 
     std::optional<ByteView> take(std::size_t count) noexcept {
         if (count > rest_.size()) {
@@ -41,4 +41,4 @@ class BlobReader {
     ByteView rest_;
 };
 
-}  // namespace talvik
+}  // namespace talvik::ksp

@@ -1,0 +1,254 @@
+// CPImportKey: public keys stay in the handle as DER, session keys are unwrapped on the token and stay in the handle,
+// plain and wrapped AES keys are stored on the token.
+#include <algorithm>
+#include <climits>
+#include <cstring>
+#include <iterator>
+#include <memory>
+
+#include "csp/blob.h"
+#include "csp/context.h"
+#include "csp/entry_points.h"
+#include "csp/key.h"
+#include "csp/outcome.h"
+#include "log/log.h"
+#include "token/aes_import.h"
+#include "token/library_buffer.h"
+#include "token/session.h"
+
+namespace talvik::csp {
+namespace {
+
+constexpr std::size_t resultMargin = 1024;  // how much longer than its input an honest plaintext can be
+
+// More than this is no RSA ciphertext, and its length more likely garbage than memory to read.
+constexpr std::size_t longestCiphertext = 0x10000;
+
+// What every import gets: the context, the blob, the key that unwraps it, and where the new handle goes.
+struct Import {
+    const CspContext& context;
+    BlobReader blob;
+    const KEY_HANDLE* importingKey;
+    HCRYPTKEY* phKey;
+
+    ByteView payload() const { return blob.from(BLOB_PAYLOAD); }
+    ALG_ID algId() const { return blob.wordAt(BLOB_ALG_ID); }
+};
+
+void handOver(std::unique_ptr<KEY_HANDLE> key, HCRYPTKEY* phKey) {
+    *phKey = reinterpret_cast<HCRYPTKEY>(key.release());
+}
+
+std::unique_ptr<KEY_HANDLE> newKey() {
+    auto key = std::make_unique<KEY_HANDLE>();
+    key->keyIdLen = sizeof key->keyId;
+    return key;
+}
+
+// --- session keys ----------------------------------------------------------------------------------------------------
+
+struct SessionKeyAlgorithm {
+    ALG_ID algId;
+    std::uint32_t code;  // what the handle's KP_ALGID reports
+};
+
+constexpr SessionKeyAlgorithm sessionKeyAlgorithms[] = {{CALG_3DES, 11}, {CALG_AES_128, 8}, {CALG_AES_256, 10}};
+
+bool decryptSessionKey(const Import& import, ByteView ciphertext, LibraryBuffer& plaintext) {
+    const std::string& deviceId = import.context.deviceId;
+    const int status =
+        talvik_decrypt(deviceId.c_str(), import.importingKey->keyId, getDevicePassword(deviceId).c_str(),
+                       ciphertext.data(), static_cast<int>(ciphertext.size()), plaintext.bytesOut(),
+                       plaintext.lengthOut(), import.importingKey->storageFlag != 0, import.context.reserved);
+    return status == TALVIK_STATUS_OK && plaintext.isHonest();
+}
+
+Outcome importSessionKey(const Import& import) {
+    if (import.importingKey == nullptr) {
+        return fail(NTE_BAD_TYPE, "SIMPLEBLOB requires public key handle");
+    }
+    logDebug("Input key id : ", HexBytes{import.importingKey->keyId, sizeof import.importingKey->keyId});
+    const ByteView payload = import.payload();
+    const bool isPlausible = payload.size() <= longestCiphertext;
+    LibraryBuffer plaintext(payload.size() + resultMargin);
+    if (!isPlausible || !decryptSessionKey(import, reverseBytes(payload), plaintext)) {
+        logError("SIMPLEBLOB decryption failed");
+        if (!isPlausible || !decryptSessionKey(import, payload, plaintext)) {
+            return fail(NTE_FAIL, "SIMPLEBLOB decryption failed (both orderings)");
+        }
+    }
+    const auto* const algorithm =
+        std::find_if(std::begin(sessionKeyAlgorithms), std::end(sessionKeyAlgorithms),
+                     [&](const SessionKeyAlgorithm& candidate) { return candidate.algId == import.algId(); });
+    if (algorithm == std::end(sessionKeyAlgorithms)) {
+        return fail(NTE_BAD_ALGID, "Unsupported algorithm for SIMPLEBLOB: ", import.algId());
+    }
+    const ByteView value = plaintext.view();
+    std::unique_ptr<KEY_HANDLE> key = newKey();
+    if (value.size() > sizeof key->aesKey) {
+        return fail(NTE_BAD_DATA, "SIMPLEBLOB decryption failed (key too long)");
+    }
+    key->algId = algorithm->code;
+    std::copy(value.begin(), value.end(), key->aesKey);
+    key->aesKeyLen = static_cast<std::int32_t>(value.size());
+    logDebug("Output key id : ", HexBytes{key->keyId, sizeof key->keyId});
+    handOver(std::move(key), import.phKey);
+    logDebug("SIMPLEBLOB imported successfully (AES)");
+    return success();
+}
+
+// --- public keys -----------------------------------------------------------------------------------------------------
+
+constexpr std::uint32_t rsaSizes[] = {1024, 2048, 3072, 4096};  // the handle's algId is the place in this list, from 1
+
+Outcome importPublicKey(const Import& import) {
+    const BlobReader& blob = import.blob;
+    const std::uint32_t magic = blob.wordAt(BLOB_RSA_MAGIC);
+    if (magic != RSA_PUBLIC_MAGIC) {
+        return fail(NTE_BAD_DATA, "CPImportKey PUBLICKEYBLOB: magic mismatch, actual=0x", uintToHexString(magic));
+    }
+    const std::uint32_t bits = blob.wordAt(BLOB_RSA_BITS);
+    const std::size_t modulusSize = bits / 8;
+    if (blob.size() < BLOB_RSA_MODULUS + modulusSize) {
+        return fail(NTE_BAD_DATA, "CPImportKey PUBLICKEYBLOB: size mismatch, cbDataLen=", blob.size(),
+                    " required=", BLOB_RSA_MODULUS + modulusSize);
+    }
+    std::unique_ptr<KEY_HANDLE> key = newKey();
+    if (modulusSize > sizeof key->publicKey) {
+        return fail(NTE_BAD_KEY, "CPImportKey: public key too long, modulus length=", modulusSize);
+    }
+    const Bytes modulus = reverseBytes(blob.from(BLOB_RSA_MODULUS).first(modulusSize));
+    const Bytes exponent = uintToBigEndianBytes(static_cast<std::int32_t>(blob.wordAt(BLOB_RSA_EXPONENT)), 3);
+    logDebug("Public exponent : ", HexBytes{exponent.data(), static_cast<int>(exponent.size())});
+    const Bytes der = buildRsaPublicKeyDerFromBytes(modulus, exponent);
+    if (der.size() > sizeof key->publicKey) {
+        return fail(NTE_BAD_KEY, "CPImportKey: public key too long, DER length=", der.size());
+    }
+    std::copy(der.begin(), der.end(), key->publicKey);
+    key->publicKeyLen = static_cast<std::uint32_t>(der.size());
+    const auto* const size = std::find(std::begin(rsaSizes), std::end(rsaSizes), bits);
+    if (size == std::end(rsaSizes)) {
+        return fail(NTE_BAD_DATA, "Unsupported RSA key size");
+    }
+    key->algId = static_cast<std::uint32_t>(size - std::begin(rsaSizes)) + 1;
+    handOver(std::move(key), import.phKey);
+    logDebug("PUBLICKEYBLOB imported successfully");
+    return success();
+}
+
+// --- AES keys for the token ------------------------------------------------------------------------------------------
+
+template <std::size_t Capacity>
+std::string_view textOf(const char (&field)[Capacity]) {
+    return {field, std::find(field, field + Capacity, '\0')};
+}
+
+// A handle on a key that the token has just stored. Its value stays there.
+std::unique_ptr<KEY_HANDLE> describeStoredKey(const TalvikSymmetricKey& record, ALG_ID algId) {
+    std::unique_ptr<KEY_HANDLE> key = newKey();
+    const std::string_view label = textOf(record.label);
+    const std::string_view name = textOf(record.name);
+    std::memcpy(key->keyId, record.identifier, sizeof key->keyId);
+    key->algId = algId;
+    key->keyUsage = record.usage;
+    std::copy(name.begin(), name.end(), key->keyAlias);
+    key->keyAliasLen = static_cast<std::uint32_t>(name.size());
+    std::copy(label.begin(), label.end(), key->label);
+    key->storageFlag = record.storageFlag;
+    return key;
+}
+
+Outcome storeOnToken(const Import& import, ByteView value, std::uint32_t keyType, const char* failed,
+                     const char* succeeded) {
+    const std::optional<TalvikSymmetricKey> stored =
+        storeAesKey(import.context.deviceId, value, keyType, import.context.reserved);
+    if (!stored) {
+        return fail(NTE_BAD_TYPE, failed);
+    }
+    handOver(describeStoredKey(*stored, import.algId()), import.phKey);
+    logDebug(succeeded);
+    return success();
+}
+
+Outcome importPlainKey(const Import& import) {
+    const ALG_ID algId = import.algId();
+    if (algId != CALG_AES_128 && algId != CALG_AES_256) {
+        return fail(NTE_BAD_ALGID, "Unsupported algorithm for PLAINTEXTKEYBLOB: ", algId);
+    }
+    return storeOnToken(import, import.payload(), algId == CALG_AES_128 ? TALVIK_KEY_AES_128 : TALVIK_KEY_AES_256,
+                        "PLAINTEXTKEYBLOB import failed", "PLAINTEXTKEYBLOB imported successfully (AES)");
+}
+
+Outcome importWrappedKey(const Import& import) {
+    const ByteView wrapped = import.payload();
+    logDebug("SYMMETRICWRAPKEYBLOB: wrapped key length = ", wrapped.size());
+    LibraryBuffer unwrapped(wrapped.size() + resultMargin);
+    const std::optional<AesKeyIdentifier> kek =
+        unwrapWithTokenKey(import.context.deviceId, wrapped, unwrapped, import.context.reserved);
+    if (!kek) {
+        return fail(NTE_BAD_KEY, "Failed to unwrap SYMMETRICWRAPKEYBLOB with any available KEK");
+    }
+    logDebug("Successfully unwrapped key with KEK: ", HexBytes{kek->data(), static_cast<int>(kek->size())});
+    return storeOnToken(import, unwrapped.view(),
+                        import.algId() == CALG_AES_128 ? TALVIK_KEY_AES_128 : TALVIK_KEY_AES_256,
+                        "Import of unwrapped AES key failed", "SYMMETRICWRAPKEYBLOB imported successfully");
+}
+
+// --- entry -----------------------------------------------------------------------------------------------------------
+
+Outcome importByType(const Import& import) {
+    const std::uint8_t type = import.blob.byteAt(BLOB_TYPE);
+    switch (type) {
+        case SIMPLEBLOB:
+            return importSessionKey(import);
+        case PUBLICKEYBLOB:
+            return importPublicKey(import);
+        case PLAINTEXTKEYBLOB:
+            return importPlainKey(import);
+        case SYMMETRICWRAPKEYBLOB:
+            return importWrappedKey(import);
+        case PRIVATEKEYBLOB:
+        case PUBLICKEYBLOBEX:
+            return fail(NTE_BAD_TYPE, "Key Block Not Implemented yet");
+        default:
+            return fail(NTE_BAD_TYPE, "CPImportKey - Unsupported type : ", type);
+    }
+}
+
+Outcome importKey(HCRYPTPROV hProv, const BYTE* pbData, DWORD dwDataLen, HCRYPTKEY hPubKey, DWORD dwFlags,
+                  HCRYPTKEY* phKey) {
+    logDebug("CPImportKey");
+    logDebug("Input length : ", dwDataLen);
+    logDebug("Input flag : ", dwFlags);
+    if (pbData == nullptr) {
+        return fail(ERROR_INVALID_PARAMETER, "CPImportKey - Input data is null");
+    }
+    const CspContext* const context = contextOf(hProv);
+    if (context == nullptr) {
+        return fail(NTE_BAD_UID, "CPImportKey - Contest null or not initialised");
+    }
+    if (phKey == nullptr) {
+        return fail(ERROR_INVALID_PARAMETER, "CPImportKey - phKey is null");
+    }
+    if (dwDataLen < BLOB_PAYLOAD) {
+        return fail(NTE_INVALID_PARAMETER, "CPImportKey - Input data to import is empty");
+    }
+    const BlobReader blob({pbData, dwDataLen});
+    logDebug("CPImportKey - input type : ", blob.byteAt(BLOB_TYPE));
+    logDebug("CPImportKey - input version : ", blob.byteAt(BLOB_VERSION));
+    logDebug("CPImportKey - input alg : ", blob.wordAt(BLOB_ALG_ID));
+    logDebug("CPImportKey - input data length : ", dwDataLen - BLOB_PAYLOAD);
+    if (dwDataLen == BLOB_PAYLOAD) {
+        return fail(NTE_INVALID_PARAMETER, "CPImportKey - Input data to import is empty");
+    }
+    return importByType({*context, blob, keyOf(hPubKey), phKey});
+}
+
+}  // namespace
+}  // namespace talvik::csp
+
+BOOL WINAPI CPImportKey(HCRYPTPROV hProv, const BYTE* pbData, DWORD dwDataLen, HCRYPTKEY hPubKey, DWORD dwFlags,
+                        HCRYPTKEY* phKey) {
+    return talvik::csp::entryPoint(
+        "CPImportKey", [=] { return talvik::csp::importKey(hProv, pbData, dwDataLen, hPubKey, dwFlags, phKey); });
+}
