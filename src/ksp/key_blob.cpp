@@ -10,13 +10,13 @@
 #include <vector>
 
 #include "ksp/algorithms.h"
+#include "ksp/blob_cursor.h"
 #include "ksp/entry_points.h"
 #include "ksp/key.h"
 #include "ksp/provider.h"
 #include "ksp/rsa.h"
 #include "log/log.h"
 #include "token/aes_import.h"
-#include "token/blob_cursor.h"
 #include "token/session.h"
 
 namespace talvik::ksp {
