@@ -57,6 +57,11 @@ TEST_F(Lifecycle, LoadedAndFreedAgainAndAgain) {
     EXPECT_EQ(Role("load").wait(), 0u);
 }
 
+TEST_F(Lifecycle, RefusedAcquisitionsDoNotHang) {
+    change("detach", token());
+    EXPECT_EQ(Role("refused").wait(20000), 0u);
+}
+
 TEST_F(Lifecycle, ProcessEndsAtOnceWhileTheMonitorRuns) {
     for (const char* role : {"return", "exit"}) {
         Role leaving(role);

@@ -47,6 +47,16 @@ int loading() {
     return unloads ? 0 : 3;
 }
 
+// Each refused acquisition lets the system unload the provider, though its monitor has been started.
+int refused() {
+    for (int i = 0; i < 20; ++i) {
+        if (acquire() || GetLastError() != static_cast<DWORD>(NTE_TOKEN_KEYSET_STORAGE_FULL)) {
+            return 1;
+        }
+    }
+    return 0;
+}
+
 bool leave() {
     static Context context = acquire();
     const ULONGLONG now = GetTickCount64();
@@ -68,7 +78,7 @@ int exiting() {
 
 int playRole(const std::string& role) {
     static const std::map<std::string, int (*)()> roles = {
-        {"sign", signing}, {"load", loading}, {"return", returning}, {"exit", exiting}};
+        {"sign", signing}, {"load", loading}, {"refused", refused}, {"return", returning}, {"exit", exiting}};
     const auto found = roles.find(role);
     return found == roles.end() ? 99 : found->second();
 }
