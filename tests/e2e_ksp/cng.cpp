@@ -119,7 +119,7 @@ Bytes keyData(const Bytes& value) {
 
 Bytes digestOf(const Bytes& data, const std::string& algorithm) {
     write("data", data);
-    EXPECT_EQ(openssl("dgst -" + algorithm + " -binary -out digest data").status, 0);
+    EXPECT_EQ(openssl("dgst -" + algorithm + " -binary -out digest data").exitCode, 0);
     return read("digest");
 }
 
@@ -153,7 +153,7 @@ bool opensslVerifies(const Bytes& publicKey, const std::string& algorithm, const
                "pkeyutl -verify -pubin -keyform DER -inkey public.der -in digest -sigfile signature -pkeyopt "
                "digest:" +
                algorithm + options)
-               .status == 0;
+               .exitCode == 0;
 }
 
 Bytes ecdsaDer(const Bytes& signature) {

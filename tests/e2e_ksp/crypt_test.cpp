@@ -73,7 +73,7 @@ TEST_F(CngCrypt, EcdsaSignaturesOfEveryCurveVerifyWithOpenssl) {
 }
 
 TEST_F(CngCrypt, OpensslsSignaturesVerify) {
-    ASSERT_EQ(openssl("genrsa -out other.pem 2048").status, 0);
+    ASSERT_EQ(openssl("genrsa -out other.pem 2048").exitCode, 0);
     const CngObject key = importKey(provider, BCRYPT_RSAPUBLIC_BLOB, blobOfPemKey("other.pem"));
     for (const char* const algorithm : digests) {
         Bytes digest = digestOf(pattern(77), algorithm);
@@ -91,7 +91,7 @@ TEST_F(CngCrypt, OpensslsSignaturesVerify) {
 }
 
 TEST_F(CngCrypt, RsaEncryptionAgreesWithOpenssl) {
-    ASSERT_EQ(openssl("genrsa -out other.pem 2048").status, 0);
+    ASSERT_EQ(openssl("genrsa -out other.pem 2048").exitCode, 0);
     const CngObject other = importKey(provider, BCRYPT_PUBLIC_KEY_BLOB, blobOfPemKey("other.pem"));
     const CngObject own = createKey(provider, L"RSA", 3072, AT_KEYEXCHANGE);
     write("public.der", publicKeyOf(own));
@@ -101,12 +101,12 @@ TEST_F(CngCrypt, RsaEncryptionAgreesWithOpenssl) {
     for (const auto& [flags, mode] : paddings) {
         const std::string option = " -pkeyopt rsa_padding_mode:" + mode;
         write("ciphertext", encrypt(other, plaintext, flags));
-        ASSERT_EQ(openssl("pkeyutl -decrypt -inkey other.pem -in ciphertext -out decrypted" + option).status, 0);
+        ASSERT_EQ(openssl("pkeyutl -decrypt -inkey other.pem -in ciphertext -out decrypted" + option).exitCode, 0);
         EXPECT_EQ(read("decrypted"), plaintext) << mode;
 
         ASSERT_EQ(
             openssl("pkeyutl -encrypt -pubin -keyform DER -inkey public.der -in plaintext -out ciphertext" + option)
-                .status,
+                .exitCode,
             0);
         EXPECT_EQ(decrypt(own, read("ciphertext")), plaintext) << mode;
         EXPECT_EQ(decrypt(own, encrypt(own, plaintext, flags), NCRYPT_SILENT_FLAG), plaintext) << mode;
@@ -144,9 +144,9 @@ void checkAes(const CngObject& key, const Bytes& value) {
             "enc -aes-" + bits + (ecb ? "-ecb" : "-cbc -iv " + hexOf(iv)) + " -K " + hexOf(value);
         write("plaintext", plaintext);
         write("ciphertext", encrypt(key, plaintext, 0));
-        ASSERT_EQ(openssl(cipher + " -d -in ciphertext -out decrypted").status, 0);
+        ASSERT_EQ(openssl(cipher + " -d -in ciphertext -out decrypted").exitCode, 0);
         EXPECT_EQ(read("decrypted"), plaintext);
-        ASSERT_EQ(openssl(cipher + " -in plaintext -out ciphertext").status, 0);
+        ASSERT_EQ(openssl(cipher + " -in plaintext -out ciphertext").exitCode, 0);
         EXPECT_EQ(decrypt(key, read("ciphertext")), plaintext);
     }
 }
@@ -166,9 +166,9 @@ TEST_F(CngCrypt, WrappedAndEncryptedAesKeysComeIn) {
     for (const std::size_t length : {16u, 32u}) {
         const Bytes value = pattern(length);
         write("key", value);
-        ASSERT_EQ(openssl("enc -aes-256-ecb -K " + hexOf(kek) + " -in key -out wrapped").status, 0);
+        ASSERT_EQ(openssl("enc -aes-256-ecb -K " + hexOf(kek) + " -in key -out wrapped").exitCode, 0);
         checkAes(importKey(provider, BCRYPT_OPAQUE_KEY_BLOB, read("wrapped")), value);
-        ASSERT_EQ(openssl("pkeyutl -encrypt -pubin -keyform DER -inkey public.der -in key -out encrypted").status, 0);
+        ASSERT_EQ(openssl("pkeyutl -encrypt -pubin -keyform DER -inkey public.der -in key -out encrypted").exitCode, 0);
         checkAes(importKey(provider, L"OpaqueTransport", read("encrypted"), pair), value);
     }
 }

@@ -52,13 +52,13 @@ TEST_F(CngKeys, CarryTheirCertificate) {
     setPin(provider);
     const CngObject key = createKey(provider, L"RSA", 1024);
     write("public.der", publicKeyOf(key));
-    ASSERT_EQ(openssl("pkey -pubin -inform DER -in public.der -out public.pem").status, 0);
-    ASSERT_EQ(openssl("req -x509 -newkey rsa:2048 -nodes -subj /CN=issuer -keyout issuer.key -out issuer.pem").status,
+    ASSERT_EQ(openssl("pkey -pubin -inform DER -in public.der -out public.pem").exitCode, 0);
+    ASSERT_EQ(openssl("req -x509 -newkey rsa:2048 -nodes -subj /CN=issuer -keyout issuer.key -out issuer.pem").exitCode,
               0);
-    ASSERT_EQ(openssl("req -new -key issuer.key -subj /CN=holder -out request.pem").status, 0);
+    ASSERT_EQ(openssl("req -new -key issuer.key -subj /CN=holder -out request.pem").exitCode, 0);
     ASSERT_EQ(openssl("x509 -req -in request.pem -CA issuer.pem -CAkey issuer.key -set_serial 7 -force_pubkey "
                       "public.pem -outform DER -out holder.der")
-                  .status,
+                  .exitCode,
               0);
     EXPECT_EQ(property(key, NCRYPT_CERTIFICATE_PROPERTY), Bytes());
     EXPECT_EQ(status, NTE_NOT_FOUND);
@@ -72,7 +72,7 @@ TEST_F(CngKeys, CarryTheirCertificate) {
 
 TEST_F(CngKeys, PublicKeysGoRoundThroughBothBlobs) {
     const CngObject provider = openProvider();
-    ASSERT_EQ(openssl("genrsa -out other.pem 4096").status, 0);
+    ASSERT_EQ(openssl("genrsa -out other.pem 4096").exitCode, 0);
     const Bytes blob = blobOfPemKey("other.pem");
     const CngObject first = importKey(provider, BCRYPT_PUBLIC_KEY_BLOB, blob);
     EXPECT_EQ(exported(first, BCRYPT_RSAPUBLIC_BLOB), blob);
