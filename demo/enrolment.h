@@ -1,0 +1,28 @@
+// From an empty token to a signing key with its certificate, as an enrolment client goes about it.
+#pragma once
+
+#include <optional>
+
+#include "cryptoapi.h"
+
+namespace demo {
+
+// The token's signing key, or nothing when the token holds no key.
+std::optional<Key> findSigningKey(const Context& context);
+
+// A new RSA-2048 signing key, generated on the token. Asks for the PIN.
+Key generateSigningKey(const Context& context);
+
+// DER of a PKCS#10 request for the signing key, signed by that key with SHA-256. Asks for the PIN.
+Bytes certificateRequest(const Context& context, const char* subject);
+
+// The certificate stored with `key` on the token; empty when there is none.
+Bytes storedCertificate(const Key& key);
+
+// Stores `certificate` (DER) with `key` on the token. Asks for the PIN.
+void storeCertificate(const Key& key, const Bytes& certificate);
+
+// Whether `certificate` (DER) speaks of the context's signing key.
+bool certifiesSigningKey(const Context& context, const Bytes& certificate);
+
+}  // namespace demo
