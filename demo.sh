@@ -11,8 +11,8 @@ caller_folder=$PWD
 cd "$(dirname "${BASH_SOURCE[0]}")"
 root=$PWD
 
-TOKEN_ID=DEMO1
-PIN=246810
+token_id=DEMO1
+pin=246810
 state=$root/build/demo       # the token and the certification authority: what a second run finds again
 out=$root/out/demo           # what a run leaves
 bin=$root/build/mingw/bin
@@ -36,8 +36,8 @@ talvik() { "$root/scripts/wine-run" "$bin/talvik.exe" "$@" | tr -d '\r'; }
 
 create_token() {
     mkdir -p "$state/tokens"
-    talvik token list --json | grep -q "\"$TOKEN_ID\"" ||
-        talvik token create --id "$TOKEN_ID" --label "Demonstration token" --pin "$PIN"
+    talvik token list --json | grep -q "\"$token_id\"" ||
+        talvik token create --id "$token_id" --label "Demonstration token" --pin "$pin"
 }
 
 create_ca() {
@@ -100,13 +100,14 @@ for argument in "$@"; do
     case $argument in
         --dialog) dialog=yes ;;
         --fresh) fresh=yes ;;
-        -h | --help) sed -n '2,9s/^# \{0,1\}//p' "$root/demo.sh"; exit 0 ;;
+        -h | --help) sed -n '2,8s/^# \{0,1\}//p' "$root/demo.sh"; exit 0 ;;
         -*) fail "unknown option $argument" ;;
         *) [ -z "$file" ] || fail "one FILE at a time"; file=$argument ;;
     esac
 done
-file=$(cd "$caller_folder" && realpath -e -- "${file:-$root/README.md}" 2>/dev/null) || fail "no such file: $argument"
-[ -f "$file" ] && [ -r "$file" ] || fail "not a readable file: $file"
+given=${file:-$root/README.md}
+file=$(cd "$caller_folder" && realpath -e -- "$given" 2>/dev/null) || fail "no such file: $given"
+if [ ! -f "$file" ] || [ ! -r "$file" ]; then fail "not a readable file: $file"; fi
 
 scripts/install-missing
 if [ "$dialog" = yes ] && [ -z "${DISPLAY:-}" ]; then
@@ -131,7 +132,7 @@ say "Preparing"
 step "build" scripts/build TalvikCSP TalvikDSCLibrary talvik talvik_demo
 step "Wine prefix with the provider in its system folder" scripts/register-csp "$bin"
 step "provider log at DEBUG" scripts/log-level 3
-step "virtual token $TOKEN_ID, PIN $PIN" create_token
+step "virtual token $token_id, PIN $pin" create_token
 step "throw-away certification authority" create_ca
 cp "$state/ca/ca.pem" "$out/ca.pem"
 rm -rf "$(log_folder)"
@@ -140,17 +141,17 @@ mkdir -p "$(log_folder)"
 say "Signing $file"
 if [ "$dialog" = yes ]; then
     scripts/wine-graphics x11
-    echo "  The PIN dialog appears on display $DISPLAY: type $PIN there and press Login."
+    echo "  The PIN dialog appears on display $DISPLAY: type $pin there and press Login."
     if [ "${TALVIK_DEMO_OWN_DISPLAY:-}" = yes ]; then
         echo "  There is no display here, so that one is invisible. From another terminal:"
         echo "    export DISPLAY=$DISPLAY XAUTHORITY=${XAUTHORITY:-}"
         echo "    import -window root dialog.png      # to see it"
-        echo "    xdotool type $PIN; xdotool key Return   # to answer it"
+        echo "    xdotool type $pin; xdotool key Return   # to answer it"
     fi
     sign "${TALVIK_DEMO_PATIENCE:-600}"
 else
     scripts/wine-graphics null
-    export TALVIK_DEMO_PIN=$PIN
+    export TALVIK_DEMO_PIN=$pin
     sign "${TALVIK_DEMO_PATIENCE:-120}"
 fi
 collect_log

@@ -31,6 +31,11 @@ Context acquireContext() {
     return context;
 }
 
+void presentPin(const Context& context, const char* pin) {
+    require(CryptSetProvParam(context.get(), PP_SIGNATURE_PIN, reinterpret_cast<const BYTE*>(pin), 0),
+            "CryptSetProvParam(PP_SIGNATURE_PIN)");
+}
+
 Bytes encode(LPCSTR type, const void* structure) {
     DWORD length = 0;
     require(CryptEncodeObject(X509_ASN_ENCODING, type, structure, nullptr, &length), "CryptEncodeObject");

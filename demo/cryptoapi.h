@@ -61,6 +61,9 @@ using Message = Owned<HCRYPTMSG, CryptMsgClose>;
 // A context of the provider on the attached token, bound to no container: the token's first signing key counts.
 Context acquireContext();
 
+// Logs in to the token without a dialog. Throws when the token refuses the PIN.
+void presentPin(const Context& context, const char* pin);
+
 // DER of `structure` as CRYPT32's encoder named by `type` writes it.
 Bytes encode(LPCSTR type, const void* structure);
 

@@ -5,17 +5,16 @@
 // certification authority's answer is expected there as certificate.der. When it is needed, the line ">issue" is
 // written to standard output and one line is awaited on standard input.
 //
-// TALVIK_DEMO_PIN, when set, is typed into the PIN dialog by the program itself; otherwise a person is awaited.
+// TALVIK_DEMO_PIN, when set, is the PIN that the program gives to the provider; otherwise the provider asks a person
+// for it, in its own dialog.
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
-#include <memory>
 
 #include "detached_signature.h"
 #include "enrolment.h"
-#include "pin_robot.h"
 
 namespace {
 
@@ -90,6 +89,12 @@ Bytes signerCertificate(const Context& context, const Key& key, const fs::path& 
 
 void run(const fs::path& file, const fs::path& signature, const fs::path& folder) {
     const Context context = timed("CryptAcquireContext", acquireContext);
+    if (const char* pin = std::getenv("TALVIK_DEMO_PIN")) {
+        timed("CryptSetProvParam: hand over the PIN", [&] {
+            presentPin(context, pin);
+            return true;
+        });
+    }
     const Key key = signingKey(context);
     const Bytes certificate = signerCertificate(context, key, folder);
     writeFile(folder / "signer.der", certificate);
@@ -104,19 +109,11 @@ int wmain(int argc, wchar_t** argv) {
         std::fputs("usage: talvik_demo FILE SIGNATURE FOLDER\n", stderr);
         return 2;
     }
-    const char* pin = std::getenv("TALVIK_DEMO_PIN");
-    const auto robot = pin ? std::make_unique<PinRobot>(pin) : nullptr;
     try {
         run(argv[1], argv[2], argv[3]);
     } catch (const std::exception& failure) {
         std::fprintf(stderr, "  %s\n", failure.what());
-        if (robot && !robot->refusal().empty()) {
-            std::fprintf(stderr, "  the token says: %s\n", robot->refusal().c_str());
-        }
         return 1;
-    }
-    if (robot) {
-        std::printf("  (PIN typed into the PIN dialog %d time(s))\n", robot->dialogsAnswered());
     }
     return 0;
 }

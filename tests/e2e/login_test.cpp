@@ -57,7 +57,7 @@ TEST_F(Login, CancelCostsNoAttempt) {
 }
 
 TEST_F(Login, ClockSkewIsToldToTheUser) {
-    change("clock --skewed", token());
+    change("clock skew", token());
     DialogRobot robot;
     robot.enters(pin).cancels();
     EXPECT_FALSE(generate(context()));

@@ -235,7 +235,7 @@ void Tokens::addToken(const std::string& id) {
 }
 
 void Tokens::change(const std::string& command, const std::string& id) {
-    const Ended changed = tokenTool(command + " --id " + id);
+    const Ended changed = tokenTool(command + " " + id);
     ASSERT_EQ(changed.status, 0) << changed.output;
 }
 
