@@ -37,3 +37,6 @@ INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES 
 
 -- A provider whose device library is gone can no longer unregister itself: its entry goes all the same.
 INSERT INTO `Registry` (`Registry`, `Root`, `Key`, `Name`, `Component_`) VALUES ('CngEntry', 2, 'SYSTEM\CurrentControlSet\Control\Cryptography\Providers\Talvik Cryptographic Provider CSP', '-', 'Provider')
+
+-- wixl takes the mark of a binary value for text.
+UPDATE `Registry` SET `Value` = '#x00000000' WHERE `Name` = 'Signature'

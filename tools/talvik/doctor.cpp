@@ -2,6 +2,8 @@
 
 #include <windows.h>
 
+#include <cstdio>
+#include <io.h>
 #include <iostream>
 #include <memory>
 
@@ -17,6 +19,31 @@ struct DoctorOptions {
     bool sign = false;
     std::string container;
     PinOption pin;
+};
+
+// The provider writes to the standard output when it cannot log; that is no part of the page.
+class SilentOutput {
+  public:
+    SilentOutput() : kept_(_dup(standardOutput)), nowhere_(std::fopen("NUL", "w")) {
+        if (nowhere_ != nullptr) {
+            _dup2(_fileno(nowhere_), standardOutput);
+        }
+    }
+    ~SilentOutput() {
+        std::fflush(stdout);
+        _dup2(kept_, standardOutput);
+        _close(kept_);
+        if (nowhere_ != nullptr) {
+            std::fclose(nowhere_);
+        }
+    }
+    SilentOutput(const SilentOutput&) = delete;
+    SilentOutput& operator=(const SilentOutput&) = delete;
+
+  private:
+    static constexpr int standardOutput = 1;
+    int kept_;
+    std::FILE* nowhere_;
 };
 
 // The wanted container, or the first that signs.
@@ -43,14 +70,21 @@ std::optional<SignRequest> signRequest(const DoctorOptions& options, Diagnosis& 
     return SignRequest{*container, options.pin.given() ? options.pin.read() : ""};
 }
 
-int diagnose(const DoctorOptions& options) {
+Diagnosis examine(const DoctorOptions& options) {
     // A missing module is a finding here, no message box.
     SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOOPENFILEERRORBOX);
+    const SilentOutput silent;
+    ownLogFolder();
     Diagnosis diagnosis;
     diagnosis.installation = inspectInstallation(diagnosis.findings);
     diagnosis.devices = inspectDevices(diagnosis.findings);
     const auto request = signRequest(options, diagnosis);
     diagnosis.selfTest = runSelfTest(!diagnosis.devices.tokens.empty(), request, diagnosis.findings);
+    return diagnosis;
+}
+
+int diagnose(const DoctorOptions& options) {
+    const Diagnosis diagnosis = examine(options);
     (options.json ? printJson : printPage)(std::cout, diagnosis);
     return diagnosis.findings.problems() == 0 ? Done : Refused;
 }

@@ -175,18 +175,13 @@ void testSign(const SignRequest& request) {
     require(verifies(system, exported, signature), "the system's provider: CryptVerifySignature");
 }
 
-// This process's own log. Its folder is made beforehand, since a log without folders loses its first lines.
+// This process's own log.
 class OwnLog {
   public:
-    OwnLog() {
-        std::array<wchar_t, 1024> program = {};
-        GetModuleFileNameW(nullptr, program.data(), static_cast<DWORD>(program.size()));
-        const auto folder = logRoot() / std::filesystem::path(program.data()).filename();
-        std::error_code ignored;
-        std::filesystem::create_directories(folder, ignored);
-        path_ = folder / logNameOfToday();
-        start_ = std::filesystem::file_size(path_, ignored);
-        start_ = ignored ? 0 : start_;
+    OwnLog() : path_(ownLogFolder() / logNameOfToday()) {
+        std::error_code missing;
+        const std::uintmax_t size = std::filesystem::file_size(path_, missing);
+        start_ = missing ? 0 : size;
     }
 
     // The first error since this began or was last asked; empty when there was none.

@@ -1,5 +1,6 @@
 #include "log_files.h"
 
+#include <array>
 #include <ctime>
 
 namespace talvik_tool {
@@ -15,6 +16,15 @@ std::filesystem::path logRoot() {
     wchar_t folder[MAX_PATH + 1] = {};
     GetTempPathW(MAX_PATH + 1, folder);
     return std::filesystem::path(folder) / L"Quorvel";
+}
+
+std::filesystem::path ownLogFolder() {
+    std::array<wchar_t, 1024> program = {};
+    GetModuleFileNameW(nullptr, program.data(), static_cast<DWORD>(program.size()));
+    const auto folder = logRoot() / std::filesystem::path(program.data()).filename();
+    std::error_code ignored;
+    std::filesystem::create_directories(folder, ignored);
+    return folder;
 }
 
 std::string logNameOfToday() {

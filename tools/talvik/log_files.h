@@ -12,6 +12,9 @@ namespace talvik_tool {
 // <temporary folder>\Quorvel, with one folder for each program that uses the provider.
 std::filesystem::path logRoot();
 
+// The folder of this program, which is made where it does not exist: without it the log loses its first lines.
+std::filesystem::path ownLogFolder();
+
 // "YYYY-MM-DD.LOG" of today, local time.
 std::string logNameOfToday();
 
