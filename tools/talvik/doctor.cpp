@@ -9,6 +9,7 @@
 
 #include "doctor_report.h"
 #include "exit_code.h"
+#include "log_files.h"
 #include "pin_option.h"
 
 namespace talvik_tool {
