@@ -20,7 +20,7 @@ TEST_F(VirtualTokenTest, WrongArguments) {
     TalvikSymmetricKey aes{};
     CertificateDetails details;
     unsigned char id[16] = {}, data[64] = {}, *made = nullptr;
-    int length = 64, negative = -1, left = 0;
+    int length = 64, left = 0;
     void* hash = nullptr;
     ASSERT_EQ(talvik_initHash("", TALVIK_HASH_SHA1, &hash, nullptr), 0);
     const auto aesType = EncryptionType::Aes128Ecb;
