@@ -20,9 +20,9 @@ INSERT INTO `InstallExecuteSequence` (`Action`, `Sequence`) VALUES ('AppSearch',
 
 -- The provider cannot be loaded without a device library, hence not be registered: better to say so than to fail.
 INSERT INTO `CustomAction` (`Action`, `Type`, `Target`) VALUES ('NoDeviceLibrary', 19, 'TalvikDSCLibrary.dll is not in the system folder. Install the software of the token first, or add the virtual token with ADDLOCAL=Provider,VirtualToken. Nothing was changed.')
-INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('NoDeviceLibrary', '&Provider=3 AND NOT &VirtualToken=3 AND NOT !VirtualToken=3 AND NOT DEVICELIBRARY', 1010)
+INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('NoDeviceLibrary', '&Provider=3 AND NOT &VirtualToken=3 AND NOT !VirtualToken=3 AND NOT DEVICELIBRARY', 1210)
 INSERT INTO `CustomAction` (`Action`, `Type`, `Target`) VALUES ('OtherDeviceLibrary', 19, 'The system folder holds a TalvikDSCLibrary.dll already: [DEVICELIBRARY]. The virtual token does not replace it. Nothing was changed.')
-INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('OtherDeviceLibrary', '&VirtualToken=3 AND NOT !VirtualToken=3 AND DEVICELIBRARY AND NOT WIX_UPGRADE_DETECTED', 1020)
+INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('OtherDeviceLibrary', '&VirtualToken=3 AND NOT !VirtualToken=3 AND DEVICELIBRARY AND NOT WIX_UPGRADE_DETECTED', 1220)
 
 -- CNG: the provider registers itself, and is registered anew when an uninstallation is rolled back. 34: a command line,
 -- +1024 deferred, +2048 with the installer's rights, +256 on rollback, +64 whatever it answers.
@@ -40,3 +40,7 @@ INSERT INTO `Registry` (`Registry`, `Root`, `Key`, `Name`, `Component_`) VALUES 
 
 -- wixl takes the mark of a binary value for text.
 UPDATE `Registry` SET `Value` = '#x00000000' WHERE `Name` = 'Signature'
+
+-- The maker's folder goes with the tool, if nothing else is in it.
+INSERT INTO `RemoveFile` (`FileKey`, `Component_`, `DirProperty`, `InstallMode`) VALUES ('TalvikFolder', 'Tool', 'TalvikFolder', 2)
+INSERT INTO `RemoveFile` (`FileKey`, `Component_`, `DirProperty`, `InstallMode`) VALUES ('QuorvelFolder', 'Tool', 'QuorvelFolder', 2)
