@@ -79,8 +79,11 @@ Diagnosis examine(const DoctorOptions& options) {
     Diagnosis diagnosis;
     diagnosis.installation = inspectInstallation(diagnosis.findings);
     diagnosis.devices = inspectDevices(diagnosis.findings);
-    const auto request = signRequest(options, diagnosis);
-    diagnosis.selfTest = runSelfTest(!diagnosis.devices.tokens.empty(), request, diagnosis.findings);
+    // A library without all operations is not for calling: what would happen is not the provider's to decide.
+    if (diagnosis.devices.library.path.empty() || diagnosis.devices.operations == neededOperations()) {
+        const auto request = signRequest(options, diagnosis);
+        diagnosis.selfTest = runSelfTest(!diagnosis.devices.tokens.empty(), request, diagnosis.findings);
+    }
     return diagnosis;
 }
 

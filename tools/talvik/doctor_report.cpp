@@ -1,7 +1,12 @@
 #include "doctor_report.h"
 
+#include <windows.h>
+
+#include <array>
+#include <cstdio>
 #include <nlohmann/json.hpp>
 
+#include "log_files.h"
 #include "token/device_library.h"
 
 namespace talvik_tool {
@@ -84,9 +89,9 @@ void printDevices(std::ostream& out, const DeviceFacts& devices) {
                  token.initStatus != 0
                      ? "cannot be initialised: status " + std::to_string(token.initStatus)
                      : "firmware " + token.firmware + ", " +
-                           (token.signedOn ? "signed on: no PIN is asked" : "not signed on: the PIN is asked") + ", " +
-                           std::to_string(token.containers.size()) + " key pairs, " + std::to_string(token.aesKeys) +
-                           " AES keys");
+                           (token.signedOn ? "signed on: no PIN is asked" : "not signed on: the PIN is asked") +
+                           ", key pairs: " + std::to_string(token.containers.size()) +
+                           ", AES keys: " + std::to_string(token.aesKeys));
         for (const ContainerFacts& container : token.containers) {
             printContainer(out, container);
         }
@@ -99,7 +104,7 @@ void printSelfTest(std::ostream& out, const std::vector<SelfTestStep>& steps) {
         line += (line.empty() ? "" : ", ") + step.name + (step.passed ? " passed" : " FAILED");
     }
     out << "Self-test through CryptoAPI\n";
-    printRow(out, "steps", line);
+    printRow(out, "steps", line.empty() ? "not tried" : line);
 }
 
 void printFindings(std::ostream& out, const Findings& findings) {
@@ -154,9 +159,26 @@ Json toJson(const Installation& found) {
             {"cng", {{"image", found.cngImage}, {"listed", found.cngListed}, {"answers", found.cngFaceAnswers}}}};
 }
 
+// Pages travel: which machine, which user, when.
+std::string circumstances() {
+    std::array<wchar_t, 256> computer = {};
+    auto size = static_cast<DWORD>(computer.size());
+    GetComputerNameW(computer.data(), &size);
+    std::array<wchar_t, 256> user = {};
+    size = static_cast<DWORD>(user.size());
+    GetUserNameW(user.data(), &size);
+    SYSTEMTIME now = {};
+    GetLocalTime(&now);
+    char time[48];
+    std::snprintf(time, sizeof time, "%04u-%02u-%02u %02u:%02u", now.wYear, now.wMonth, now.wDay, now.wHour,
+                  now.wMinute);
+    return utf8(computer.data()) + ", " + utf8(user.data()) + ", " + time;
+}
+
 }  // namespace
 
 void printPage(std::ostream& out, const Diagnosis& diagnosis) {
+    out << "Talvik on " << circumstances() << "\n\n";
     printInstallation(out, diagnosis.installation);
     printDevices(out, diagnosis.devices);
     printSelfTest(out, diagnosis.selfTest);
