@@ -201,6 +201,7 @@ void printJson(std::ostream& out, const Diagnosis& diagnosis) {
         steps.push_back({{"step", step.name}, {"passed", step.passed}, {"detail", step.detail}});
     }
     const Json all = {
+        {"circumstances", circumstances()},
         {"healthy", diagnosis.findings.problems() == 0},
         {"findings", findings},
         {"provider", toJson(diagnosis.installation)},
