@@ -1,4 +1,4 @@
-// talvik.exe: manages virtual tokens.
+// talvik.exe: manages virtual tokens, diagnoses an installation, reads the log.
 #include <windows.h>
 
 #include <CLI/CLI.hpp>
@@ -6,7 +6,9 @@
 #include <iostream>
 #include <shellapi.h>
 
+#include "doctor.h"
 #include "exit_code.h"
+#include "log_command.h"
 #include "status.h"
 #include "token_commands.h"
 
@@ -57,15 +59,18 @@ ExitCode exitCodeOf(Status status) {
 }  // namespace
 
 int main() {
-    CLI::App app("Manages the virtual tokens that TalvikDSCLibrary.dll serves.", "talvik");
+    int exitCode = Done;
+    CLI::App app("Diagnoses the Talvik Cryptographic Provider, shows its log, and manages virtual tokens.", "talvik");
     app.require_subcommand(1);
     app.footer(
         "Exit codes: 0 done, 1 refused by the token (PIN, detached), 2 wrong usage, 3 no such token, key or\n"
         "certificate, 4 token exists already, 5 file or other failure.");
     addTokenCommands(app);
+    addDoctorCommand(app, exitCode);
+    addLogCommand(app, exitCode);
     try {
         app.parse(argumentsReversed());
-        return Done;
+        return exitCode;
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? Done : Usage;
     } catch (const TokenError& error) {

@@ -1,0 +1,49 @@
+// The device library as programs of this machine find it, and the tokens that it shows.
+//
+// The library is loaded when it is asked for: a machine without it is one of the things to diagnose.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "doctor_findings.h"
+#include "doctor_system.h"
+
+namespace talvik_tool {
+
+struct CertificateFacts {
+    std::string subject;
+    std::string expires;  // "2027-11-24", UTC
+    bool matchesKey = false;
+};
+
+struct ContainerFacts {
+    std::string name;  // upper-case hexadecimal text of the key identifier
+    std::string keyType;
+    std::string usage;
+    std::string label;
+    std::vector<CertificateFacts> certificates;
+    bool signs = false;
+};
+
+struct TokenFacts {
+    std::string id;
+    std::string firmware;
+    bool signedOn = false;
+    int initStatus = 0;
+    std::size_t aesKeys = 0;
+    std::vector<ContainerFacts> containers;
+};
+
+struct DeviceFacts {
+    ModuleFile library;
+    std::size_t operations = 0;  // of those that the provider needs
+    std::vector<TokenFacts> tokens;
+};
+
+// How many operations the provider needs.
+std::size_t neededOperations();
+
+DeviceFacts inspectDevices(Findings& findings);
+
+}  // namespace talvik_tool

@@ -1,0 +1,64 @@
+#include "log_files.h"
+
+#include <array>
+#include <ctime>
+
+namespace talvik_tool {
+namespace {
+
+constexpr wchar_t settingsKey[] = L"Software\\Quorvel\\Talvik";
+constexpr wchar_t levelValue[] = L"logLevel";
+constexpr DWORD debugLevel = 3;
+
+}  // namespace
+
+std::filesystem::path logRoot() {
+    wchar_t folder[MAX_PATH + 1] = {};
+    GetTempPathW(MAX_PATH + 1, folder);
+    return std::filesystem::path(folder) / L"Quorvel";
+}
+
+std::filesystem::path ownLogFolder() {
+    std::array<wchar_t, 1024> program = {};
+    GetModuleFileNameW(nullptr, program.data(), static_cast<DWORD>(program.size()));
+    const auto folder = logRoot() / std::filesystem::path(program.data()).filename();
+    std::error_code ignored;
+    std::filesystem::create_directories(folder, ignored);
+    return folder;
+}
+
+std::string logNameOfToday() {
+    char name[32] = {};
+    const std::time_t now = std::time(nullptr);
+    std::strftime(name, sizeof name, "%Y-%m-%d.LOG", std::localtime(&now));
+    return name;
+}
+
+// As the provider reads it: any type, the first 32 bits count.
+std::optional<DWORD> readLogLevel() {
+    DWORD value[8] = {};
+    DWORD size = sizeof value;
+    const LSTATUS status = RegGetValueW(HKEY_LOCAL_MACHINE, settingsKey, levelValue, RRF_RT_ANY, nullptr, value, &size);
+    return status == ERROR_SUCCESS ? std::optional(value[0]) : std::nullopt;
+}
+
+LSTATUS writeLogLevel(DWORD level) {
+    return RegSetKeyValueW(HKEY_LOCAL_MACHINE, settingsKey, levelValue, REG_DWORD, &level, sizeof level);
+}
+
+const char* logLevelName(std::optional<DWORD> level) {
+    if (level == debugLevel) {
+        return "debug";
+    }
+    return level && *level <= 1 ? "off" : "error";
+}
+
+std::string utf8(const std::wstring& wide) {
+    const int size = static_cast<int>(wide.size());
+    const int length = WideCharToMultiByte(CP_UTF8, 0, wide.data(), size, nullptr, 0, nullptr, nullptr);
+    std::string text(static_cast<std::size_t>(length), '\0');
+    WideCharToMultiByte(CP_UTF8, 0, wide.data(), size, text.data(), length, nullptr, nullptr);
+    return text;
+}
+
+}  // namespace talvik_tool

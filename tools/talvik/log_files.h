@@ -1,0 +1,32 @@
+// Where the provider logs, and how much.
+#pragma once
+
+#include <windows.h>
+
+#include <filesystem>
+#include <optional>
+#include <string>
+
+namespace talvik_tool {
+
+// <temporary folder>\Quorvel, with one folder for each program that uses the provider.
+std::filesystem::path logRoot();
+
+// The folder of this program, which is made where it does not exist: without it the log loses its first lines.
+std::filesystem::path ownLogFolder();
+
+// "YYYY-MM-DD.LOG" of today, local time.
+std::string logNameOfToday();
+
+// The registry value; nothing when it is not set.
+std::optional<DWORD> readLogLevel();
+
+// ERROR_SUCCESS, or why not.
+LSTATUS writeLogLevel(DWORD level);
+
+// "debug", "error" or "off", as the provider takes the value.
+const char* logLevelName(std::optional<DWORD> level);
+
+std::string utf8(const std::wstring& wide);
+
+}  // namespace talvik_tool
