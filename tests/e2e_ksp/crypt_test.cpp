@@ -81,7 +81,7 @@ TEST_F(CngCrypt, OpensslsSignaturesVerify) {
             ASSERT_EQ(openssl("pkeyutl -sign -inkey other.pem -in digest -out made -pkeyopt digest:" +
                               std::string(algorithm) +
                               (usesPss ? " -pkeyopt rsa_padding_mode:pss -pkeyopt rsa_pss_saltlen:digest" : ""))
-                          .status,
+                          .exitCode,
                       0);
             const DWORD padding = usesPss ? BCRYPT_PAD_PSS : BCRYPT_PAD_PKCS1;
             EXPECT_TRUE(verifies(key, digest, read("made"), padding)) << algorithm << usesPss;
