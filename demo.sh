@@ -93,7 +93,10 @@ changed_file_is_refused() {
 
 # The log of the run itself: the folders are made in advance, since the log loses a line for each one that it makes.
 log_folder() { echo "$WINEPREFIX/drive_c/users/$(id -un)/Temp/Quorvel/talvik_demo.exe"; }
-collect_log() { cp "$(log_folder)"/*.LOG "$out/" 2>/dev/null || true; }
+finish() {
+    cp "$(log_folder)"/*.LOG "$out/" 2>/dev/null || true # of a failed run too
+    wineserver -k 2>/dev/null || true
+}
 
 dialog=no fresh=no file=
 for argument in "$@"; do
@@ -116,9 +119,10 @@ if [ "$dialog" = yes ] && [ -z "${DISPLAY:-}" ]; then
     exec "$root/scripts/with-display" "$root/demo.sh" "$@"
 fi
 
-exec 9>"$root/build/demo.lock" 2>/dev/null || { mkdir -p build; exec 9>"$root/build/demo.lock"; }
+mkdir -p build
+exec 9>build/demo.lock
 flock -n 9 || fail "another demonstration is running"
-trap 'wineserver -k 2>/dev/null || true' EXIT
+trap finish EXIT
 trap 'exit 130' INT
 trap 'exit 143' TERM
 
@@ -128,7 +132,7 @@ TALVIK_TOKEN_HOME=$(windows_path "$state/tokens")
 rm -rf "$out"
 mkdir -p "$state" "$out"
 
-say "Preparing"
+say "Preparing (the first time takes some minutes)"
 step "build" scripts/build TalvikCSP TalvikDSCLibrary talvik talvik_demo
 step "Wine prefix with the provider in its system folder" scripts/register-csp "$bin"
 step "provider log at DEBUG" scripts/log-level 3
@@ -154,7 +158,7 @@ else
     export TALVIK_DEMO_PIN=$pin
     sign "${TALVIK_DEMO_PATIENCE:-120}"
 fi
-collect_log
+cp "$(log_folder)"/*.LOG "$out/"
 openssl x509 -inform DER -in "$state/signer.der" -out "$out/signer.pem"
 
 say "Checking"

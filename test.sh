@@ -9,8 +9,8 @@ scripts/build
 # Tests change the registry and the system folder: they have Wine prefixes of their own.
 export WINEPREFIX=$PWD/build/wine/test
 finish() {
-    for prefix in "$PWD"/build/wine/test*; do
-        [ ! -d "$prefix" ] || WINEPREFIX=$prefix wineserver -k 2>/dev/null || true
+    for prefix in "$PWD"/build/wine/*/; do
+        case $prefix in */demo/) ;; *) WINEPREFIX=$prefix wineserver -k 2>/dev/null || true ;; esac
     done
 }
 trap finish EXIT
