@@ -1,0 +1,188 @@
+#include <thread>
+
+#include "csp/context.h"
+#include "token/session.h"
+#include "unit/provider_test.h"
+
+using namespace testing;
+using namespace talvik;
+
+namespace {
+
+constexpr char INIT[] = "talvik_init(0, null, 2)";
+constexpr char DEVICES[] = "talvik_getConnectedDeviceList(false, null)";
+constexpr char MONITOR[] = "DEBUG Monitor thread already running, not starting again.";
+const std::string ONE = "11111111111111111111111111111111";
+const std::string TWO = "22222222222222222222222222222222";
+
+std::string initDevice(const std::string& device) {
+    return "talvik_initDevice(\"" + device + "\", false, null)";
+}
+std::string keyList(const std::string& device) {
+    return "talvik_getKeyPairList(\"" + device + "\", null)";
+}
+
+class CspContextTest : public ProviderTest {
+  protected:
+    ~CspContextTest() override {
+        if (context != UNTOUCHED_HANDLE && context != 0) {
+            EXPECT_TRUE(CPReleaseContext(context, 0));
+        }
+    }
+
+    Call acquisition(const char* container, DWORD flags = 0) {
+        return [=, this] { return CPAcquireContext(&context, container, flags, someTable()); };
+    }
+    csp::CspContext& record() const { return *csp::contextOf(context); }
+
+    HCRYPTPROV context = UNTOUCHED_HANDLE;
+};
+
+TEST_F(CspContextTest, NullArgumentsAreRefused) {
+    const std::string text = "CPAcquireContext: invalid parameter - phProv=";
+    expectRefusals("CPAcquireContext",
+                   {{[&] { return CPAcquireContext(nullptr, nullptr, 0, someTable()); }, ERROR_INVALID_PARAMETER,
+                     text + "0 pVTable=" + number(static_cast<const void*>(someTable()))},
+                    {[&] { return CPAcquireContext(&context, nullptr, CRYPT_DELETEKEYSET, nullptr); },
+                     ERROR_INVALID_PARAMETER, text + number(&context) + " pVTable=0"}});
+    EXPECT_EQ(context, UNTOUCHED_HANDLE);
+}
+
+TEST_F(CspContextTest, DeletingAKeysetTouchesNothing) {
+    for (const DWORD flags :
+         {DWORD{CRYPT_DELETEKEYSET}, DWORD{CRYPT_DELETEKEYSET | CRYPT_VERIFYCONTEXT}, DWORD{0x7FFFFFFF}}) {
+        context = UNTOUCHED_HANDLE;
+        expectSuccess(acquisition("name", flags),
+                      {"DEBUG CPAcquireContext", "DEBUG CPAcquireContext - dwFlags : " + std::to_string(flags),
+                       "DEBUG CPAcquireContext - CRYPT_DELETEKEYSET, returning success"},
+                      {});
+        EXPECT_EQ(context, 0u);
+    }
+}
+
+TEST_F(CspContextTest, AVerifyOnlyContextNeedsNoToken) {
+    scripted::attach({});
+    for (const DWORD flags : {0x10000000u, 0x20000000u, 0x40000000u, 0x80000000u, 0xF0000000u, 0xF0000008u}) {
+        expectSuccess(acquisition("name", flags),
+                      {"DEBUG CPAcquireContext", "DEBUG CPAcquireContext - dwFlags : " + std::to_string(flags),
+                       "DEBUG CPAcquireContext - CRYPT_VERIFYCONTEXT, no token required"},
+                      {});
+        EXPECT_EQ(record().deviceId, "");
+        EXPECT_EQ(record().containerName, "");
+        EXPECT_THAT(record().containerNames, IsEmpty());
+        EXPECT_EQ(record().keysetType, DWORD{CRYPT_USER_KEYSET});
+        expectSuccess([&] { return CPReleaseContext(context, 0); }, {"DEBUG CPReleaseContext"}, {});
+    }
+    context = 0;
+}
+
+TEST_F(CspContextTest, WithoutATokenThereIsNoContext) {
+    scripted::attach({});
+    expectFailure(
+        acquisition(nullptr), NTE_TOKEN_KEYSET_STORAGE_FULL,
+        {"DEBUG CPAcquireContext", "DEBUG CPAcquireContext - dwFlags : 0", MONITOR, "ERROR Valid token not connected"},
+        {INIT, DEVICES});
+    EXPECT_EQ(context, UNTOUCHED_HANDLE);
+}
+
+TEST_F(CspContextTest, TokensAreInitialisedOncePerProcess) {
+    attachTokens({scripted::keyPair(0x11), scripted::keyPair(0x22)});
+    expectSuccess(acquisition(nullptr),
+                  {"DEBUG CPAcquireContext", "DEBUG CPAcquireContext - dwFlags : 0", MONITOR,
+                   "DEBUG CPAcquireContext - Container name not provided", "DEBUG " + ONE, "DEBUG " + TWO},
+                  {INIT, DEVICES, INIT, initDevice("T1"), INIT, initDevice("T2"), DEVICES, keyList("T1")});
+    EXPECT_EQ(record().deviceId, "T1");
+    EXPECT_EQ(record().containerName, "");
+    EXPECT_EQ(record().containerNames, Lines({ONE, TWO}));
+    EXPECT_EQ(record().keysetType, DWORD{CRYPT_USER_KEYSET});
+    EXPECT_EQ(record().header, 0u);
+    EXPECT_TRUE(CPReleaseContext(context, 0));
+
+    expectSuccess(acquisition(TWO.c_str(), CRYPT_NEWKEYSET | CRYPT_SILENT | CRYPT_MACHINE_KEYSET),
+                  {"DEBUG CPAcquireContext", "DEBUG CPAcquireContext - dwFlags : 104", MONITOR,
+                   "DEBUG CPAcquireContext - Container name : " + TWO, "DEBUG " + ONE, "DEBUG " + TWO},
+                  {INIT, DEVICES, DEVICES, keyList("T1"), keyList("T1")});
+    EXPECT_EQ(record().containerName, TWO);
+}
+
+TEST_F(CspContextTest, AFailingTokenIsLeftForTheNextAcquisition) {
+    scripted::next("talvik_initDevice", {.status = -7});
+    expectSuccess(acquisition("no such key"),
+                  {"DEBUG CPAcquireContext", "DEBUG CPAcquireContext - dwFlags : 0", MONITOR,
+                   "ERROR Init device failed for T1 : -7", "DEBUG CPAcquireContext - Container name : no such key",
+                   "DEBUG Acquire Context :: Key List is empty"},
+                  {INIT, DEVICES, INIT, initDevice("T1"), INIT, initDevice("T2"), DEVICES, keyList("T1"), keyList("T2"),
+                   keyList("T1")});
+    EXPECT_EQ(record().containerName, "no such key");
+    EXPECT_TRUE(CPReleaseContext(context, 0));
+    forgetSoFar();
+    EXPECT_TRUE(acquisition(nullptr)());
+    EXPECT_EQ(scripted::takeCalls(), Lines({INIT, DEVICES, INIT, initDevice("T1"), DEVICES, keyList("T1")}));
+}
+
+TEST_F(CspContextTest, TheDeviceIsTheOneWithTheKey) {
+    scripted::attach({{"T1", {scripted::tokenInfo("one"), {scripted::keyPair(0x11)}, {}, {}}},
+                      {"T2", {scripted::tokenInfo("two"), {scripted::keyPair(0x22)}, {}, {}}}});
+    EXPECT_TRUE(acquisition(TWO.c_str())());
+    EXPECT_EQ(record().deviceId, "T2");
+    EXPECT_EQ(record().containerNames, Lines({TWO}));
+}
+
+TEST_F(CspContextTest, AnAliasNamesItsTargetButResolvesByItself) {
+    attachTokens({scripted::keyPair(0x11)});
+    insertContainerAlias("mine", ONE);
+    EXPECT_TRUE(acquisition("mine")());
+    EXPECT_EQ(log.entries().back(), "DEBUG CPAcquireContext - resolved container mine -> " + ONE);
+    EXPECT_EQ(record().containerName, ONE);
+    EXPECT_EQ(record().deviceId, "T1");
+}
+
+TEST_F(CspContextTest, AnEmptyNameIsProvidedAllTheSame) {
+    EXPECT_TRUE(acquisition("")());
+    EXPECT_THAT(log.entries(), Contains("DEBUG CPAcquireContext - Container name : "));
+    EXPECT_EQ(record().containerName, "");
+}
+
+// The last token is pulled between the enumeration and the resolution.
+TEST_F(CspContextTest, ATokenThatVanishesLeavesNoDevice) {
+    scripted::before("talvik_initDevice", [] { scripted::attach({}); });
+    EXPECT_FALSE(acquisition(nullptr)());
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_TOKEN_KEYSET_STORAGE_FULL));
+    EXPECT_EQ(log.entries().back(), "ERROR No initialized device found");
+    EXPECT_EQ(context, UNTOUCHED_HANDLE);
+}
+
+TEST_F(CspContextTest, ReleaseRefusesFlagsAndForeignHandles) {
+    context = 0;
+    const HCRYPTPROV held = acquire();
+    expectRefusals(
+        "CPReleaseContext",
+        {{[&] { return CPReleaseContext(held, 1); }, NTE_BAD_FLAGS, "CPReleaseContext: invalid dwFlags=0x00000001"},
+         {[&] { return CPReleaseContext(0, 0xABCDEF01); }, NTE_BAD_FLAGS,
+          "CPReleaseContext: invalid dwFlags=0xABCDEF01"},
+         {[&] { return CPReleaseContext(0, 0); }, NTE_BAD_UID, "CPReleaseContext: invalid or uninitialized context"}});
+    EXPECT_TRUE(csp::contextOf(held));
+    csp::CspContext invalid;
+    const auto handle = reinterpret_cast<HCRYPTPROV>(&invalid);
+    expectRefusals("CPReleaseContext", {{[&] { return CPReleaseContext(handle, 0); }, NTE_BAD_UID,
+                                         "CPReleaseContext: invalid or uninitialized context"}});
+}
+
+TEST_F(CspContextTest, ManyThreadsAcquireAtOnce) {
+    attachTokens({scripted::keyPair(0x11)});
+    context = 0;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i)
+        threads.emplace_back([this] {
+            for (int n = 0; n < 10; ++n) {
+                HCRYPTPROV own = 0;
+                EXPECT_TRUE(CPAcquireContext(&own, ONE.c_str(), 0, someTable()));
+                EXPECT_EQ(csp::contextOf(own)->containerNames, Lines({ONE}));
+                EXPECT_TRUE(CPReleaseContext(own, 0));
+            }
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+}
+
+}  // namespace

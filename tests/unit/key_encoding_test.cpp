@@ -1,0 +1,108 @@
+#include "token/key_encoding.h"
+
+#include "unit/provider_test.h"
+
+using namespace testing;
+using namespace talvik;
+
+namespace {
+
+TEST(KeyEncoding, HexTextToBytes) {
+    const std::pair<const char*, Bytes> rows[] = {
+        {"", {}},       {"0x", {}},     {"0X", {}},       {"0x1", {0x01}},        {"ABC", {0x0A, 0xBC}},
+        {"zz", {0x00}}, {"0", {0x00}},  {"x1", {0x01}},   {"aF09", {0xAF, 0x09}}, {"0xABC", {0x0A, 0xBC}},
+        {"g1", {0x01}}, {"1g", {0x10}}, {"0x0x", {0x00}}, {"1x2", {0x01, 0x02}},
+    };
+    for (const auto& [text, expected] : rows)
+        EXPECT_EQ(hexStringToBytes(text), expected) << text;
+}
+
+TEST(KeyEncoding, BytesToHexText) {
+    const unsigned char value[] = {0x00, 0xAB, 0xFF};
+    EXPECT_EQ(bytesToHexString(value, 2), "00AB");
+    EXPECT_EQ(bytesToHexString(value, 0), "");
+    EXPECT_EQ(bytesToHexString(value, -1), "");
+    EXPECT_EQ(bytesToHexString(nullptr, 0), "");
+    EXPECT_EQ(uintToHexString(0), "0");
+    EXPECT_EQ(uintToHexString(0xABCDEF01), "abcdef01");
+    EXPECT_EQ(uintToHexString(0x20), "20");
+}
+
+TEST(KeyEncoding, FixedWidthNumbers) {
+    EXPECT_EQ(uintToBigEndianBytes(65537, 3), Bytes({1, 0, 1}));
+    EXPECT_EQ(uintToBigEndianBytes(65537, 2), Bytes({0, 1}));
+    EXPECT_EQ(uintToBigEndianBytes(-1, 3), Bytes({0, 0, 0}));
+    EXPECT_EQ(uintToBigEndianBytes(INT_MIN, 4), Bytes({0, 0, 0, 0}));
+    EXPECT_EQ(uintToBigEndianBytes(INT_MAX, 5), Bytes({0, 0x7F, 0xFF, 0xFF, 0xFF}));
+    EXPECT_EQ(uintToBigEndianBytes(1, 0), Bytes());
+}
+
+TEST(KeyEncoding, DerLengths) {
+    const std::pair<std::uint64_t, Bytes> rows[] = {
+        {0, {0}},
+        {127, {0x7F}},
+        {128, {0x81, 0x80}},
+        {255, {0x81, 0xFF}},
+        {256, {0x82, 1, 0}},
+        {65535, {0x82, 0xFF, 0xFF}},
+        {65536, {0x83, 1, 0, 0}},
+        {0x100000000, {0x85, 1, 0, 0, 0, 0}},
+        {UINT64_MAX, {0x88, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}},
+    };
+    for (const auto& [length, expected] : rows)
+        EXPECT_EQ(derEncodeLength(length), expected) << length;
+}
+
+TEST(KeyEncoding, DerIntegersGuardTheTopBitAndStripNothing) {
+    EXPECT_EQ(derEncodeInteger(Bytes{0x80}), Bytes({2, 2, 0, 0x80}));
+    EXPECT_EQ(derEncodeInteger(Bytes{0x00, 0x80}), Bytes({2, 2, 0, 0x80}));
+    EXPECT_EQ(derEncodeInteger(Bytes{0x7F}), Bytes({2, 1, 0x7F}));
+    EXPECT_EQ(derEncodeInteger(Bytes{0, 0, 1}), Bytes({2, 3, 0, 0, 1}));
+    EXPECT_EQ(derEncodeInteger(Bytes{}), Bytes({2, 0}));
+    EXPECT_EQ(derEncodeTlv(0x30, filled(200, 7)).size(), 203u);
+}
+
+TEST(KeyEncoding, PublicKeyOf2048BitsHasItsKnownHead) {
+    Bytes modulus = filled(256, 0xC1);
+    const Bytes der = buildRsaPublicKeyDer(hex(modulus), "010001");
+    EXPECT_EQ(der.size(), 294u);
+    EXPECT_EQ(hex(Bytes(der.begin(), der.begin() + 33)),
+              "30820122300d06092a864886f70d01010105000382010f003082010a0282010100");
+    EXPECT_EQ(hex(Bytes(der.end() - 5, der.end())), "0203010001");
+    modulus[0] = 0x41;
+    EXPECT_EQ(buildRsaPublicKeyDer(hex(modulus), "010001").size(), 293u);
+}
+
+// Both builders give the same bytes at every size where a DER length grows by an octet.
+TEST(KeyEncoding, BothPublicKeyBuildersAgree) {
+    for (const std::size_t size :
+         {0,   1,   64,  96,  97,  110, 111, 112, 113, 120, 121, 122, 123, 127, 128, 200, 215,   216,
+          225, 226, 227, 228, 229, 230, 240, 247, 250, 251, 252, 255, 256, 257, 384, 512, 65500, 65535})
+        for (const unsigned char first : {0x00, 0x7F, 0x80})
+            for (const Bytes& exponent : {Bytes{1, 0, 1}, Bytes{3}, Bytes{0x80, 0, 1}, Bytes{}}) {
+                Bytes modulus = filled(size, 0x5A);
+                if (size > 0)
+                    modulus[0] = first;
+                EXPECT_EQ(buildRsaPublicKeyDerFromBytes(modulus, exponent),
+                          buildRsaPublicKeyDer(hex(modulus), hex(exponent)))
+                    << size;
+            }
+}
+
+TEST(KeyEncoding, OnlyTheFirstByteTellsDerFromModulus) {
+    Bytes key = filled(256, 0xC1);
+    EXPECT_FALSE(isDerPublicKey(key));
+    key[0] = 0x30;
+    EXPECT_TRUE(isDerPublicKey(key));
+    EXPECT_TRUE(isDerPublicKey(Bytes{}));
+}
+
+TEST(KeyEncoding, ReversalTurnsTheWholeBuffer) {
+    EXPECT_EQ(reverseBytes(Bytes({1, 2, 3})), Bytes({3, 2, 1}));
+    Bytes value = {1, 2, 3, 4};
+    reverseInPlace(value);
+    EXPECT_EQ(value, Bytes({4, 3, 2, 1}));
+    reverseInPlace({});
+}
+
+}  // namespace

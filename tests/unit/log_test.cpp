@@ -1,0 +1,186 @@
+#include "log/log.h"
+
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <thread>
+
+#include "log/utils.h"
+#include "unit/provider_test.h"
+
+using namespace testing;
+using namespace talvik;
+
+namespace {
+
+void setLogLevelValue(DWORD type, const std::string& data) {
+    ASSERT_EQ(RegSetKeyValueA(HKEY_LOCAL_MACHINE, "Software\\Quorvel\\Talvik", "logLevel", type, data.data(),
+                              static_cast<DWORD>(data.size())),
+              ERROR_SUCCESS);
+}
+
+class LogTest : public Test {
+  protected:
+    LogTest() {
+        setLogLevel(3);
+        log.mark();
+    }
+    ~LogTest() override { setLogLevel(3); }
+    LogReader log;
+};
+
+TEST_F(LogTest, RegistryValueChoosesTheLevels) {
+    struct {
+        const char* name;
+        std::function<void()> set;
+        bool debug, error;
+    } const rows[] = {
+        {"absent", [] { setLogLevel(std::nullopt); }, false, true},
+        {"0", [] { setLogLevel(0); }, false, false},
+        {"1", [] { setLogLevel(1); }, false, false},
+        {"2", [] { setLogLevel(2); }, false, true},
+        {"3", [] { setLogLevel(3); }, true, true},
+        {"4", [] { setLogLevel(4); }, false, true},
+        {"0xFFFFFFFF", [] { setLogLevel(0xFFFFFFFF); }, false, true},
+        {"binary 3",
+         [] {
+             setLogLevelValue(REG_BINARY, {"\3\0\0\0\7", 5});
+         },
+         true, true},
+        {"64-bit 1",
+         [] {
+             setLogLevelValue(REG_QWORD, {"\1\0\0\0\0\0\0\0", 8});
+         },
+         false, false},
+        {"text 3",
+         [] {
+             setLogLevelValue(REG_SZ, {"3", 2});
+         },
+         false, true},
+        {"one byte 3", [] { setLogLevelValue(REG_BINARY, "\3"); }, true, true},
+        {"too long", [] { setLogLevelValue(REG_BINARY, "\3" + std::string(40, '\0')); }, false, true},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        row.set();
+        log.mark();
+        logDebug("d");
+        logError("e");
+        Lines expected;
+        if (row.debug)
+            expected.push_back("DEBUG d");
+        if (row.error)
+            expected.push_back("ERROR e");
+        EXPECT_EQ(log.take(), expected);
+    }
+}
+
+TEST_F(LogTest, ALineHasDayBeforeMonthAndOneLineFeed) {
+    SYSTEMTIME before, after;
+    GetLocalTime(&before);
+    logDebug("CPAcquireContext");
+    GetLocalTime(&after);
+    std::smatch match;
+    const std::string line = log.raw();
+    ASSERT_TRUE(std::regex_match(
+        line, match,
+        std::regex("(\\d\\d)/(\\d\\d)::(\\d\\d):(\\d\\d):(\\d\\d):(\\d{3})-> ->DEBUG ::=>CPAcquireContext\n")))
+        << line;
+    EXPECT_THAT(std::stoi(match[1]), AnyOf(before.wDay, after.wDay));
+    EXPECT_THAT(std::stoi(match[2]), AnyOf(before.wMonth, after.wMonth));
+    EXPECT_THAT(std::stoi(match[3]), AnyOf(before.wHour, after.wHour));
+    EXPECT_THAT(std::stoi(match[4]), AnyOf(before.wMinute, after.wMinute));
+    char name[32];
+    std::snprintf(name, sizeof name, "%04d-%02d-%02d.LOG", after.wYear, after.wMonth, after.wDay);
+    EXPECT_TRUE(std::filesystem::exists(logFolder() + name)) << name;
+}
+
+TEST_F(LogTest, EveryLevelCodeHasItsTag) {
+    setLogLevel(0);
+    for (const int level : {1, 2, 3, 0, 4, -1})
+        writeLog(level, "x");
+    std::string tags;
+    std::istringstream lines(log.raw());
+    for (std::string line; std::getline(lines, line);)
+        tags += line.substr(24) + '\n';
+    EXPECT_EQ(tags, "EXCEP ::=>x\nERROR ::=>x\nDEBUG ::=>x\nINFO  ::=>x\nINFO  ::=>x\nINFO  ::=>x\n");
+}
+
+TEST_F(LogTest, ALineEndInAMessageIsNotEscaped) {
+    logError("one\r\ntwo");
+    logError("");
+    EXPECT_EQ(log.entries(), Lines({"ERROR one\r\ntwo", "ERROR "}));
+}
+
+TEST_F(LogTest, LoggingKeepsTheLastError) {
+    for (const auto level : {std::optional<unsigned long>(3), std::optional<unsigned long>(0), {}}) {
+        setLogLevel(level);
+        SetLastError(UNTOUCHED_ERROR);
+        logDebug("d");
+        logError("e");
+        EXPECT_EQ(GetLastError(), UNTOUCHED_ERROR);
+    }
+}
+
+TEST_F(LogTest, AFreshMachineLosesItsFirstTwoLines) {
+    useOwnTemporaryFolder(false);
+    const LogReader fresh;
+    internal::CaptureStdout();
+    for (const char* line : {"one", "two", "three"})
+        logError(line);
+    EXPECT_EQ(internal::GetCapturedStdout(), "\nUnable to write log\nUnable to write log");
+    EXPECT_EQ(fresh.entries(), Lines({"ERROR three"}));
+    useOwnTemporaryFolder();
+}
+
+TEST_F(LogTest, WithoutATemporaryFolderItSaysSoAndGoesOn) {
+    char working[MAX_PATH];
+    GetCurrentDirectoryA(sizeof working, working);
+    SetCurrentDirectoryA("C:\\");  // the path then begins at the current drive's root
+    internal::CaptureStdout();
+    SetEnvironmentVariableA("TMP", "C:\\no such folder");
+    char buffer[1024] = "x";
+    EXPECT_EQ(Utils().getLogBaseFolderPath(buffer, sizeof buffer), -1);
+    EXPECT_STREQ(buffer, "");
+    logError("e");
+    EXPECT_THAT(internal::GetCapturedStdout(), StartsWith("\nUnable to getLogBaseFolderPath"));
+    SetCurrentDirectoryA(working);
+    useOwnTemporaryFolder();
+}
+
+TEST_F(LogTest, LinesOfManyThreadsNeverInterleave) {
+    constexpr int threads = 6, lines = 40;
+    std::vector<std::thread> running;
+    for (int i = 0; i < threads; ++i)
+        running.emplace_back([i] {
+            for (int n = 0; n < lines; ++n)
+                logError(std::string(200, static_cast<char>('a' + i)));
+        });
+    for (std::thread& thread : running)
+        thread.join();
+    const Lines written = log.entries();
+    EXPECT_EQ(written.size(), threads * lines);
+    for (int i = 0; i < threads; ++i)
+        EXPECT_EQ(std::ranges::count(written, "ERROR " + std::string(200, static_cast<char>('a' + i))), lines);
+}
+
+TEST_F(LogTest, TheFolderWalkMakesOneLevelACall) {
+    std::string path = useOwnTemporaryFolder(false) + "a/b/c/";
+    for (const char* level : {"a", "a/b", "a/b/c"}) {
+        const std::string made = path.substr(0, path.size() - 6) + level;
+        EXPECT_FALSE(Utils().isFolderExists(made.c_str()));
+        EXPECT_EQ(Utils().createLogFolder(path.c_str()), -1);
+        EXPECT_TRUE(Utils().isFolderExists(made.c_str()));
+    }
+    EXPECT_EQ(Utils().createLogFolder(path.c_str()), 0);
+    EXPECT_EQ(Utils().createFolder(path.c_str()), 0);
+    std::ofstream(path + "file");
+    EXPECT_FALSE(Utils().isFolderExists((path + "file").c_str()));
+    useOwnTemporaryFolder();
+}
+
+TEST_F(LogTest, TheProcessNameHasItsExtension) {
+    EXPECT_EQ(Utils().getProcessName(), "unit_tests.exe");
+}
+
+}  // namespace

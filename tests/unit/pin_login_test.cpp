@@ -1,0 +1,259 @@
+#include "token/pin_login.h"
+
+#include "module.h"
+#include "token/pin_dialog.h"
+#include "token/session.h"
+#include "unit/provider_test.h"
+
+using namespace testing;
+using namespace talvik;
+
+namespace {
+
+constexpr char ASK[] = "DEBUG Password not validated or empty -- ask for PIN";
+constexpr char KSP_ASK[] = "DEBUG KSP: Password not validated, checking SSO";
+constexpr char TOKEN_INFO[] = "talvik_getTokenInfo(\"T1\", null)";
+
+const Lines dialogShown = {"DEBUG Password dialog show window", "DEBUG Password dialog show window before",
+                           "DEBUG Password dialog show window after"};
+
+Lines operator+(Lines left, const Lines& right) {
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
+std::string validation(const std::string& pin) {
+    return "talvik_validatePassword(\"T1\", \"" + pin + "\", 1, 0, null)";
+}
+
+class PinLogin : public ProviderTest {
+  protected:
+    // The window changes the last error; an entry point that succeeds puts it back.
+    static BOOL keepingLastError(bool (*login)()) {
+        const DWORD before = GetLastError();
+        const bool succeeded = login();
+        if (succeeded)
+            SetLastError(before);
+        return succeeded;
+    }
+    Call ensure = [] { return keepingLastError([] { return ensurePasswordValidated(DEVICE, nullptr); }); };
+    Call ensureKsp = [] {
+        return keepingLastError([] { return ensureKspPasswordValidated(DEVICE, nullptr, nullptr); });
+    };
+};
+
+TEST_F(PinLogin, AValidatedPinIsNotAskedForAgain) {
+    setDevicePassword(DEVICE, "1234");
+    expectSuccess(ensure, {"DEBUG PIN already validated -- no need to ask again"}, {});
+    expectSuccess(ensureKsp, {"DEBUG KSP: PIN already validated"}, {});
+    EXPECT_TRUE(canProceedSilently(DEVICE, nullptr));
+    EXPECT_THAT(scripted::takeCalls(), IsEmpty());
+    EXPECT_THAT(robot.finish(), IsEmpty());
+}
+
+TEST_F(PinLogin, AnAcceptedPinIsRememberedForBothFaces) {
+    robot.enters("987654");
+    expectSuccess(ensure, Lines{ASK} + dialogShown, {TOKEN_INFO, validation("987654")});
+    EXPECT_STREQ(getDevicePassword(DEVICE).c_str(), "987654");
+    EXPECT_TRUE(isPasswordValidated(DEVICE));
+    EXPECT_TRUE(ensureKsp());
+    EXPECT_EQ(robot.finish(), Lines({"PIN"}));
+}
+
+TEST_F(PinLogin, TheCngFaceRemembersItToo) {
+    robot.enters("987654");
+    EXPECT_TRUE(ensureKsp());
+    EXPECT_EQ(log.take(), Lines{KSP_ASK} + dialogShown);
+    EXPECT_EQ(scripted::takeCalls(), Lines({TOKEN_INFO, validation("987654")}));
+    EXPECT_STREQ(getDevicePassword(DEVICE).c_str(), "987654");
+}
+
+// Only a token that answers and reports both the login and the sign-on counts as logged in.
+TEST_F(PinLogin, SingleSignOnTakesAllThreeFields) {
+    struct {
+        const char* tokenId;
+        int login, sso;
+        bool loggedIn;
+    } const rows[] = {{"one", 1, 1, true},  {"", 1, 1, false},    {"one", 1, 0, false}, {"one", 0, 1, false},
+                      {"one", 2, 1, false}, {"one", 1, 2, false}, {"one", -1, 1, false}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.tokenId + std::to_string(row.login) + std::to_string(row.sso));
+        scripted::Token token{scripted::tokenInfo(row.tokenId), {}, {}, {}};
+        token.info.loginState = row.login;
+        token.info.ssoState = row.sso;
+        scripted::attach({{DEVICE, token}});
+        forgetEverything();
+        EXPECT_EQ(canProceedSilently(DEVICE, nullptr), row.loggedIn);
+        EXPECT_FALSE(isPasswordValidated(DEVICE));
+        if (row.loggedIn) {
+            for (int i = 0; i < 2; ++i)  // asked of the token anew each time
+                expectSuccess(ensure, {ASK}, {TOKEN_INFO});
+            expectSuccess(ensureKsp, {KSP_ASK}, {TOKEN_INFO});
+            EXPECT_TRUE(isPasswordValidated(DEVICE));
+            EXPECT_STREQ(getDevicePassword(DEVICE).c_str(), "");
+        } else {
+            robot.cancels();
+            EXPECT_FALSE(ensure());
+            robot.cancels();
+            EXPECT_FALSE(ensureKsp());
+        }
+    }
+}
+
+TEST_F(PinLogin, LosingTheSignOnAsksForThePin) {
+    attachTokens({}, true);
+    EXPECT_TRUE(ensure());
+    attachTokens({});
+    robot.enters("1234");
+    EXPECT_TRUE(ensure());
+    EXPECT_EQ(robot.finish(), Lines({"PIN"}));
+}
+
+TEST_F(PinLogin, GivingUpFailsWithoutAskingTheToken) {
+    for (const bool byButton : {true, false}) {
+        byButton ? robot.cancels() : robot.closes();
+        expectFailure(ensure, NTE_FAIL,
+                      Lines{ASK} + dialogShown +
+                          Lines{"DEBUG User cancelled password dialog", "ERROR Password validation failed"},
+                      {TOKEN_INFO});
+        byButton ? robot.cancels() : robot.closes();
+        EXPECT_FALSE(ensureKsp());
+        EXPECT_EQ(log.take().back(), "DEBUG KSP: User cancelled password dialog");
+        EXPECT_FALSE(isPasswordValidated(DEVICE));
+    }
+    // What was typed before is not entered.
+    robot.does([](const PinDialog& dialog) {
+        dialog.type("1234");
+        dialog.close();
+    });
+    EXPECT_FALSE(ensure());
+    robot.does([](const PinDialog& dialog) {
+        dialog.type("1234");
+        dialog.cancel();
+    });
+    EXPECT_FALSE(ensure());
+    EXPECT_EQ(scripted::callCount("talvik_validatePassword"), 0);
+}
+
+TEST_F(PinLogin, RefusalsAreToldUntilTheTokenAccepts) {
+    scripted::next("talvik_validatePassword", {.status = 5, .length = 2});
+    scripted::next("talvik_validatePassword", {.status = 48, .length = 1});
+    scripted::next("talvik_validatePassword", {.status = 48, .length = 7});
+    robot.enters("wrong1").enters("wrong2").enters("wrong3").enters("right");
+    expectSuccess(ensure, Lines{ASK} + dialogShown + dialogShown + dialogShown + dialogShown,
+                  {TOKEN_INFO, validation("wrong1"), validation("wrong2"), validation("wrong3"), validation("right")});
+    const std::string mismatch = "System time mismatch, Kidly login to Token Manager";
+    EXPECT_EQ(robot.finish(),
+              Lines({"PIN", "Invalid user pin. Remaining attempts(2)", "PIN", mismatch, "PIN", mismatch, "PIN"}));
+    EXPECT_STREQ(getDevicePassword(DEVICE).c_str(), "right");
+}
+
+// A refusal with no attempt left ends the login whatever its status; the count is 0 unless the token reports another.
+TEST_F(PinLogin, ALockedPinEndsTheLogin) {
+    struct {
+        scripted::Outcome refusal;
+        const char *message, *kspMessage;
+    } const rows[] = {
+        {{.status = 5}, "User pin locked, re-initialise device", "User pin locked, re-initialise device"},
+        {{.status = -1, .length = 0}, "User pin locked, re-initialise device", "User pin locked, re-initialise device"},
+        {{.status = 48, .length = 0},
+         "System time mismatch, Kidly login to Token Manager",
+         "System time mismatch, Kindly login to Token Manager"},
+    };
+    Lines seen;
+    for (const auto& row : rows) {
+        scripted::always("talvik_validatePassword", row.refusal);
+        robot.enters("wrong");
+        expectFailure(ensure, NTE_FAIL,
+                      Lines{ASK} + dialogShown +
+                          Lines{"ERROR loginUser: PIN locked, retryCount=0", "ERROR Password validation failed"},
+                      {TOKEN_INFO, validation("wrong")});
+        robot.enters("wrong");
+        log.mark();
+        EXPECT_FALSE(ensureKsp());
+        EXPECT_EQ(log.take(), Lines{KSP_ASK} + dialogShown);
+        seen = seen + Lines{"PIN", row.message, "PIN", row.kspMessage};
+        EXPECT_FALSE(isPasswordValidated(DEVICE));
+    }
+    EXPECT_EQ(robot.finish(), seen);
+}
+
+TEST_F(PinLogin, TheCngFaceSpellsTheMismatchRight) {
+    scripted::next("talvik_validatePassword", {.status = 48, .length = 3});
+    scripted::next("talvik_validatePassword", {.status = 1, .length = -2});
+    robot.enters("wrong1").enters("wrong2").cancels();
+    EXPECT_FALSE(ensureKsp());
+    EXPECT_EQ(robot.finish(), Lines({"PIN", "System time mismatch, Kindly login to Token Manager", "PIN",
+                                     "Invalid user pin. Remaining attempts(-2)", "PIN"}));
+}
+
+TEST_F(PinLogin, AFailedLoginForgetsThePinBefore) {
+    setDevicePassword(DEVICE, "");
+    robot.cancels();
+    EXPECT_FALSE(ensure());
+    EXPECT_FALSE(isPasswordValidated(DEVICE));
+}
+
+TEST_F(PinLogin, LoginIsEnabledFrom4To63Characters) {
+    robot.does([](const PinDialog& dialog) {
+        EXPECT_FALSE(dialog.loginEnabled()) << "at first";
+        for (int length = 0; length <= 300; length += length < 66 ? 1 : 39) {
+            dialog.type(std::string(length, 'x'));
+            EXPECT_EQ(dialog.loginEnabled(), length >= 4 && length <= 63) << length;
+        }
+        dialog.type("1234");
+        dialog.type("123");
+        EXPECT_FALSE(dialog.loginEnabled());
+        dialog.cancel();
+    });
+    EXPECT_FALSE(ensure());
+}
+
+TEST_F(PinLogin, PinsOfAllLengthsArriveAsTyped) {
+    for (const int length : {4, 5, 15, 16, 31, 63}) {
+        forgetEverything();
+        std::string pin(static_cast<std::size_t>(length), '0');
+        pin.front() = ' ';
+        pin.back() = '"';
+        robot.enters(pin);
+        EXPECT_TRUE(ensure());
+        EXPECT_EQ(scripted::takeCalls().back(), validation(pin));
+        EXPECT_STREQ(getDevicePassword(DEVICE).c_str(), pin.c_str());
+    }
+}
+
+TEST_F(PinLogin, TheDialogSaysWhatItWantsAndHidesThePin) {
+    robot.does([](const PinDialog& dialog) {
+        char login[16], cancel[16];
+        GetDlgItemTextA(dialog.window(), IDOK, login, sizeof login);
+        GetDlgItemTextA(dialog.window(), IDCANCEL, cancel, sizeof cancel);
+        EXPECT_STREQ(login, "Login");
+        EXPECT_STREQ(cancel, "Cancel");
+        EXPECT_EQ(GetWindow(dialog.window(), GW_OWNER), nullptr);
+        Lines texts;
+        for (HWND child = GetWindow(dialog.window(), GW_CHILD); child; child = GetWindow(child, GW_HWNDNEXT)) {
+            char text[64] = {};
+            GetWindowTextA(child, text, sizeof text);
+            texts.push_back(text);
+        }
+        EXPECT_THAT(texts, IsSupersetOf({"Please enter user pin to verify,", "User Pin :"}));
+        EXPECT_NE(GetWindowLongA(GetDlgItem(dialog.window(), 1001), GWL_STYLE) & ES_PASSWORD, 0);
+        // A command of no control that it has ends the dialog, with nothing entered.
+        dialog.type("1234");
+        SendMessageA(dialog.window(), WM_COMMAND, MAKEWPARAM(77, 0), 0);
+    });
+    EXPECT_FALSE(ensure());
+    EXPECT_TRUE(getEnteredPin().empty());
+}
+
+TEST_F(PinLogin, ADialogThatCannotBeMadeCountsAsCancelled) {
+    recordModuleInstance(GetModuleHandleA("kernel32.dll"));
+    expectFailure(ensure, NTE_FAIL,
+                  Lines{ASK} + dialogShown +
+                      Lines{"ERROR Password dialog creation failed : -1", "DEBUG User cancelled password dialog",
+                            "ERROR Password validation failed"},
+                  {TOKEN_INFO});
+    recordModuleInstance(GetModuleHandleA(nullptr));
+}
+
+}  // namespace

@@ -1,0 +1,126 @@
+#include "unit/provider_test.h"
+
+#include <numeric>
+
+#include "module.h"
+#include "token/device_monitor.h"
+#include "token/session.h"
+#include "token/shared_state.h"
+
+using namespace testing;
+
+void attachTokens(std::vector<TalvikKeyPair> keyPairs, bool loggedIn) {
+    scripted::Token first{scripted::tokenInfo("one", loggedIn), std::move(keyPairs), {}, {}};
+    scripted::Token second{scripted::tokenInfo("two"), {}, {}, {}};
+    scripted::attach({{DEVICE, std::move(first)}, {"T2", std::move(second)}});
+}
+
+ProviderTest::ProviderTest() {
+    setLogLevel(3);
+    scripted::reset();
+    attachTokens({});
+    talvik::forgetEverything();
+    forgetSoFar();
+}
+
+ProviderTest::~ProviderTest() {
+    for (HCRYPTPROV context : acquired_)
+        EXPECT_TRUE(CPReleaseContext(context, 0));
+    robot.finish();
+}
+
+HCRYPTPROV ProviderTest::acquire(const std::string& container, DWORD flags) {
+    HCRYPTPROV context = 0;
+    EXPECT_TRUE(CPAcquireContext(&context, container.empty() ? nullptr : container.c_str(), flags, someTable()));
+    acquired_.push_back(context);
+    forgetSoFar();
+    return context;
+}
+
+void ProviderTest::forgetSoFar() {
+    log.mark();
+    scripted::takeCalls();
+}
+
+void ProviderTest::expectOutcome(const Call& call, BOOL result, ErrorCode error, const Lines& lines, const Lines& calls,
+                                 Where where) {
+    const ScopedTrace trace(where.file_name(), static_cast<int>(where.line()), "called from here");
+    forgetSoFar();
+    SetLastError(UNTOUCHED_ERROR);
+    const BOOL actual = call();
+    const DWORD lastError = GetLastError();
+    EXPECT_EQ(actual, result);
+    EXPECT_EQ(lastError, static_cast<DWORD>(error))
+        << std::hex << lastError << " instead of " << static_cast<DWORD>(error);
+    EXPECT_EQ(log.entries(), lines);
+    EXPECT_EQ(scripted::takeCalls(), calls);
+}
+
+void ProviderTest::expectSuccess(const Call& call, const Lines& lines, const Lines& calls, Where where) {
+    expectOutcome(call, TRUE, UNTOUCHED_ERROR, lines, calls, where);
+}
+
+void ProviderTest::expectFailure(const Call& call, ErrorCode error, const Lines& lines, const Lines& calls,
+                                 Where where) {
+    expectOutcome(call, FALSE, error, lines, calls, where);
+}
+
+void ProviderTest::expectRefusals(const std::string& entryPoint, const std::vector<Refusal>& refusals, Where where) {
+    const ScopedTrace trace(where.file_name(), static_cast<int>(where.line()), "table of refusals");
+    for (const Refusal& refusal : refusals) {
+        SCOPED_TRACE(refusal.text);
+        forgetSoFar();
+        SetLastError(UNTOUCHED_ERROR);
+        EXPECT_FALSE(refusal.call());
+        EXPECT_EQ(GetLastError(), static_cast<DWORD>(refusal.error));
+        const Lines lines = log.entries();
+        EXPECT_THAT(ofLevel(lines, "ERROR"), ElementsAre(refusal.text));
+        if (!lines.empty()) {
+            EXPECT_EQ(lines.front(), "DEBUG " + entryPoint);
+            EXPECT_EQ(lines.back(), "ERROR " + refusal.text);
+        }
+        EXPECT_THAT(scripted::takeCalls(), IsEmpty());
+    }
+}
+
+VTableProvStruc* someTable() {
+    static int table;
+    return reinterpret_cast<VTableProvStruc*>(&table);
+}
+
+Bytes bytes(std::size_t count, unsigned char first) {
+    Bytes value(count);
+    std::iota(value.begin(), value.end(), first);
+    return value;
+}
+
+Bytes filled(std::size_t count, unsigned char value) {
+    return Bytes(count, value);
+}
+
+std::string hex(const Bytes& value) {
+    std::string text;
+    for (const unsigned char byte : value) {
+        text += "0123456789abcdef"[byte >> 4];
+        text += "0123456789abcdef"[byte & 15];
+    }
+    return text;
+}
+
+std::string number(std::uintptr_t handle) {
+    return std::to_string(handle);
+}
+std::string number(const void* pointer) {
+    return number(reinterpret_cast<std::uintptr_t>(pointer));
+}
+
+// The resources of the provider are linked into this program; the monitor runs from the first test to the last.
+int main(int argc, char** argv) {
+    InitGoogleTest(&argc, argv);
+    useOwnTemporaryFolder();
+    talvik::recordModuleInstance(GetModuleHandleA(nullptr));
+    talvik::startDeviceMonitor();
+    const int result = RUN_ALL_TESTS();
+    talvik::stopDeviceMonitor();
+    return result;
+}

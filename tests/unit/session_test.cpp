@@ -1,0 +1,113 @@
+#include "token/session.h"
+
+#include "unit/provider_test.h"
+
+using namespace testing;
+using namespace talvik;
+
+namespace {
+
+class SessionTest : public ProviderTest {};
+
+TEST_F(SessionTest, AnUnseenDeviceReadsAsNothing) {
+    EXPECT_FALSE(isDeviceInitialized("X"));
+    EXPECT_FALSE(isPasswordValidated("X"));
+    EXPECT_STREQ(getDevicePassword("X").c_str(), "");
+    clearDevicePassword("X");
+    EXPECT_FALSE(isPasswordValidated("X"));
+}
+
+TEST_F(SessionTest, DeviceStatesMoveApart) {
+    markDeviceInitialized("A");
+    setDevicePassword("B", "1234");
+    EXPECT_TRUE(isDeviceInitialized("A"));
+    EXPECT_FALSE(isPasswordValidated("A"));
+    EXPECT_FALSE(isDeviceInitialized("B"));
+    EXPECT_TRUE(isPasswordValidated("B"));
+    EXPECT_STREQ(getDevicePassword("B").c_str(), "1234");
+    setDevicePassword("A", "");
+    EXPECT_TRUE(isPasswordValidated("A"));
+    clearDevicePassword("B");
+    clearDevicePassword("A");
+    EXPECT_STREQ(getDevicePassword("B").c_str(), "");
+    EXPECT_TRUE(isDeviceInitialized("A"));
+}
+
+TEST_F(SessionTest, UnpluggedDevicesAreForgottenWhole) {
+    for (const char* device : {"A", "B", "C"}) {
+        markDeviceInitialized(device);
+        setDevicePassword(device, "1234");
+    }
+    log.mark();
+    forgetDevicesExcept({"B", "Z"});
+    EXPECT_EQ(log.allEntries(), Lines({"DEBUG Device disconnected: A", "DEBUG Device disconnected: C"}));
+    EXPECT_FALSE(isDeviceInitialized("A"));
+    EXPECT_STREQ(getDevicePassword("A").c_str(), "");
+    EXPECT_TRUE(isDeviceInitialized("B"));
+    EXPECT_STREQ(getDevicePassword("B").c_str(), "1234");
+}
+
+TEST_F(SessionTest, AliasesAreExactAndReplaceable) {
+    EXPECT_FALSE(findContainerAlias("name"));
+    insertContainerAlias("name", "ONE");
+    insertContainerAlias("name", "TWO");
+    EXPECT_EQ(findContainerAlias("name"), "TWO");
+    EXPECT_FALSE(findContainerAlias("Name"));
+}
+
+// Two tokens; the key that is looked for is on the second, and another key's label is a third name.
+class Resolution : public ProviderTest {
+  protected:
+    Resolution() {
+        scripted::Token one{scripted::tokenInfo("one"), {scripted::keyPair(0x11)}, {}, {}};
+        scripted::Token two{scripted::tokenInfo("two"), {scripted::keyPair(0x22), unterminated()}, {}, {}};
+        scripted::attach({{"T1", one}, {"T2", two}});
+    }
+
+    static TalvikKeyPair unterminated() {
+        TalvikKeyPair key = scripted::keyPair(0xAB);
+        std::fill_n(key.label, sizeof key.label, 'L');
+        return key;
+    }
+
+    const Lines enumeration = {"talvik_getConnectedDeviceList(false, null)", "talvik_getKeyPairList(\"T1\", null)",
+                               "talvik_getKeyPairList(\"T2\", null)"};
+    const std::string second = scripted::containerName(scripted::keyPair(0x22));
+};
+
+TEST_F(Resolution, ContainersGoByTheirHexNameAlone) {
+    EXPECT_EQ(resolveDeviceForContainer(second), "T2");
+    EXPECT_EQ(scripted::takeCalls(), enumeration);
+    EXPECT_EQ(resolveDeviceForContainer(""), "T1");
+    EXPECT_EQ(scripted::takeCalls(), Lines({enumeration[0]}));
+    EXPECT_EQ(resolveDeviceForContainer("unknown"), "T1");
+    EXPECT_EQ(resolveDeviceForContainer("label 34"), "T1");
+    EXPECT_EQ(resolveDeviceForContainer("abababababababababababababababab"), "T1");
+    EXPECT_EQ(resolveDeviceForContainer(second + "0"), "T1");
+    scripted::takeCalls();
+    EXPECT_EQ(resolveDeviceForContainer("11111111111111111111111111111111"), "T1");
+    EXPECT_EQ(scripted::takeCalls(), Lines({enumeration[0], enumeration[1]}));
+}
+
+TEST_F(Resolution, KeyNamesMayBeLabels) {
+    EXPECT_EQ(resolveDeviceForKeyName(std::wstring(second.begin(), second.end())), "T2");
+    EXPECT_EQ(scripted::takeCalls(), enumeration);
+    EXPECT_EQ(resolveDeviceForKeyName(L"label 34"), "T2");
+    EXPECT_EQ(resolveDeviceForKeyName(L"label 35"), "T1");
+    EXPECT_EQ(resolveDeviceForKeyName(std::wstring(128, L'L')), "T2");
+    EXPECT_EQ(resolveDeviceForKeyName(L"\x016C\x0261\x0062\x0065\x006C 34"), "T2");  // low bytes alone count
+    scripted::takeCalls();
+    EXPECT_EQ(resolveDeviceForKeyName(L""), "T1");
+    EXPECT_EQ(scripted::takeCalls(), Lines({enumeration[0]}));
+}
+
+TEST_F(Resolution, WithoutATokenThereIsNoDevice) {
+    scripted::attach({});
+    for (const char* name : {"", "x"})
+        EXPECT_EQ(resolveDeviceForContainer(name), "");
+    EXPECT_EQ(resolveDeviceForKeyName(L""), "");
+    EXPECT_EQ(resolveDeviceForKeyName(L"x"), "");
+    EXPECT_EQ(scripted::takeCalls(), Lines(4, enumeration[0]));
+}
+
+}  // namespace
