@@ -49,14 +49,6 @@ EncryptionType aesMechanism(std::int32_t keyLength, bool hasIv) {
     return hasIv ? EncryptionType::Aes256Cbc : EncryptionType::Aes256Ecb;
 }
 
-// No initialisation vector is a null pointer with length 0.
-const unsigned char* ivPointer() {
-    return sharedIv.empty() ? nullptr : sharedIv.data();
-}
-int ivLength() {
-    return static_cast<int>(sharedIv.size());
-}
-
 Outcome encryptRsa(const CspContext& context, const KEY_HANDLE& key, DWORD dwFlags, BYTE* pbData, DWORD* pdwDataLen,
                    DWORD dwBufLen) {
     const Bytes publicKey = derPublicKeyOf(publicKeyOf(key), publicKeyTexts);
@@ -83,11 +75,12 @@ Outcome encryptAes(const CspContext& context, const KEY_HANDLE& key, BYTE* pbDat
     if (key.aesKeyLen != 16 && key.aesKeyLen != 24 && key.aesKeyLen != 32) {
         return fail(NTE_BAD_KEY, "CPEncrypt: unsupported symmetric key length: ", key.aesKeyLen);
     }
+    const IvSnapshot iv = sharedIv();
     LibraryBuffer output(*pdwDataLen + resultMargin);
     const int status =
-        talvik_encrypt_aes(context.deviceId.c_str(), aesMechanism(key.aesKeyLen, !sharedIv.empty()), key.aesKey,
+        talvik_encrypt_aes(context.deviceId.c_str(), aesMechanism(key.aesKeyLen, !iv.empty()), key.aesKey,
                            key.aesKeyLen, pbData, static_cast<int>(*pdwDataLen), output.bytesOut(), output.lengthOut(),
-                           false, ivPointer(), ivLength(), nullptr, 0, context.reserved);
+                           false, iv.data(), iv.length(), nullptr, 0, context.reserved);
     if (status != TALVIK_STATUS_OK || !output.isHonest()) {
         return fail(NTE_PROVIDER_DLL_FAIL, "CPEncrypt: symmetric encryption failed: ", status);
     }
@@ -170,12 +163,13 @@ Outcome decryptRsa(const CspContext& context, const KEY_HANDLE& key, BYTE* pbDat
 }
 
 Outcome decryptAes(const CspContext& context, const KEY_HANDLE& key, BYTE* pbData, DWORD* pdwDataLen) {
+    const IvSnapshot iv = sharedIv();
     SecretBytes output(*pdwDataLen);
     int length = static_cast<int>(output.size());
-    logDebug("CPDecrypt input iv : ", HexBytes{sharedIv.data(), ivLength()});
+    logDebug("CPDecrypt input iv : ", HexBytes{iv.data(), iv.length()});
     logDebug("CPDecrypt input key : ", HexBytes{key.aesKey, key.aesKeyLen});
     const int status = talvik_decryptSymetric(context.deviceId.c_str(), pbData, length, output.data(), &length,
-                                              ivPointer(), ivLength(), key.aesKey, key.aesKeyLen, nullptr);
+                                              iv.data(), iv.length(), key.aesKey, key.aesKeyLen, nullptr);
     if (status != TALVIK_STATUS_OK || length < 0 || static_cast<std::size_t>(length) > output.size()) {
         return fail(NTE_PROVIDER_DLL_FAIL, "Symetric decryption failed : ", status);
     }

@@ -186,7 +186,7 @@ Outcome setIv(const KEY_HANDLE& key, const BYTE* pbData) {
     if (pbData == nullptr) {
         return fail(ERROR_INVALID_PARAMETER, "CPSetKeyParam: KP_IV pbData is null");
     }
-    sharedIv.assign(pbData, pbData + blockSize);
+    setSharedIv({pbData, blockSize});
     return success();
 }
 

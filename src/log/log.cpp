@@ -228,7 +228,7 @@ void reportLostLine() noexcept {
 
 }  // namespace log_detail
 
-void writeLog(int level, std::string message) noexcept {
+void writeLog(int level, const std::string& message) noexcept {
     const LastErrorKeeper keeper;
     try {
         appendLine(level, message);

@@ -66,14 +66,14 @@ void reportLostLine() noexcept;
 
 // Appends one line to today's file, whatever the configured level. `level` chooses the tag: the LOG_LEVEL_* codes, any
 // other value gives INFO.
-void writeLog(int level, std::string message) noexcept;
+void writeLog(int level, const std::string& message) noexcept;
 
 template <class... Parts>
 void writeLogParts(int level, const Parts&... parts) noexcept {
     try {
         std::string message;
         (log_detail::append(message, parts), ...);
-        writeLog(level, static_cast<std::string&&>(message));
+        writeLog(level, message);
     } catch (...) {
         log_detail::reportLostLine();
     }

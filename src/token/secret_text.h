@@ -15,7 +15,7 @@ class SecretText {
   public:
     SecretText() = default;
     explicit SecretText(std::string_view text) : text_(text) {}
-    SecretText(const SecretText& other) : text_(other.text_) {}
+    SecretText(const SecretText& other) = default;
     SecretText(SecretText&& other) noexcept { text_.swap(other.text_); }
     SecretText& operator=(SecretText other) noexcept {
         text_.swap(other.text_);

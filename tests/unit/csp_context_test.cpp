@@ -1,3 +1,4 @@
+#include <stdexcept>
 #include <thread>
 
 #include "csp/context.h"
@@ -33,7 +34,11 @@ class CspContextTest : public ProviderTest {
     Call acquisition(const char* container, DWORD flags = 0) {
         return [=, this] { return CPAcquireContext(&context, container, flags, someTable()); };
     }
-    csp::CspContext& record() const { return *csp::contextOf(context); }
+    csp::CspContext& record() const {
+        if (context == UNTOUCHED_HANDLE || !csp::contextOf(context))
+            throw std::runtime_error("no context was acquired");
+        return *csp::contextOf(context);
+    }
 
     HCRYPTPROV context = UNTOUCHED_HANDLE;
 };
@@ -162,9 +167,7 @@ TEST_F(CspContextTest, ReleaseRefusesFlagsAndForeignHandles) {
           "CPReleaseContext: invalid dwFlags=0xABCDEF01"},
          {[&] { return CPReleaseContext(0, 0); }, NTE_BAD_UID, "CPReleaseContext: invalid or uninitialized context"}});
     EXPECT_TRUE(csp::contextOf(held));
-    csp::CspContext invalid;
-    const auto handle = reinterpret_cast<HCRYPTPROV>(&invalid);
-    expectRefusals("CPReleaseContext", {{[&] { return CPReleaseContext(handle, 0); }, NTE_BAD_UID,
+    expectRefusals("CPReleaseContext", {{[&] { return CPReleaseContext(invalid, 0); }, NTE_BAD_UID,
                                          "CPReleaseContext: invalid or uninitialized context"}});
 }
 

@@ -1,6 +1,5 @@
 #include <cstring>
 
-#include "csp/context.h"
 #include "csp/hash.h"
 #include "unit/provider_test.h"
 
@@ -30,11 +29,6 @@ Lines paramLog(DWORD param, unsigned int mechanism) {
     return {"DEBUG CPGetHashParam", "DEBUG CPGetHashParam dwParam : " + std::to_string(param),
             "DEBUG CPGetHashParam mechanism : " + std::to_string(mechanism)};
 }
-Lines with(Lines lines, const std::string& last) {
-    lines.push_back(last);
-    return lines;
-}
-
 class CspHashTest : public ProviderTest {
   protected:
     CspHashTest() : prov(acquire()) {}
@@ -59,8 +53,6 @@ class CspHashTest : public ProviderTest {
     }
 
     const HCRYPTPROV prov;
-    csp::CspContext invalidContext;
-    const HCRYPTPROV invalid = reinterpret_cast<HCRYPTPROV>(&invalidContext);
     DWORD size = UNTOUCHED;
     BYTE buffer[64] = {};
 
@@ -200,8 +192,8 @@ TEST_F(CspHashTest, WordParametersFollowTheSizeRule) {
                 Bytes value = filled(4, 0xCD);
                 size = room;
                 expectFailure(get(hash, param, value, size), ERROR_MORE_DATA,
-                              with(paramLog(param, row.mechanism),
-                                   std::string("ERROR CPGetHashParam: ") + name + " buffer too small"),
+                              paramLog(param, row.mechanism) +
+                                  Lines{std::string("ERROR CPGetHashParam: ") + name + " buffer too small"},
                               {});
                 EXPECT_EQ(size, 4u);
                 EXPECT_EQ(value, filled(4, 0xCD));
@@ -215,7 +207,7 @@ TEST_F(CspHashTest, WordParametersFollowTheSizeRule) {
             Lines lines = paramLog(param, row.mechanism);
             if (param == HP_HASHSIZE)
                 lines.push_back("DEBUG Get hash param hashSize : " + std::to_string(row.size));
-            expectSuccess(get(hash, param, value, size), with(lines, "DEBUG Get hash param success"), {});
+            expectSuccess(get(hash, param, value, size), lines + Lines{"DEBUG Get hash param success"}, {});
             EXPECT_EQ(size, 4u);
             DWORD answered;
             std::memcpy(&answered, value.data(), 4);
@@ -239,9 +231,9 @@ TEST_F(CspHashTest, TheDigestIsFinishedOnceAndThenCached) {
             Bytes value = filled(10, 0xCD);
             size = 10;
             expectFailure(get(hash, HP_HASHVAL, value, size), ERROR_MORE_DATA,
-                          with(paramLog(HP_HASHVAL, row.mechanism),
-                               std::string("ERROR CPGetHashParam: HP_HASHVAL buffer too small for ") +
-                                   (finalised ? "cached hash value" : "finalized hash")),
+                          paramLog(HP_HASHVAL, row.mechanism) +
+                              Lines{std::string("ERROR CPGetHashParam: HP_HASHVAL buffer too small for ") +
+                                    (finalised ? "cached hash value" : "finalized hash")},
                           finalised ? Lines{} : Lines{finalHash("#1", row.size)});
             EXPECT_EQ(size, row.size);
             EXPECT_EQ(value, filled(10, 0xCD));
@@ -265,7 +257,7 @@ TEST_F(CspHashTest, AFailedDigestIsAskedForAgain) {
     Bytes value(32);
     size = 32;
     expectFailure(get(hash, HP_HASHVAL, value, size), NTE_FAIL,
-                  with(paramLog(HP_HASHVAL, 3), "ERROR CPGetHashParam: talvik_finalHash failed, ret=3"),
+                  paramLog(HP_HASHVAL, 3) + Lines{"ERROR CPGetHashParam: talvik_finalHash failed, ret=3"},
                   {finalHash("#1", 32)});
     EXPECT_EQ(size, 32u);
     EXPECT_EQ(csp::hashOf(hash)->isFinalized, 0);
@@ -318,7 +310,7 @@ TEST_F(CspHashTest, HmacInfoReplacesTheDeviceHashAndIsNeverReadBack) {
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_TYPE));
     scripted::next("talvik_initHash", {.status = 9});
     expectFailure([&] { return CPSetHashParam(prov, hash, HP_HMAC_INFO, info.data(), 0); }, NTE_FAIL,
-                  with(lines, "ERROR CPSetHashParam: talvik_initHash failed for HP_HMAC_INFO, ret=9"), {initHash(3)});
+                  lines + Lines{"ERROR CPSetHashParam: talvik_initHash failed for HP_HMAC_INFO, ret=9"}, {initHash(3)});
 }
 
 TEST_F(CspHashTest, ACopyStartsAnEmptyDeviceHash) {

@@ -1,0 +1,441 @@
+#include <cstring>
+
+#include "csp/hash.h"
+#include "csp/key.h"
+#include "token/key_encoding.h"
+#include "token/session.h"
+#include "unit/provider_test.h"
+
+using namespace testing;
+using namespace talvik;
+
+namespace {
+
+constexpr char KEY_LIST[] = "talvik_getKeyPairList(\"T1\", null)";
+constexpr char VALIDATED[] = "DEBUG PIN already validated -- no need to ask again";
+constexpr char NOT_VALIDATED[] = "DEBUG Password not validated or empty -- ask for PIN";
+constexpr char FINAL[] = "talvik_finalHash(#1, out, 128, null)";
+const std::string ONE = "11111111111111111111111111111111";
+
+Bytes reversed(const Bytes& value) {
+    return {value.rbegin(), value.rend()};
+}
+
+class CspSignTest : public ProviderTest {
+  protected:
+    CspSignTest() {
+        setDevicePassword(DEVICE, "1234");
+        scripted::always("talvik_finalHash", {.output = digest});
+    }
+    ~CspSignTest() override {
+        if (hash) {
+            EXPECT_TRUE(CPDestroyHash(prov, hash));
+        }
+    }
+
+    // A context and a SHA-256 hash over these keys; an earlier hash is let go.
+    void open(const std::vector<TalvikKeyPair>& keys, const std::string& container = "") {
+        attachTokens(keys);
+        if (hash) {
+            EXPECT_TRUE(CPDestroyHash(prov, hash));
+        }
+        prov = acquire(container);
+        EXPECT_TRUE(CPCreateHash(prov, CALG_SHA_256, 0, 0, &hash));
+        forgetSoFar();
+    }
+    csp::HASH_CONTEXT& record() const { return *csp::hashOf(hash); }
+
+    Call sign() {
+        return [this] { return CPSignHash(prov, hash, AT_SIGNATURE, L"x", 5, signature.data(), &size); };
+    }
+    Call querySize() {
+        return [this] { return CPSignHash(prov, hash, 99, nullptr, 0, nullptr, &size); };
+    }
+    static std::string signCall(unsigned char key, const std::string& pin, const Bytes& hashValue, DWORD room) {
+        return "talvik_signHash(\"T1\", " + hex(filled(16, key)) + ", \"" + pin + "\", " + hex(hashValue) + ", " +
+               std::to_string(hashValue.size()) + ", out, " + std::to_string(room) + ", false, null, false)";
+    }
+    static Lines parameters(unsigned int keyType, unsigned int mechanismCopy = 3) {
+        return {"DEBUG CPSignHash dwFlags : 5", "DEBUG CPSignHash hashAlgorithm : " + std::to_string(mechanismCopy),
+                "DEBUG CPSignHash key mechanism : " + std::to_string(keyType)};
+    }
+
+    const Bytes digest = bytes(32, 0x40);
+    const Bytes signatureOfToken = bytes(256, 0x80);
+    HCRYPTPROV prov = 0;
+    HCRYPTHASH hash = 0;
+    Bytes signature = filled(600, 0xCD);
+    DWORD size = 600;
+};
+
+TEST_F(CspSignTest, SigningTurnsTheTokensSignature) {
+    open({scripted::keyPair(0x11)}, ONE);
+    scripted::always("talvik_signHash", {.output = signatureOfToken});
+    expectSuccess(sign(), Lines{"DEBUG CPSignHash", VALIDATED} + parameters(2),
+                  {FINAL, KEY_LIST, signCall(0x11, "1234", digest, 600)});
+    EXPECT_EQ(size, 256u);
+    EXPECT_EQ(Bytes(signature.begin(), signature.begin() + 256), reversed(signatureOfToken));
+    EXPECT_EQ(signature[256], 0xCD);
+
+    // Again: neither the digest nor the key is asked for, even if the key has gone since.
+    attachTokens({});
+    size = 600;
+    expectSuccess(sign(), Lines{"DEBUG CPSignHash", VALIDATED} + parameters(2), {signCall(0x11, "1234", digest, 600)});
+
+    // The digest is cached; its ALG_ID and size are now read from the key's type.
+    Bytes value(32);
+    size = 32;
+    record().mechanism = 3;
+    EXPECT_TRUE(CPGetHashParam(prov, hash, HP_HASHVAL, value.data(), &size, 0));
+    EXPECT_EQ(value, digest);
+    EXPECT_EQ(scripted::callCount("talvik_finalHash"), 1);
+}
+
+TEST_F(CspSignTest, TheKeysTypeReplacesTheMechanism) {
+    open({scripted::keyPair(0x11, 1, TALVIK_KEY_RSA_1024)});
+    EXPECT_TRUE(querySize()());
+    EXPECT_EQ(record().mechanism, 1u);
+    size = 600;
+    const std::pair<DWORD, std::string> rows[] = {
+        {HP_ALGID, "HP_ALGID"}, {HP_HASHSIZE, "HP_HASHSIZE"}, {HP_HASHVAL, "HP_HASHVAL"}};
+    for (const std::uint32_t type : {1u, 7u})
+        for (const auto& [param, name] : rows) {
+            record().mechanism = type;
+            expectFailure([&, param = param] { return CPGetHashParam(prov, hash, param, signature.data(), &size, 0); },
+                          NTE_BAD_ALGID,
+                          {"DEBUG CPGetHashParam", "DEBUG CPGetHashParam dwParam : " + std::to_string(param),
+                           "DEBUG CPGetHashParam mechanism : " + std::to_string(type),
+                           "ERROR CPGetHashParam: " + name + " unsupported mechanism=" + std::to_string(type)},
+                          {});
+            EXPECT_EQ(size, 600u);
+        }
+}
+
+TEST_F(CspSignTest, SizeQueriesGoByTheKeysTypeAndFinishTheDigest) {
+    const std::pair<std::uint32_t, DWORD> rows[] = {{1, 256}, {2, 256}, {3, 384}, {4, 512},
+                                                    {5, 256}, {6, 256}, {7, 256}, {0, 256}};
+    clearDevicePassword(DEVICE);  // no PIN is asked for
+    for (const auto& [type, expected] : rows) {
+        open({scripted::keyPair(0x11, 1, type)});
+        size = UNTOUCHED;
+        SetLastError(UNTOUCHED_ERROR);
+        EXPECT_TRUE(querySize()());
+        EXPECT_EQ(GetLastError(), UNTOUCHED_ERROR);
+        EXPECT_EQ(size, expected);
+        EXPECT_EQ(log.entries(), Lines({"DEBUG CPSignHash"}));
+        EXPECT_THAT(scripted::takeCalls(), ElementsAre(HasSubstr("talvik_finalHash"), KEY_LIST));
+        EXPECT_EQ(record().hashValueLen, 32u);
+    }
+}
+
+TEST_F(CspSignTest, TheContainerChoosesTheKey) {
+    const TalvikKeyPair sign1 = scripted::keyPair(1, 1), both2 = scripted::keyPair(2, 3, 4),
+                        exchange3 = scripted::keyPair(3, 2), unused4 = scripted::keyPair(4, 0);
+    struct {
+        const char* name;
+        std::vector<TalvikKeyPair> keys;
+        std::string container;
+        unsigned char signs;  // 0: none
+    } const rows[] = {
+        {"first that can sign", {exchange3, sign1, both2}, "", 1},
+        {"named", {sign1, both2}, scripted::containerName(both2), 2},
+        {"named but cannot sign: the last that can", {sign1, exchange3, both2}, scripted::containerName(exchange3), 2},
+        {"the last that can, before the named", {both2, sign1, exchange3}, scripted::containerName(exchange3), 1},
+        {"nothing can sign", {exchange3, unused4}, "", 0},
+        {"named, nothing can sign", {exchange3, unused4}, scripted::containerName(unused4), 0},
+        {"no such name", {sign1, both2}, "nobody", 0},
+        {"a label is no name", {sign1}, "label 1", 0},
+        {"no keys", {}, "", 0},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        open(row.keys, row.container);
+        size = UNTOUCHED;
+        if (row.signs == 0) {
+            EXPECT_FALSE(querySize()());
+            EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_NO_KEY));
+            EXPECT_EQ(log.entries().back(), "ERROR CPSignHash: sign key not found for container=" + row.container);
+            EXPECT_EQ(size, UNTOUCHED);
+            EXPECT_EQ(record().signKeyIdLen, 0u);
+        } else {
+            EXPECT_TRUE(querySize()());
+            EXPECT_EQ(record().signKeyId[0], row.signs);
+            EXPECT_EQ(record().mechanism, row.signs == 2 ? 4u : 2u);
+        }
+    }
+}
+
+// A key that appears between two calls is found by the second.
+TEST_F(CspSignTest, AKeyMayAppearLater) {
+    open({});
+    EXPECT_FALSE(querySize()());
+    attachTokens({scripted::keyPair(0x11)});
+    EXPECT_TRUE(querySize()());
+    EXPECT_EQ(scripted::callCount("talvik_finalHash"), 1);
+}
+
+TEST_F(CspSignTest, SignRefusals) {
+    open({scripted::keyPair(0x11)});
+    const std::string context = "CPSignHash: context is null or not initialized";
+    expectRefusals("CPSignHash",
+                   {{[&] { return CPSignHash(0, hash, 2, nullptr, 0, nullptr, &size); }, NTE_BAD_UID, context},
+                    {[&] { return CPSignHash(invalid, 0, 2, nullptr, 0, nullptr, &size); }, NTE_BAD_UID, context},
+                    {[&] { return CPSignHash(prov, 0, 2, nullptr, 0, nullptr, &size); }, NTE_BAD_HASH,
+                     "CPSignHash: hash handle is null"}});
+    EXPECT_FALSE(CPSignHash(prov, hash, 2, nullptr, 0, signature.data(), nullptr));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+    EXPECT_THAT(ofLevel(log.entries(), "ERROR"), Not(IsEmpty()));
+
+    open({scripted::keyPair(0x11)});
+    scripted::next("talvik_finalHash", {.status = 8});
+    expectFailure(sign(), NTE_FAIL, {"DEBUG CPSignHash", "ERROR CPSignHash: talvik_finalHash failed with ret=8"},
+                  {"talvik_finalHash(#2, out, 128, null)"});
+    for (const int lie : {-1, 129, INT_MAX}) {
+        scripted::next("talvik_finalHash", {.output = digest, .length = lie});
+        EXPECT_FALSE(sign()());
+        EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_FAIL));
+        EXPECT_EQ(record().hashValueLen, 0u);
+    }
+    scripted::next("talvik_signHash", {.status = 50});
+    expectFailure(sign(), NTE_PROVIDER_DLL_FAIL,
+                  Lines{"DEBUG CPSignHash", VALIDATED} + parameters(2) + Lines{"ERROR Sign hash failed : 50"},
+                  {"talvik_finalHash(#2, out, 128, null)", KEY_LIST, signCall(0x11, "1234", digest, 600)});
+    EXPECT_EQ(size, 600u);
+    EXPECT_EQ(signature, filled(600, 0xCD));
+    EXPECT_STREQ(getDevicePassword(DEVICE).c_str(), "1234");
+}
+
+TEST_F(CspSignTest, WithoutAPinThereIsNoSignature) {
+    open({scripted::keyPair(0x11)});
+    clearDevicePassword(DEVICE);
+    robot.cancels();
+    expectFailure(sign(), NTE_FAIL,
+                  Lines{"DEBUG CPSignHash", NOT_VALIDATED} + dialogShown +
+                      Lines{"DEBUG User cancelled password dialog", "ERROR Password validation failed",
+                            "ERROR CPSignHash: ensurePasswordValidated failed"},
+                  {FINAL, KEY_LIST, "talvik_getTokenInfo(\"T1\", null)"});
+    EXPECT_EQ(size, 600u);
+}
+
+TEST_F(CspSignTest, AnExpiredSignOnIsRenewedOnce) {
+    const std::string info = "talvik_getTokenInfo(\"T1\", null)";
+    const std::string validation = "talvik_validatePassword(\"T1\", \"5678\", 1, 0, null)";
+    const Lines first = Lines{"DEBUG CPSignHash", VALIDATED} + parameters(2) +
+                        Lines{"DEBUG CPSignHash: SSO expired, re-prompting for PIN", NOT_VALIDATED} + dialogShown;
+    const std::string again = signCall(0x11, "5678", digest, 600);
+
+    open({scripted::keyPair(0x11)});
+    scripted::next("talvik_signHash", {.status = 49, .length = 3});
+    scripted::next("talvik_signHash", {.output = signatureOfToken});
+    robot.enters("5678");
+    expectSuccess(sign(), first, {FINAL, KEY_LIST, signCall(0x11, "1234", digest, 600), info, validation, again});
+    EXPECT_EQ(Bytes(signature.begin(), signature.begin() + 256), reversed(signatureOfToken));
+
+    size = 600;
+    scripted::always("talvik_signHash", {.status = 49});
+    robot.enters("5678");
+    expectFailure(sign(), NTE_PROVIDER_DLL_FAIL, first + Lines{"ERROR Sign hash failed : 49"},
+                  {again, info, validation, again});
+
+    robot.cancels();
+    expectFailure(sign(), NTE_FAIL,
+                  first + Lines{"DEBUG User cancelled password dialog", "ERROR Password validation failed",
+                                "ERROR CPSignHash: ensurePasswordValidated failed after SSO expiry"},
+                  {again, info});
+    EXPECT_EQ(size, 600u);
+    EXPECT_EQ(robot.finish(), Lines({"PIN", "PIN", "PIN"}));
+}
+
+TEST_F(CspSignTest, SingleSignOnSignsWithAnEmptyPinAndNeverAsks) {
+    setDevicePassword(DEVICE, "");
+    open({scripted::keyPair(0x11)});
+    attachTokens({scripted::keyPair(0x11)}, true);
+    scripted::always("talvik_signHash", {.output = signatureOfToken});
+    EXPECT_TRUE(querySize()());
+    for (int i = 0; i < 3; ++i) {
+        size = 600;
+        expectSuccess(sign(), Lines{"DEBUG CPSignHash", NOT_VALIDATED} + parameters(2),
+                      {"talvik_getTokenInfo(\"T1\", null)", signCall(0x11, "", digest, 600)});
+    }
+    EXPECT_THAT(robot.finish(), IsEmpty());
+}
+
+// What the token produces goes to the caller only as far as it fits.
+TEST_F(CspSignTest, AShortBufferIsNeverOverrun) {
+    open({scripted::keyPair(0x11)});
+    scripted::always("talvik_signHash", {.output = signatureOfToken, .length = 256});
+    for (const DWORD room : {0, 1, 128, 255}) {
+        size = room;
+        SetLastError(UNTOUCHED_ERROR);
+        EXPECT_FALSE(sign()());
+        EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_MORE_DATA));
+        EXPECT_EQ(log.entries().back(), "ERROR CPSignHash: signature buffer too small, required=256");
+        EXPECT_EQ(size, 256u);
+        EXPECT_EQ(signature, filled(600, 0xCD));
+    }
+    size = 256;
+    EXPECT_TRUE(sign()());
+    EXPECT_EQ(Bytes(signature.begin(), signature.begin() + 256), reversed(signatureOfToken));
+}
+
+TEST_F(CspSignTest, ALyingSignatureLengthIsAFailure) {
+    open({scripted::keyPair(0x11)});
+    for (const int lie : {-1, INT_MIN, 1 << 20, INT_MAX}) {
+        SCOPED_TRACE(lie);
+        scripted::next("talvik_signHash", {.output = signatureOfToken, .length = lie});
+        size = 600;
+        EXPECT_FALSE(sign()());
+        EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_PROVIDER_DLL_FAIL));
+        EXPECT_EQ(signature, filled(600, 0xCD));
+        EXPECT_EQ(size, 600u);
+    }
+    scripted::next("talvik_signHash", {.output = Bytes{}});
+    expectSuccess(sign(), Lines{"DEBUG CPSignHash", VALIDATED} + parameters(2), {signCall(0x11, "1234", digest, 600)});
+    EXPECT_EQ(size, 0u);
+}
+
+// --- CPVerifySignature -----------------------------------------------------------------------------------------------
+
+class CspVerifyTest : public CspSignTest {
+  protected:
+    CspVerifyTest() { open({pair}); }
+    ~CspVerifyTest() override {
+        if (key) {
+            EXPECT_TRUE(CPDestroyKey(prov, key));
+        }
+    }
+
+    csp::KEY_HANDLE& keyRecord() {
+        if (!key) {
+            EXPECT_TRUE(CPGetUserKey(prov, AT_SIGNATURE, &key));
+        }
+        return *csp::keyOf(key);
+    }
+    Call verify() {
+        return [this] { return CPVerifySignature(prov, hash, claim.data(), 3, key, nullptr, 0xFF); };
+    }
+    void knowDigest() { EXPECT_TRUE(CPSetHashParam(prov, hash, HP_HASHVAL, digest.data(), 0)); }
+
+    std::string verifyCall(const Bytes& der) const {
+        return "talvik_verifySignatureHash(2, \"T1\", " + hex(digest) + ", 32, " + hex(der) + ", " +
+               std::to_string(der.size()) + ", 030201, 3, null, false)";
+    }
+    static Lines facts(std::size_t keyLength) {
+        return {"DEBUG pContext->serialNumber: T1", "DEBUG pHashContext->hashLength: 32",
+                "DEBUG PublicKeyLength: " + std::to_string(keyLength), "DEBUG Signature Length: 3"};
+    }
+    static Bytes derOf(const TalvikKeyPair& of, std::size_t length) {
+        return buildRsaPublicKeyDer(hex(Bytes(of.modulus, of.modulus + length)), "010001");
+    }
+
+    const TalvikKeyPair pair = scripted::keyPair(0x11);
+    const Bytes der = derOf(pair, 256);
+    const Bytes claim = {1, 2, 3};
+    HCRYPTKEY key = 0;
+};
+
+TEST_F(CspVerifyTest, TheDigestIsFetchedOnceAndTheSignatureTurned) {
+    keyRecord();
+    const Lines read = {"DEBUG CPGetHashParam", "DEBUG CPGetHashParam dwParam : 2",
+                        "DEBUG CPGetHashParam mechanism : 3"};
+    const Lines converted = {"DEBUG key handle available", "DEBUG Public key is not DER encoded, converting to DER"};
+    expectSuccess(verify(),
+                  Lines{"DEBUG CPVerifySignature"} + read + read + Lines{"DEBUG Hash obtained using CPGetHashParam"} +
+                      converted + facts(der.size()),
+                  {"talvik_finalHash(#1, out, 32, null)", verifyCall(der)});
+    EXPECT_EQ(claim, Bytes({1, 2, 3}));
+    for (const int refusal : {1, -1, 49}) {
+        scripted::next("talvik_verifySignatureHash", {.status = refusal});
+        expectFailure(verify(), NTE_BAD_SIGNATURE,
+                      Lines{"DEBUG CPVerifySignature"} + converted + facts(der.size()) +
+                          Lines{"ERROR VERIFY SIGNATURE FAILED :: " + std::to_string(refusal)},
+                      {verifyCall(der)});
+    }
+    EXPECT_STREQ(getDevicePassword(DEVICE).c_str(), "1234");
+}
+
+TEST_F(CspVerifyTest, AKeyThatBeginsLikeDerIsTakenAsItIs) {
+    knowDigest();
+    keyRecord().publicKey[0] = 0x30;
+    const Bytes held(keyRecord().publicKey, keyRecord().publicKey + 256);
+    expectSuccess(
+        verify(),
+        Lines{"DEBUG CPVerifySignature", "DEBUG key handle available", "DEBUG Public key is already DER encoded"} +
+            facts(256),
+        {verifyCall(held)});
+}
+
+TEST_F(CspVerifyTest, WithoutAKeyHandleTheTokensKeyServes) {
+    TalvikKeyPair likeDer = scripted::keyPair(0x22, 1);
+    likeDer.modulus[0] = 0x30;  // no test here: a listed modulus is always converted
+    TalvikKeyPair lying = scripted::keyPair(0x33, 3);
+    lying.modulusLength = 0xFFFFFFFF;
+    const TalvikKeyPair exchange = scripted::keyPair(0x44, 2);
+    struct {
+        const char* name;
+        std::vector<TalvikKeyPair> keys;
+        std::string container;
+        std::optional<Bytes> der;
+    } const rows[] = {
+        {"first that signs", {exchange, likeDer, pair}, "", derOf(likeDer, 256)},
+        {"named", {likeDer, pair}, ONE, der},
+        {"lying", {lying}, "", derOf(lying, 1024)},
+        {"none that signs", {exchange}, "", std::nullopt},
+        {"named, but no signing key", {pair, exchange}, scripted::containerName(exchange), std::nullopt},
+        {"none", {}, "x", std::nullopt},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        open(row.keys, row.container);
+        knowDigest();
+        const Lines lines = {"DEBUG CPVerifySignature", "ERROR Key Handle Not Initialized or Public Key Length is zero",
+                             "DEBUG Container name : " + row.container};
+        if (row.der) {
+            expectSuccess(verify(), lines + facts(row.der->size()), {KEY_LIST, verifyCall(*row.der)});
+        } else {
+            expectFailure(verify(), NTE_BAD_KEY,
+                          lines + Lines{"ERROR CPVerifySignature: container not found in key list, containerName=" +
+                                        row.container},
+                          {KEY_LIST});
+        }
+    }
+    open({pair});
+    knowDigest();
+    keyRecord().publicKeyLen = 0;
+    EXPECT_TRUE(verify()());
+    EXPECT_EQ(scripted::takeCalls().back(), verifyCall(der));
+}
+
+TEST_F(CspVerifyTest, Refusals) {
+    expectRefusals("CPVerifySignature", {{[&] { return CPVerifySignature(0, hash, claim.data(), 3, 0, nullptr, 0); },
+                                          NTE_BAD_UID, "CSP Context Not Initialized"},
+                                         {[&] { return CPVerifySignature(invalid, 0, claim.data(), 3, 0, nullptr, 0); },
+                                          NTE_BAD_UID, "CSP Context Not Initialized"},
+                                         {[&] { return CPVerifySignature(prov, 0, claim.data(), 3, 0, nullptr, 0); },
+                                          NTE_BAD_HASH, "Hash Context is not Initialized"}});
+    struct {
+        std::function<void()> arrange;
+        const char* text;
+    } const digests[] = {
+        {[&] { record().mechanism = 9; }, "CPGetHashParam failed to get hash size"},
+        {[&] { record().mechanism = 5; }, "Hash size larger than expected"},
+        {[&] { record().mechanism = 3, scripted::next("talvik_finalHash", {.status = 4}); },
+         "CPGetHashParam failed to get hash value"},
+        {[&] { scripted::next("talvik_finalHash", {.output = digest, .length = -4}); },
+         "CPGetHashParam failed to get hash value"},
+    };
+    for (const auto& row : digests) {
+        row.arrange();
+        log.mark();
+        EXPECT_FALSE(verify()());
+        EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_HASH));
+        EXPECT_EQ(log.entries().back(), std::string("ERROR ") + row.text);
+        EXPECT_EQ(record().hashValueLen, 0u);
+    }
+    knowDigest();
+    EXPECT_FALSE(CPVerifySignature(prov, hash, nullptr, 3, 0, nullptr, 0));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+    EXPECT_EQ(scripted::callCount("talvik_verifySignatureHash"), 0);
+}
+
+}  // namespace

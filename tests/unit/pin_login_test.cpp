@@ -14,14 +14,6 @@ constexpr char ASK[] = "DEBUG Password not validated or empty -- ask for PIN";
 constexpr char KSP_ASK[] = "DEBUG KSP: Password not validated, checking SSO";
 constexpr char TOKEN_INFO[] = "talvik_getTokenInfo(\"T1\", null)";
 
-const Lines dialogShown = {"DEBUG Password dialog show window", "DEBUG Password dialog show window before",
-                           "DEBUG Password dialog show window after"};
-
-Lines operator+(Lines left, const Lines& right) {
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
-
 std::string validation(const std::string& pin) {
     return "talvik_validatePassword(\"T1\", \"" + pin + "\", 1, 0, null)";
 }

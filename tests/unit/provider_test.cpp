@@ -9,6 +9,14 @@
 
 using namespace testing;
 
+const Lines dialogShown = {"DEBUG Password dialog show window", "DEBUG Password dialog show window before",
+                           "DEBUG Password dialog show window after"};
+
+Lines operator+(Lines left, const Lines& right) {
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
 void attachTokens(std::vector<TalvikKeyPair> keyPairs, bool loggedIn) {
     scripted::Token first{scripted::tokenInfo("one", loggedIn), std::move(keyPairs), {}, {}};
     scripted::Token second{scripted::tokenInfo("two"), {}, {}, {}};
@@ -20,6 +28,8 @@ ProviderTest::ProviderTest() {
     scripted::reset();
     attachTokens({});
     talvik::forgetEverything();
+    talvik::containerQueried = false;
+    talvik::setSharedIv({});
     forgetSoFar();
 }
 

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "csp/context.h"
 #include "csp/entry_points.h"
 #include "support/dialog_robot.h"
 #include "support/log_reader.h"
@@ -59,16 +60,23 @@ class ProviderTest : public testing::Test {
 
     LogReader log;
     DialogRobot robot;
+    const HCRYPTPROV invalid = reinterpret_cast<HCRYPTPROV>(&invalidContext_);  // of a record that is not valid
 
   private:
     void expectOutcome(const Call& call, BOOL result, ErrorCode error, const Lines& log, const Lines& deviceCalls,
                        Where where);
+    talvik::csp::CspContext invalidContext_;
     std::vector<HCRYPTPROV> acquired_;
 };
 
 inline constexpr DWORD UNTOUCHED_ERROR = 0x12345678;
 inline constexpr DWORD UNTOUCHED = 0xCDCDCDCD;
 inline constexpr HCRYPTHASH UNTOUCHED_HANDLE = 0xCDCDCDCDCDCD;
+
+// What the PIN dialog logs when it is shown.
+extern const Lines dialogShown;
+
+Lines operator+(Lines left, const Lines& right);
 
 // Only tested for null by the provider.
 VTableProvStruc* someTable();

@@ -1,0 +1,166 @@
+#!/usr/bin/env bash
+# Shows the provider at work on a fresh Debian 12 machine: ./demo.sh [--dialog] [--fresh] [FILE]
+#
+# Builds the provider, installs it with a virtual token in a Wine prefix of its own, has an ordinary CryptoAPI program
+# enrol a key on the token and sign FILE with it, and checks the signature with openssl. Run again, it signs with the
+# same key and certificate.
+#   --dialog  show the provider's PIN dialog and wait for a person to type the PIN
+#   --fresh   start with a new token and a new certification authority
+set -euo pipefail
+caller_folder=$PWD
+cd "$(dirname "${BASH_SOURCE[0]}")"
+root=$PWD
+
+token_id=DEMO1
+pin=246810
+state=$root/build/demo       # the token and the certification authority: what a second run finds again
+out=$root/out/demo           # what a run leaves
+bin=$root/build/mingw/bin
+export WINEPREFIX=$root/build/wine/demo
+
+fail() { echo "demo: $*" >&2; exit 1; }
+say() { printf '\n%s\n' "$*"; }
+milliseconds() { echo $(($(date +%s%N) / 1000000)); }
+windows_path() { local path=Z:$1; echo "${path//\//\\}"; }
+
+# step TEXT COMMAND...: runs a step and accounts for it in one line; its output is shown when it fails.
+step() {
+    local what=$1 start output
+    shift
+    start=$(milliseconds)
+    output=$("$@" 2>&1) || { echo "$output" >&2; fail "$what: failed"; }
+    printf '  %-62s %6d ms\n' "$what" $(($(milliseconds) - start))
+}
+
+talvik() { "$root/scripts/wine-run" "$bin/talvik.exe" "$@" | tr -d '\r'; }
+
+create_token() {
+    mkdir -p "$state/tokens"
+    talvik token list --json | grep -q "\"$token_id\"" ||
+        talvik token create --id "$token_id" --label "Demonstration token" --pin "$pin"
+}
+
+create_ca() {
+    [ ! -f "$state/ca/ca.pem" ] || return 0
+    rm -rf "$state/ca" "$state/ca.new"
+    mkdir -p "$state/ca.new"
+    openssl req -x509 -newkey rsa:2048 -nodes -sha256 -days 3650 -subj "/O=Talvik Demonstration/CN=Throw-away CA" \
+        -addext "keyUsage=critical,keyCertSign,cRLSign" -keyout "$state/ca.new/ca.key" -out "$state/ca.new/ca.pem"
+    mv "$state/ca.new" "$state/ca"
+}
+
+issue_certificate() {
+    openssl req -inform DER -in "$state/request.der" -verify -noout
+    printf '%s\n' "basicConstraints=CA:FALSE" "keyUsage=critical,digitalSignature,nonRepudiation" \
+        "extendedKeyUsage=emailProtection" >"$state/ca/extensions"
+    openssl x509 -req -inform DER -in "$state/request.der" -CA "$state/ca/ca.pem" -CAkey "$state/ca/ca.key" \
+        -set_serial "0x$(openssl rand -hex 15)" -days 825 -sha256 -extfile "$state/ca/extensions" \
+        -outform DER -out "$state/certificate.der"
+}
+
+# The signing program, with the certification authority at its other end: ">issue" asks for the certificate.
+sign() {
+    local patience=$1 line status=0
+    coproc PROGRAM {
+        timeout "$patience" scripts/wine-run "$bin/demo/talvik_demo.exe" "$(windows_path "$file")" \
+            "$(windows_path "$out/signature.p7s")" "$(windows_path "$state")"
+    }
+    local program=$PROGRAM_PID answers=${PROGRAM[0]} questions=${PROGRAM[1]}
+    exec 3<&"$answers" 4>&"$questions"
+    while IFS= read -r line <&3; do
+        line=${line%$'\r'}
+        if [ "$line" = ">issue" ]; then
+            step "openssl: the CA checks the request and issues the certificate" issue_certificate
+            echo issued >&4
+        else
+            echo "$line"
+        fi
+    done
+    wait "$program" || status=$?
+    exec 3<&- 4>&-
+    [ "$status" -ne 124 ] || fail "no PIN within $patience seconds"
+    [ "$status" -eq 0 ] || fail "the signing program failed; see $out for the provider's log"
+}
+
+verify() {
+    openssl cms -verify -binary -inform DER -in "$out/signature.p7s" -content "$1" -CAfile "$out/ca.pem" -out /dev/null
+}
+
+changed_file_is_refused() {
+    { cat "$file"; echo changed; } >"$state/changed"
+    ! verify "$state/changed" || { echo "openssl accepted the signature for a changed file"; return 1; }
+}
+
+# The log of the run itself: the folders are made in advance, since the log loses a line for each one that it makes.
+log_folder() { echo "$WINEPREFIX/drive_c/users/$(id -un)/Temp/Quorvel/talvik_demo.exe"; }
+collect_log() { cp "$(log_folder)"/*.LOG "$out/" 2>/dev/null || true; }
+
+dialog=no fresh=no file=
+for argument in "$@"; do
+    case $argument in
+        --dialog) dialog=yes ;;
+        --fresh) fresh=yes ;;
+        -h | --help) sed -n '2,8s/^# \{0,1\}//p' "$root/demo.sh"; exit 0 ;;
+        -*) fail "unknown option $argument" ;;
+        *) [ -z "$file" ] || fail "one FILE at a time"; file=$argument ;;
+    esac
+done
+given=${file:-$root/README.md}
+file=$(cd "$caller_folder" && realpath -e -- "$given" 2>/dev/null) || fail "no such file: $given"
+if [ ! -f "$file" ] || [ ! -r "$file" ]; then fail "not a readable file: $file"; fi
+
+scripts/install-missing
+if [ "$dialog" = yes ] && [ -z "${DISPLAY:-}" ]; then
+    export TALVIK_DEMO_OWN_DISPLAY=yes
+    cd "$caller_folder"
+    exec "$root/scripts/with-display" "$root/demo.sh" "$@"
+fi
+
+exec 9>"$root/build/demo.lock" 2>/dev/null || { mkdir -p build; exec 9>"$root/build/demo.lock"; }
+flock -n 9 || fail "another demonstration is running"
+trap 'wineserver -k 2>/dev/null || true' EXIT
+trap 'exit 130' INT
+trap 'exit 143' TERM
+
+export TALVIK_TOKEN_HOME
+TALVIK_TOKEN_HOME=$(windows_path "$state/tokens")
+[ "$fresh" = no ] || rm -rf "$state"
+rm -rf "$out"
+mkdir -p "$state" "$out"
+
+say "Preparing"
+step "build" scripts/build TalvikCSP TalvikDSCLibrary talvik talvik_demo
+step "Wine prefix with the provider in its system folder" scripts/register-csp "$bin"
+step "provider log at DEBUG" scripts/log-level 3
+step "virtual token $token_id, PIN $pin" create_token
+step "throw-away certification authority" create_ca
+cp "$state/ca/ca.pem" "$out/ca.pem"
+rm -rf "$(log_folder)"
+mkdir -p "$(log_folder)"
+
+say "Signing $file"
+if [ "$dialog" = yes ]; then
+    scripts/wine-graphics x11
+    echo "  The PIN dialog appears on display $DISPLAY: type $pin there and press Login."
+    if [ "${TALVIK_DEMO_OWN_DISPLAY:-}" = yes ]; then
+        echo "  There is no display here, so that one is invisible. From another terminal:"
+        echo "    export DISPLAY=$DISPLAY XAUTHORITY=${XAUTHORITY:-}"
+        echo "    import -window root dialog.png      # to see it"
+        echo "    xdotool type $pin; xdotool key Return   # to answer it"
+    fi
+    sign "${TALVIK_DEMO_PATIENCE:-600}"
+else
+    scripts/wine-graphics null
+    export TALVIK_DEMO_PIN=$pin
+    sign "${TALVIK_DEMO_PATIENCE:-120}"
+fi
+collect_log
+openssl x509 -inform DER -in "$state/signer.der" -out "$out/signer.pem"
+
+say "Checking"
+step "openssl cms -verify accepts the signature" verify "$file"
+step "openssl cms -verify refuses it for a changed file" changed_file_is_refused
+
+say "Left in out/demo"
+(cd "$out" && wc -c -- * | sed '$d')
+say "OK: $(basename "$file") is signed by a key on the token, and the signature verifies."

@@ -1,0 +1,94 @@
+// Digests, and the handles that callers abandon, use again or make up.
+#include <atomic>
+#include <thread>
+
+#include "virtual_token/fixture.h"
+
+namespace talvik_test {
+namespace {
+
+constexpr struct {
+    int code;
+    const char* name;
+} algorithms[] = {{TALVIK_HASH_SHA1, "-sha1"},
+                  {TALVIK_HASH_SHA256, "-sha256"},
+                  {TALVIK_HASH_SHA384, "-sha384"},
+                  {TALVIK_HASH_SHA512, "-sha512"}};
+
+TEST(Hash, AgreesWithOpenssl) {
+    const ScratchFolder scratch;
+    for (const auto& algorithm : algorithms) {
+        for (const std::size_t length : {0u, 3u, 127u, 1u << 20}) {
+            scratch.write("data", pattern(length));
+            openssl(scratch, "dgst -binary -out digest " + std::string(algorithm.name) + " data");
+            EXPECT_EQ(hashOf(algorithm.code, pattern(length)).bytes, scratch.read("digest")) << algorithm.name;
+        }
+    }
+    for (const int unknown : {-1, 0, 1, 6, 0x8004}) {
+        EXPECT_EQ(hashOf(unknown, {}).status, Unsupported);
+    }
+}
+
+void* start() {
+    void* hash = nullptr;
+    EXPECT_EQ(talvik_initHash("", TALVIK_HASH_SHA256, &hash, nullptr), 0);
+    return hash;
+}
+
+int update(void* hash) {
+    return talvik_updateHash(hash, pattern(3).data(), 3, nullptr);
+}
+
+int finish(void* hash, int room) {
+    unsigned char digest[128];
+    return talvik_finalHash(hash, digest, &room, nullptr);
+}
+
+TEST(Hash, HandlesAreLookedUp) {
+    void* hash = start();
+    EXPECT_EQ(finish(hash, 31), BufferTooSmall);
+    EXPECT_EQ(update(hash), 0);  // not finished by the refusal
+    EXPECT_EQ(finish(hash, 32), 0);
+    EXPECT_EQ(update(hash), BadHashHandle);
+    EXPECT_EQ(finish(hash, 32), BadHashHandle);
+    int local = 0;
+    for (void* garbage : {static_cast<void*>(nullptr), static_cast<void*>(&local),
+                          reinterpret_cast<void*>(~static_cast<std::uintptr_t>(0))}) {
+        EXPECT_EQ(update(garbage), BadHashHandle);
+        EXPECT_EQ(finish(garbage, 32), BadHashHandle);
+    }
+}
+
+TEST(Hash, TheLongestUnusedMakesRoom) {
+    void* abandoned = start();
+    void* used = start();
+    for (int i = 0; i < 100000; ++i) {
+        start();
+        if (i % 1000 == 0) {
+            ASSERT_EQ(update(used), 0);
+        }
+    }
+    EXPECT_EQ(update(abandoned), BadHashHandle);
+    EXPECT_EQ(finish(used, 32), 0);
+}
+
+// Threads with hashes of their own do not disturb each other; threads on one handle do not corrupt it.
+TEST(Hash, Threads) {
+    const Bytes expected = hashOf(TALVIK_HASH_SHA512, pattern(100000)).bytes;
+    void* shared = start();
+    std::atomic<int> wrong{0};
+    const auto work = [&] {
+        for (int i = 0; i < 200; ++i) {
+            update(shared);
+            wrong += hashOf(TALVIK_HASH_SHA512, pattern(100000)).bytes != expected;
+        }
+    };
+    std::thread other(work);
+    work();
+    other.join();
+    EXPECT_EQ(wrong, 0);
+    EXPECT_EQ(finish(shared, 32), 0);
+}
+
+}  // namespace
+}  // namespace talvik_test

@@ -1,0 +1,241 @@
+// What a token keeps: over processes, next to other processes, through kills.
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <set>
+#include <thread>
+
+#include "virtual_token/fixture.h"
+
+namespace talvik_test {
+
+int runAsChild(const std::string& role) {
+    const std::vector<TalvikKeyPair> keys = talvik_getKeyPairList(device, nullptr);
+    if (role == "wrong-pin") {
+        return login("0000");
+    }
+    if (role == "sign-without-pin") {
+        return keys.empty() ? -1 : sign({0, keys.front()}, pattern(32), false, "").status;
+    }
+    if (role == "generate-five") {
+        int status = 0;
+        for (int i = 0; i < 5; ++i) {
+            status |= generate(TALVIK_KEY_EC_P256, TALVIK_USAGE_SIGN).status;
+        }
+        return status;
+    }
+    if (role == "generate-forever") {
+        for (;;) {
+            const Key key = generate(TALVIK_KEY_EC_P256, TALVIK_USAGE_SIGN);
+            if (key.status != 0) {
+                return key.status;
+            }
+            std::printf("%s\n", hexOf(Bytes(key.id(), key.id() + 16)).c_str());
+            std::fflush(stdout);
+        }
+    }
+    return -1;
+}
+
+namespace {
+
+std::set<std::string> storedIds() {
+    std::set<std::string> ids;
+    for (const TalvikKeyPair& key : std::vector<TalvikKeyPair>(talvik_getKeyPairList(device, nullptr))) {
+        ids.insert(hexOf(Bytes(key.keyId, key.keyId + 16)));
+    }
+    return ids;
+}
+
+Bytes certificateOf(const ScratchFolder& scratch, const std::string& key) {
+    openssl(scratch, "req -x509 -new -key " + key + " -subj /C=DE/CN=Virtual -days 30 -outform DER -out made.der");
+    return scratch.read("made.der");
+}
+
+TalvikCertificate certificateRecord(const Bytes& der) {
+    TalvikCertificate record{};
+    std::ranges::copy(der, record.der);
+    record.derLength = static_cast<std::uint32_t>(der.size());
+    return record;
+}
+
+TEST_F(VirtualTokenTest, GeneratedKeysDescribeThemselves) {
+    const Key byDefault = generate(0, TALVIK_USAGE_EXCHANGE);
+    ASSERT_EQ(byDefault.status, 0);
+    EXPECT_EQ(byDefault.record.keyType, TALVIK_KEY_RSA_2048);
+    EXPECT_EQ(byDefault.record.usage, TALVIK_USAGE_EXCHANGE);
+    EXPECT_GT(byDefault.record.keyAliasLength, 0u);
+    EXPECT_NE(byDefault.record.label[0], '\0');
+    EXPECT_EQ(generate(8, 1).status, Unsupported);
+    EXPECT_EQ(generate(TALVIK_KEY_RSA_1024, 4).status, InvalidArgument);
+    EXPECT_EQ(generate(TALVIK_KEY_EC_P256, TALVIK_USAGE_EXCHANGE).status, Unsupported);
+    const TalvikKeyPair listed = talvik_getKeyPairList(device, nullptr).front();
+    EXPECT_EQ(std::memcmp(&listed, &byDefault.record, sizeof listed), 0);
+}
+
+TEST_F(VirtualTokenTest, KeysOutliveTheProcessThatMadeThem) {
+    ASSERT_EQ(ChildProcess(thisProgram() + L" --as generate-five").wait(), 0u);
+    const std::vector<TalvikKeyPair> keys = talvik_getKeyPairList(device, nullptr);
+    ASSERT_EQ(keys.size(), 5u);
+    for (const TalvikKeyPair& record : keys) {
+        EXPECT_EQ(sign({0, record}, pattern(32)).status, 0);
+    }
+    ASSERT_EQ(talvik_deleteKeyPair(device, keys[2].keyId, pin, true, nullptr), 0);
+    EXPECT_EQ(talvik_deleteKeyPair(device, keys[2].keyId, pin, true, nullptr), NoSuchObject);
+    EXPECT_EQ(sign({0, keys[2]}, pattern(32)).status, NoSuchObject);
+    EXPECT_EQ(talvik_getKeyPairList(device, nullptr).size(), 4u);
+}
+
+TEST_F(VirtualTokenTest, ProcessesShareAToken) {
+    std::vector<std::unique_ptr<ChildProcess>> makers;
+    for (int i = 0; i < 3; ++i) {
+        makers.push_back(std::make_unique<ChildProcess>(thisProgram() + L" --as generate-five"));
+    }
+    for (const auto& maker : makers) {
+        EXPECT_EQ(maker->wait(), 0u);
+    }
+    EXPECT_EQ(storedIds().size(), 15u);
+}
+
+// Killed again and again in the middle of its work, a process loses nothing and leaves no lock behind.
+TEST_F(VirtualTokenTest, KillsLoseNothing) {
+    std::set<std::string> before;
+    for (int round = 0; round < 6; ++round) {
+        ChildProcess maker(thisProgram() + L" --as generate-forever");
+        const std::size_t goal = before.size() + 3;
+        while (storedIds().size() < goal) {
+            SwitchToThread();
+        }
+        const std::set<std::string> seen = storedIds();
+        maker.kill();
+        const std::set<std::string> after = storedIds();
+        EXPECT_TRUE(std::ranges::includes(after, seen));
+        EXPECT_TRUE(std::ranges::includes(seen, before));
+        before = after;
+    }
+    EXPECT_EQ(login(pin), 0);
+    EXPECT_EQ(generate(TALVIK_KEY_EC_P256, TALVIK_USAGE_SIGN).status, 0);
+    EXPECT_EQ(storedIds().size(), before.size() + 1);
+}
+
+// Readers copy lists while a writer changes the token.
+TEST_F(VirtualTokenTest, ListsStayWholeWhileTheTokenChanges) {
+    std::atomic<bool> done{false};
+    std::atomic<int> broken{0};
+    std::thread reader([&] {
+        while (!done) {
+            const std::vector<TalvikKeyPair> copy = talvik_getKeyPairList(device, nullptr);
+            broken += !std::ranges::all_of(copy, [](const TalvikKeyPair& key) { return key.modulusLength == 91; });
+        }
+    });
+    for (int i = 0; i < 20; ++i) {
+        EXPECT_EQ(generate(TALVIK_KEY_EC_P256, TALVIK_USAGE_SIGN).status, 0);
+    }
+    done = true;
+    reader.join();
+    EXPECT_EQ(broken, 0);
+    EXPECT_EQ(talvik_getKeyPairList(device, nullptr).size(), 20u);
+}
+
+TEST_F(VirtualTokenTest, NothingSecretIsReadable) {
+    ASSERT_EQ(generate(TALVIK_KEY_RSA_2048, TALVIK_USAGE_SIGN).status, 0);
+    TalvikSymmetricKey key{};
+    std::ranges::copy(pattern(32), key.keyId);
+    key.keyIdLength = 32;
+    ASSERT_EQ(talvik_importAesKey(device, pin, &key, nullptr), 0);
+    EXPECT_EQ(key.keyType, TALVIK_KEY_AES_256);
+    const Bytes file = scratch.read("tokens/T1.json");
+    const std::string text(file.begin(), file.end());
+    for (const char* secret : {"AAcOFRwjKjE4P0ZNVFtiaXB3foWMk5qhqK+2vcTL0tk=", "00070E151C232A31", "\"1234\""}) {
+        EXPECT_EQ(text.find(secret), std::string::npos) << secret;
+    }
+}
+
+TEST_F(VirtualTokenTest, AesKeySizesAndTypes) {
+    const struct {
+        int length;
+        std::uint32_t type;
+        int status;
+        std::uint32_t stored;
+    } rows[] = {
+        {16, TALVIK_KEY_AES_128, 0, TALVIK_KEY_AES_128},
+        {24, TALVIK_KEY_AES_192, 0, TALVIK_KEY_AES_192},
+        {24, TALVIK_KEY_AES_256, 0, TALVIK_KEY_AES_192},
+        {32, TALVIK_KEY_AES_256, 0, TALVIK_KEY_AES_256},
+        {32, TALVIK_KEY_AES_128, BadKey, 0},
+        {16, TALVIK_KEY_AES_256, BadKey, 0},
+        {20, TALVIK_KEY_AES_128, BadKey, 0},
+        {0, TALVIK_KEY_AES_128, BadKey, 0},
+        {129, TALVIK_KEY_AES_128, InvalidArgument, 0},
+        {-1, TALVIK_KEY_AES_128, InvalidArgument, 0},
+    };
+    for (const auto& row : rows) {
+        TalvikSymmetricKey key{};
+        key.keyIdLength = row.length;
+        key.keyType = row.type;
+        EXPECT_EQ(talvik_importAesKey(device, pin, &key, nullptr), row.status) << row.length << " " << row.type;
+        if (row.status == 0) {
+            EXPECT_EQ(key.keyType, row.stored);
+        }
+    }
+}
+
+TEST_F(VirtualTokenTest, CertificatesPairWithTheirKeys) {
+    const Key key = generate(TALVIK_KEY_RSA_1024, TALVIK_USAGE_BOTH);
+    ASSERT_EQ(key.status, 0);
+    openssl(scratch, "genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out other.pem");
+    const Bytes other = certificateOf(scratch, "other.pem");
+    // A certificate for the token's key, signed by somebody else.
+    publicKeyFile(key);
+    openssl(scratch, "req -new -key other.pem -subj /CN=Pair -out request");
+    openssl(scratch, "x509 -req -in request -signkey other.pem -force_pubkey key.pem -outform DER -out pair.der");
+    const Bytes matching = scratch.read("pair.der");
+
+    TalvikCertificate byPublicKey = certificateRecord(matching), foreign = certificateRecord(other);
+    ASSERT_EQ(talvik_importCertificate(device, pin, &byPublicKey, nullptr), 0);
+    ASSERT_EQ(talvik_importCertificate(device, pin, &foreign, nullptr), 0);
+    TalvikCertificate renewal = certificateRecord(other);  // as the provider sends it: with the key's names
+    std::ranges::copy(key.record.keyId, renewal.keyId);
+    std::ranges::copy(key.record.keyAlias, renewal.keyAlias);
+    renewal.keyAliasLength = key.record.keyAliasLength;
+    ASSERT_EQ(talvik_importCertificate(device, pin, &renewal, nullptr), 0);
+
+    const std::vector<TalvikCertificate> stored = talvik_getCertificateList(device, nullptr);
+    ASSERT_EQ(stored.size(), 2u);  // the renewal has taken the first one's place
+    EXPECT_EQ(stored[0].keyAliasLength, 0u);
+    EXPECT_STREQ(stored[0].label, "C=DE, CN=Virtual");
+    EXPECT_EQ(std::memcmp(stored[1].keyId, key.record.keyId, 16), 0);
+    EXPECT_EQ(std::memcmp(stored[1].keyAlias, key.record.keyAlias, key.record.keyAliasLength), 0);
+    EXPECT_STREQ(stored[1].label, key.record.label);
+
+    CertificateDetails details;
+    ASSERT_EQ(talvik_getCertificateDetails(matching.data(), static_cast<int>(matching.size()), details, nullptr), 0);
+    EXPECT_EQ(details.publicKey, Bytes(key.record.modulus, key.record.modulus + 128));
+    EXPECT_EQ(details.subject, "CN=Pair");
+
+    TalvikCertificate garbage = certificateRecord(pattern(100)), unknownKey = certificateRecord(other);
+    unknownKey.keyId[0] = 1;
+    EXPECT_EQ(talvik_importCertificate(device, pin, &garbage, nullptr), BadCertificate);
+    EXPECT_EQ(talvik_importCertificate(device, pin, &unknownKey, nullptr), NoSuchObject);
+    for (std::size_t length = 0; length < other.size(); ++length) {
+        EXPECT_EQ(talvik_getCertificateDetails(other.data(), static_cast<int>(length), details, nullptr),
+                  BadCertificate);
+    }
+    ASSERT_EQ(talvik_deleteKeyPair(device, key.id(), pin, true, nullptr), 0);
+    EXPECT_EQ(talvik_getCertificateList(device, nullptr).size(), 1u);
+}
+
+TEST_F(VirtualTokenTest, OtherFilesInTheFolderDoNoHarm) {
+    scratch.write("tokens/broken.json", bytesOf("{\"format\": 1,"));
+    scratch.write("tokens/empty.json", {});
+    scratch.write("tokens/T2.json", scratch.read("tokens/T1.json"));  // says that it is T1
+    scratch.write("tokens/notes.txt", bytesOf("mine"));
+    ASSERT_EQ(talvik("token create --id A0 --pin 1234 --firmware 1.9.9"), 0);
+    EXPECT_EQ(talvik_getConnectedDeviceList(false, nullptr), (std::vector<std::string>{"A0", "T1"}));
+    EXPECT_EQ(talvik_getTokenInfo("A0", nullptr).firmwareVersion, "1.9.9");
+    SetEnvironmentVariableW(L"TALVIK_TOKEN_HOME", (scratch.path() / "nowhere").c_str());
+    EXPECT_TRUE(talvik_getConnectedDeviceList(false, nullptr).empty());
+}
+
+}  // namespace
+}  // namespace talvik_test

@@ -1,0 +1,74 @@
+// talvik.exe: exit codes and what it prints for scripts.
+#include <nlohmann/json.hpp>
+
+#include "virtual_token/fixture.h"
+
+namespace talvik_test {
+namespace {
+
+TEST_F(VirtualTokenTest, ToolExitCodes) {
+    openssl(scratch, "req -x509 -newkey rsa:2048 -nodes -keyout private.pem -subj /CN=Tool -days 9 -out tool.pem");
+    scratch.write("pin.txt", bytesOf("1234\r\n"));
+    const std::string folder = scratch.path().string() + "\\";
+    const struct {
+        std::string arguments;
+        int exitCode;
+    } rows[] = {
+        {"--help", 0},
+        {"", 2},
+        {"token", 2},
+        {"token create --id T1 --pin 1234", 4},
+        {"token create --id T2 --pin 123", 2},
+        {"token create --id a/b --pin 1234", 2},
+        {"token create --id CON --pin 1234", 2},
+        {"token create --id T2 --pin 4321 --admin-pin 8888 --detached", 0},
+        {"token unblock T2 --admin-pin 8888 --new-pin 1111", 1},  // detached
+        {"token attach T2", 0},
+        {"token unblock T2 --admin-pin 8888 --new-pin 1111", 0},
+        {"token show T9", 3},
+        {"token sso on T2 --pin-file " + folder + "pin.txt", 1},
+        {"token sso on T1 --pin-file " + folder + "pin.txt", 0},
+        {"token import-cert T1 " + folder + "nothing.pem --pin 1234", 5},
+        {"token import-cert T1 " + folder + "pin.txt --pin 1234", 1},
+        {"token import-cert T1 " + folder + "tool.pem --pin 1234", 0},
+        {"token export-cert T1 --out " + folder + "back.der --der", 0},
+        {"token export-cert T2 --out " + folder + "none.pem", 3},
+        {"token delete-key T1 00 --pin 1234", 3},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(talvik(row.arguments), row.exitCode) << row.arguments;
+    }
+    openssl(scratch, "x509 -in tool.pem -outform DER -out tool.der");
+    EXPECT_EQ(scratch.read("back.der"), scratch.read("tool.der"));
+}
+
+// The output of talvik.exe, as a script sees it.
+nlohmann::json jsonOf(const ScratchFolder& scratch, const std::string& arguments) {
+    std::wstring program = thisProgram();
+    program.replace(program.rfind(L'\\') + 1, std::wstring::npos, L"talvik.exe\"");
+    const std::wstring output = (scratch.path() / "out.json").wstring();
+    const std::wstring line =
+        L"cmd /c \"" + program + L" " + std::wstring(arguments.begin(), arguments.end()) + L" > \"" + output + L"\"\"";
+    EXPECT_EQ(ChildProcess(line).wait(), 0u);
+    return nlohmann::json::parse(scratch.read("out.json"));
+}
+
+TEST_F(VirtualTokenTest, ToolShowsWhatATokenHolds) {
+    const Key key = generate(TALVIK_KEY_EC_P384, TALVIK_USAGE_SIGN);
+    ASSERT_EQ(talvik("token create --id T2 --label Second --pin 1234 --detached"), 0);
+    login("9999");
+    const auto list = jsonOf(scratch, "token list --json");
+    ASSERT_EQ(list.size(), 2u);
+    EXPECT_EQ(list[0].at("attemptsLeft"), 2);
+    EXPECT_EQ(list[0].at("label"), "A token");
+    EXPECT_EQ(list[0].at("keyPairCount"), 1);
+    EXPECT_EQ(list[1].at("attached"), false);
+    const auto shown = jsonOf(scratch, "token show T1 --json");
+    EXPECT_EQ(shown.at("keyPairs").at(0).at("type"), "P-384");
+    const std::string id = shown.at("keyPairs").at(0).at("id");
+    EXPECT_EQ(talvik("token delete-key T1 " + id + " --pin 1234"), 0);
+    EXPECT_EQ(sign(key, pattern(32)).status, NoSuchObject);
+}
+
+}  // namespace
+}  // namespace talvik_test

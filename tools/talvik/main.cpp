@@ -1,0 +1,78 @@
+// talvik.exe: manages virtual tokens.
+#include <windows.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <iostream>
+#include <shellapi.h>
+
+#include "exit_code.h"
+#include "status.h"
+#include "token_commands.h"
+
+namespace {
+
+using namespace talvik_tool;
+using virtual_token::Status;
+using virtual_token::TokenError;
+
+std::string utf8(const wchar_t* wide) {
+    const int length = WideCharToMultiByte(CP_UTF8, 0, wide, -1, nullptr, 0, nullptr, nullptr);
+    std::string text(static_cast<std::size_t>(length), '\0');
+    WideCharToMultiByte(CP_UTF8, 0, wide, -1, text.data(), length, nullptr, nullptr);
+    text.pop_back();  // the NUL
+    return text;
+}
+
+// In UTF-8, whatever the console's code page, last argument first, as the parser takes them.
+std::vector<std::string> argumentsReversed() {
+    int count = 0;
+    wchar_t** wide = CommandLineToArgvW(GetCommandLineW(), &count);
+    std::vector<std::string> arguments;
+    for (int i = count - 1; i > 0; --i) {
+        arguments.push_back(utf8(wide[i]));
+    }
+    LocalFree(wide);
+    return arguments;
+}
+
+ExitCode exitCodeOf(Status status) {
+    switch (status) {
+        case Status::InvalidArgument:
+            return Usage;
+        case Status::NoSuchDevice:
+        case Status::NoSuchObject:
+            return NotFound;
+        case Status::AlreadyExists:
+            return Exists;
+        case Status::StorageFailure:
+        case Status::OutOfMemory:
+        case Status::InternalError:
+            return Failed;
+        default:
+            return Refused;
+    }
+}
+
+}  // namespace
+
+int main() {
+    CLI::App app("Manages the virtual tokens that TalvikDSCLibrary.dll serves.", "talvik");
+    app.require_subcommand(1);
+    app.footer(
+        "Exit codes: 0 done, 1 refused by the token (PIN, detached), 2 wrong usage, 3 no such token, key or\n"
+        "certificate, 4 token exists already, 5 file or other failure.");
+    addTokenCommands(app);
+    try {
+        app.parse(argumentsReversed());
+        return Done;
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? Done : Usage;
+    } catch (const TokenError& error) {
+        std::cerr << "talvik: " << error.what() << "\n";
+        return exitCodeOf(error.status());
+    } catch (const std::exception& error) {
+        std::cerr << "talvik: " << error.what() << "\n";
+        return Failed;
+    }
+}

@@ -1,0 +1,10 @@
+// The commands of "talvik token".
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+namespace talvik_tool {
+
+void addTokenCommands(CLI::App& app);
+
+}  // namespace talvik_tool

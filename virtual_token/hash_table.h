@@ -1,0 +1,51 @@
+// The hashes under way. Callers never release one that they give up and may come back to one that is finished, so a
+// handle is a number that is looked up, never an address, and the hash that has not been used longest makes room.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <unordered_map>
+
+#include "gcrypt_objects.h"
+#include "srw_lock.h"
+
+namespace virtual_token {
+
+struct RunningHash {
+    Digest digest;
+    int algorithm = 0;  // libgcrypt's number
+    SrwLock lock;       // two threads on one handle
+};
+using RunningHashPointer = std::shared_ptr<RunningHash>;
+
+class HashTable {
+  public:
+    static constexpr std::size_t capacity = 16384;
+
+    std::uint64_t add(RunningHashPointer hash);
+    RunningHashPointer find(std::uint64_t handle);  // throws BadHashHandle
+    void remove(std::uint64_t handle);
+
+  private:
+    // Handles are spread in turn, so each shard's oldest is close to the oldest of all.
+    static constexpr std::size_t shardCount = 64;
+
+    struct Entry {
+        std::uint64_t handle;
+        RunningHashPointer hash;
+    };
+    struct Shard {
+        SrwLock lock;
+        std::list<Entry> byUse;  // the least recently used first
+        std::unordered_map<std::uint64_t, std::list<Entry>::iterator> index;
+    };
+    Shard& shardOf(std::uint64_t handle) { return shards_[handle % shardCount]; }
+
+    std::array<Shard, shardCount> shards_;
+    std::atomic<std::uint64_t> next_{1};
+};
+
+}  // namespace virtual_token

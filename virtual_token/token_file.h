@@ -1,0 +1,48 @@
+// Files that survive a process killed at any moment, and the lock that several processes share.
+#pragma once
+
+#include <windows.h>
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "bytes.h"
+
+namespace virtual_token {
+
+struct HandleClose {
+    using pointer = HANDLE;
+    void operator()(HANDLE handle) const { CloseHandle(handle); }
+};
+using Handle = std::unique_ptr<void, HandleClose>;
+
+// Tells one version of a file from the next: whoever writes a file gives it a later time than the version before.
+struct FileStamp {
+    std::uint64_t time = 0;  // 100-nanosecond units
+    std::uint64_t size = 0;  // bytes
+    bool operator==(const FileStamp&) const = default;
+};
+
+std::optional<FileStamp> stampOf(const std::wstring& path);  // nothing when there is no such file
+
+// The whole file; `stamp` belongs to just this content. Nothing when there is no such file.
+std::optional<SecretBytes> readFile(const std::wstring& path, FileStamp& stamp);
+
+// Writes a temporary file beside it, flushes it and moves it into place: the file is the old or the new one, never
+// less. `ownerOnly` keeps other users out. Gives the new file's stamp; throws TokenError(StorageFailure).
+FileStamp replaceFile(const std::wstring& path, ByteView content, bool ownerOnly);
+
+void deleteFile(const std::wstring& path);
+
+// Held exclusively across processes. The system releases it when its holder dies.
+class FileLock {
+  public:
+    explicit FileLock(const std::wstring& path);
+
+  private:
+    Handle file_;
+};
+
+}  // namespace virtual_token

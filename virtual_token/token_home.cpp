@@ -1,0 +1,148 @@
+#include "token_home.h"
+
+#include <algorithm>
+#include <cctype>
+#include <filesystem>
+#include <map>
+#include <mutex>
+#include <shared_mutex>
+
+#include "status.h"
+
+namespace virtual_token {
+namespace {
+
+constexpr std::size_t longestTokenId = 64;
+constexpr std::wstring_view tokenExtension = L".json";
+constexpr std::string_view systemDevices[] = {"CON", "PRN", "AUX", "NUL"};
+
+// The tokens that this process has met, by the path of their files.
+struct Registry {
+    SrwLock lock;
+    std::map<std::wstring, std::shared_ptr<Token>, std::less<>> tokens;
+};
+
+Registry& registry() {
+    static Registry instance;
+    return instance;
+}
+
+std::shared_ptr<Token> tokenAt(const std::wstring& path, std::string_view id) {
+    Registry& known = registry();
+    {
+        const std::shared_lock guard(known.lock);
+        const auto found = known.tokens.find(path);
+        if (found != known.tokens.end()) {
+            return found->second;
+        }
+    }
+    require(stampOf(path).has_value(), Status::NoSuchDevice);
+    const std::lock_guard guard(known.lock);
+    std::shared_ptr<Token>& entry = known.tokens[path];
+    if (!entry) {
+        entry = std::make_shared<Token>(path, std::string(id));
+    }
+    return entry;
+}
+
+std::wstring environmentText(const wchar_t* name) {
+    std::wstring text(MAX_PATH, L'\0');
+    for (;;) {
+        const DWORD length = GetEnvironmentVariableW(name, text.data(), static_cast<DWORD>(text.size()));
+        if (length <= text.size()) {
+            text.resize(length);
+            return text;
+        }
+        text.resize(length);
+    }
+}
+
+bool isDeviceName(std::string_view id) {
+    std::string base(id.substr(0, id.find('.')));
+    std::ranges::transform(base, base.begin(), [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
+    const bool numbered = base.size() == 4 && (base.starts_with("COM") || base.starts_with("LPT"));
+    return numbered || std::ranges::find(systemDevices, base) != std::end(systemDevices);
+}
+
+struct FindCloser {
+    using pointer = HANDLE;
+    void operator()(HANDLE search) const { FindClose(search); }
+};
+
+ListedToken listToken(const std::string& id) {
+    ListedToken listed{id, nullptr, {}};
+    try {
+        listed.snapshot = findToken(id)->snapshot();
+    } catch (const TokenError& error) {
+        listed.problem = error.what();
+    }
+    return listed;
+}
+
+}  // namespace
+
+std::wstring tokenHome() {
+    std::wstring home = environmentText(L"TALVIK_TOKEN_HOME");
+    if (home.empty()) {
+        home = environmentText(L"LOCALAPPDATA");
+        home += home.empty() ? L"" : L"\\Quorvel\\VirtualToken";
+    }
+    return home;
+}
+
+bool isTokenId(std::string_view id) {
+    const auto allowed = [](unsigned char c) {
+        return c < 0x80 && (std::isalnum(c) || c == '.' || c == '-' || c == '_');
+    };
+    return !id.empty() && id.size() <= longestTokenId && id.front() != '.' && id.back() != '.' &&
+           std::ranges::all_of(id, allowed) && !isDeviceName(id);
+}
+
+std::wstring tokenPath(std::string_view id) {
+    require(isTokenId(id), Status::InvalidArgument);
+    std::wstring path = tokenHome();
+    require(!path.empty(), Status::NoSuchDevice);
+    path += L'\\';
+    path.append(id.begin(), id.end());
+    return path.append(tokenExtension);
+}
+
+std::shared_ptr<Token> findToken(std::string_view id) {
+    require(isTokenId(id), Status::NoSuchDevice);
+    return tokenAt(tokenPath(id), id);
+}
+
+std::vector<ListedToken> listTokens() {
+    std::vector<ListedToken> tokens;
+    const std::wstring home = tokenHome();
+    WIN32_FIND_DATAW entry{};
+    const HANDLE first = home.empty() ? INVALID_HANDLE_VALUE
+                                      : FindFirstFileExW((home + L"\\*.json").c_str(), FindExInfoBasic, &entry,
+                                                         FindExSearchNameMatch, nullptr, 0);
+    if (first == INVALID_HANDLE_VALUE) {
+        return tokens;
+    }
+    const std::unique_ptr<void, FindCloser> search(first);
+    do {
+        const std::wstring_view file = entry.cFileName;
+        const std::wstring_view stem = file.substr(0, file.size() - std::min(file.size(), tokenExtension.size()));
+        std::string id;
+        std::ranges::transform(stem, std::back_inserter(id),
+                               [](wchar_t c) { return c < 0x80 ? static_cast<char>(c) : '?'; });
+        if (file.ends_with(tokenExtension) && isTokenId(id)) {
+            tokens.push_back(listToken(id));
+        }
+    } while (FindNextFileW(search.get(), &entry));
+    std::ranges::sort(tokens, {}, &ListedToken::id);
+    return tokens;
+}
+
+void createToken(TokenState state, std::string_view pin, std::string_view adminPin) {
+    const std::wstring path = tokenPath(state.id);
+    std::error_code problem;
+    std::filesystem::create_directories(tokenHome(), problem);
+    require(!problem, Status::StorageFailure);
+    Token::create(path, std::move(state), pin, adminPin);
+}
+
+}  // namespace virtual_token
