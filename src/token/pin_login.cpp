@@ -98,7 +98,7 @@ bool loginUser(const std::string& deviceId, void* reserved, SecretText& pin) {
     return true;
 }
 
-bool ensureKspPasswordValidated(const std::string& deviceId, void* reserved, HWND owner) {
+bool ensureKspPasswordSilently(const std::string& deviceId, void* reserved) {
     if (hasValidatedPin(deviceId)) {
         logDebug("KSP: PIN already validated");
         return true;
@@ -106,6 +106,13 @@ bool ensureKspPasswordValidated(const std::string& deviceId, void* reserved, HWN
     logDebug("KSP: Password not validated, checking SSO");
     if (isLoggedIn(deviceId, reserved)) {
         setDevicePassword(deviceId, "");
+        return true;
+    }
+    return false;
+}
+
+bool ensureKspPasswordValidated(const std::string& deviceId, void* reserved, HWND owner) {
+    if (ensureKspPasswordSilently(deviceId, reserved)) {
         return true;
     }
     const SecretText pin = promptUntilAccepted(deviceId, reserved, owner, kspTexts);

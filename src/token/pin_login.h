@@ -27,6 +27,9 @@ bool loginUser(const std::string& deviceId, void* reserved, SecretText& pin);
 // CNG face: the dialog belongs to `owner`, which may be null.
 bool ensureKspPasswordValidated(const std::string& deviceId, void* reserved, HWND owner);
 
+// The same without the dialog: false where it would have to be shown.
+bool ensureKspPasswordSilently(const std::string& deviceId, void* reserved);
+
 // Whether an operation that must not show anything can go on. Changes nothing.
 bool canProceedSilently(const std::string& deviceId, void* reserved);
 

@@ -1,0 +1,337 @@
+#include "unit/ksp_test.h"
+
+using namespace testing;
+
+namespace {
+
+void putWord(Bytes& blob, std::uint32_t value) {
+    for (int i = 0; i < 4; ++i)
+        blob.push_back(static_cast<unsigned char>(value >> 8 * i));
+}
+Bytes words(std::initializer_list<std::uint32_t> values) {
+    Bytes blob;
+    for (const std::uint32_t value : values)
+        putWord(blob, value);
+    return blob;
+}
+Bytes operator+(Bytes left, const Bytes& right) {
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+Bytes reversed(Bytes value) {
+    return {value.rbegin(), value.rend()};
+}
+
+constexpr std::uint32_t RSA1 = 0x31415352;
+constexpr std::uint32_t KEY_DATA = 0x4D42444B;
+constexpr std::uint32_t CAPI_HEADER = 0x00000206;
+
+Bytes modulusOf(std::size_t size) {
+    Bytes modulus = bytes(size, 7);
+    modulus[0] = 0xC1;
+    return modulus;
+}
+Bytes rsaBlob(std::uint32_t bits, const Bytes& exponent, const Bytes& modulus) {
+    return words({RSA1, bits, static_cast<std::uint32_t>(exponent.size()), static_cast<std::uint32_t>(modulus.size()),
+                  0, 0}) +
+           exponent + modulus;
+}
+Bytes legacyBlob(std::uint32_t bits, std::uint32_t exponent, const Bytes& modulus) {
+    return words({CAPI_HEADER, CALG_RSA_KEYX, RSA1, bits, exponent}) + reversed(modulus);
+}
+Bytes keyDataBlob(const Bytes& value) {
+    return words({KEY_DATA, 9, static_cast<std::uint32_t>(value.size())}) + value;
+}
+
+class KspBlobs : public KspTest {
+  protected:
+    KspBlobs() { open(); }
+
+    // From a buffer that ends where the data ends.
+    Act importing(const wchar_t* type, const Bytes& blob, NCRYPT_KEY_HANDLE with = 0) {
+        return [=, this] {
+            handle = UNTOUCHED_HANDLE;
+            const auto data = std::make_unique<BYTE[]>(blob.size());
+            std::copy(blob.begin(), blob.end(), data.get());
+            return ksp.ImportKey(hProv, with, type, nullptr, &handle, data.get(), static_cast<DWORD>(blob.size()), 0);
+        };
+    }
+    const talvik::ksp::KspKey& imported() { return *talvik::ksp::keyOf(keep(handle)); }
+    Bytes exported(const wchar_t* type) {
+        return readBySizeRule([&](BYTE* buffer, DWORD room, DWORD* size) {
+            return ksp.ExportKey(hProv, handle, 0, type, nullptr, buffer, room, size, 0);
+        });
+    }
+
+    NCRYPT_KEY_HANDLE handle = 0;
+};
+
+TEST_F(KspBlobs, RsaPublicKeysGoRoundWithTheDefaultExponent) {
+    for (const std::uint32_t bits : {1024u, 2048u, 3072u, 4096u}) {
+        const Bytes modulus = modulusOf(bits / 8);
+        for (const wchar_t* type : {L"RSAPUBLICBLOB", L"PUBLICBLOB"}) {
+            expect(ERROR_SUCCESS, "KSPImportKey", importing(type, rsaBlob(bits, {3}, modulus) + Bytes{1, 2}),
+                   {"DEBUG KSP: RSA public key imported, bits=" + std::to_string(bits)}, {});
+            EXPECT_EQ(imported().algorithm, bits / 1024);
+            EXPECT_EQ(imported().keyLength, bits);
+            log.mark();
+            EXPECT_EQ(exported(type), rsaBlob(bits, {1, 0, 1}, modulus));
+            EXPECT_EQ(log.take().back(), "DEBUG KSP: Public key exported, bits=" + std::to_string(bits));
+            EXPECT_EQ(exported(L"CAPIPUBLICBLOB"), legacyBlob(bits, 0x10001, modulus));
+        }
+        const Bytes der = talvik::buildRsaPublicKeyDerFromBytes(modulus, Bytes{0, 1, 3});
+        expect(ERROR_SUCCESS, "KSPImportKey", importing(L"CAPIPUBLICBLOB", legacyBlob(bits, 0x103, modulus)),
+               {"DEBUG KSP: Public exponent : 000103", "DEBUG KSP: Legacy RSA public key imported successfully"}, {});
+        EXPECT_EQ(Bytes(imported().publicKey, imported().publicKey + imported().publicKeyLength), der);
+        EXPECT_EQ(imported().algorithm, bits / 1024);
+        EXPECT_EQ(imported().keyIdLength, 16u);
+        // What is held is exported as it is.
+        EXPECT_EQ(exported(L"PUBLICBLOB"), rsaBlob(static_cast<std::uint32_t>(der.size() * 8), {1, 0, 1}, der));
+    }
+}
+
+TEST_F(KspBlobs, MalformedBlobsAreRefusedWithTheirText) {
+    const std::string rsa = "KSPImportKey: BCRYPT_RSAPUBLIC_BLOB ", legacy = "KSPImportKey: LEGACY_RSAPUBLIC_BLOB ";
+    const std::string data = "KSPImportKey: BCRYPT_KEY_DATA_BLOB ", exponent = "DEBUG KSP: Public exponent : 010001";
+    const Bytes small = bytes(128);
+    struct {
+        const wchar_t* type;
+        Bytes blob;
+        SECURITY_STATUS status;
+        std::string text;
+        Lines before = {};
+    } const rows[] = {
+        {L"PUBLICBLOB", bytes(23), NTE_BAD_DATA, rsa + "data too small"},
+        {L"RSAPUBLICBLOB", words({0x32415352, 1024, 0, 0, 0, 0}), NTE_BAD_DATA, rsa + "invalid magic"},
+        {L"PUBLICBLOB", words({RSA1, 1024, 3, 128, 0, 0}) + bytes(130), NTE_BAD_DATA,
+         rsa + "data too small for key material"},
+        {L"PUBLICBLOB", words({RSA1, 1024, 0xFFFFFFFF, 128, 0, 0}) + bytes(131), NTE_BAD_DATA,
+         rsa + "data too small for key material"},
+        {L"PUBLICBLOB", words({RSA1, 1024, 0xFFFFFF80, 0x80, 0, 0}) + bytes(131), NTE_BAD_DATA,
+         rsa + "data too small for key material"},
+        {L"PUBLICBLOB", words({RSA1, 1024, 3, 0xFFFFFFFC, 0, 0}) + bytes(131), NTE_BAD_DATA,
+         rsa + "data too small for key material"},
+        {L"PUBLICBLOB", rsaBlob(1536, {1, 0, 1}, bytes(192)), NTE_NOT_SUPPORTED, "KSP: Unsupported RSA key size: 1536"},
+        {L"PUBLICBLOB", rsaBlob(2048, {1, 0, 1}, bytes(1025)), NTE_BAD_KEY, rsa + "modulus too long: 1025"},
+        {L"CAPIPUBLICBLOB", bytes(19), NTE_BAD_DATA, legacy + "data too small for header"},
+        {L"CAPIPUBLICBLOB", words({CAPI_HEADER, 0, KEY_DATA, 1024, 3}), NTE_BAD_DATA, legacy + "invalid magic"},
+        {L"CAPIPUBLICBLOB", words({CAPI_HEADER, 0, RSA1, 1024, 3}) + bytes(127), NTE_BAD_DATA,
+         legacy + "data too small for modulus"},
+        {L"CAPIPUBLICBLOB", words({CAPI_HEADER, 0, RSA1, 0xFFFFFFFF, 3}) + small, NTE_BAD_DATA,
+         legacy + "data too small for modulus"},
+        {L"CAPIPUBLICBLOB",
+         legacyBlob(1536, 0x10001, bytes(192)),
+         NTE_NOT_SUPPORTED,
+         "KSP: Unsupported RSA key size",
+         {exponent}},
+        {L"CAPIPUBLICBLOB", legacyBlob(0, 0x10001, {}), NTE_NOT_SUPPORTED, "KSP: Unsupported RSA key size", {exponent}},
+        {L"KeyDataBlob", bytes(11), NTE_BAD_DATA, data + "data too small for header"},
+        {L"KeyDataBlob", words({RSA1, 1, 16}) + bytes(16), NTE_BAD_DATA, data + "invalid magic"},
+        {L"KeyDataBlob", words({KEY_DATA, 1, 16}) + bytes(15), NTE_BAD_DATA, data + "data too small for key material"},
+        {L"KeyDataBlob", words({KEY_DATA, 1, 0xFFFFFFF4}) + bytes(16), NTE_BAD_DATA,
+         data + "data too small for key material"},
+        {L"KeyDataBlob", keyDataBlob(bytes(20)), NTE_NOT_SUPPORTED,
+         "KSP: Unsupported key size for BCRYPT_KEY_DATA_BLOB: 20"},
+        {L"OpaqueTransport", bytes(1), NTE_BAD_KEY, "KSP: Encrypted key import requires import key handle"},
+        {L"PKCS8_PRIVATEKEY", bytes(1), NTE_BAD_KEY, "KSP: Encrypted key import requires import key handle"},
+        {L"publicblob", bytes(1), NTE_NOT_SUPPORTED, "KSP: Unsupported blob type for import"},
+        {L"", bytes(1), NTE_NOT_SUPPORTED, "KSP: Unsupported blob type for import"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.text);
+        expect(row.status, "KSPImportKey", importing(row.type, row.blob), row.before + Lines{"ERROR " + row.text}, {});
+        EXPECT_EQ(handle, UNTOUCHED_HANDLE);
+    }
+    BYTE some[24] = {};
+    const std::string missing = "KSPImportKey: invalid parameters";
+    expectRefused("KSPImportKey",
+                  {{[&] { return ksp.ImportKey(hProv, 0, nullptr, nullptr, &handle, some, 24, 0); },
+                    NTE_INVALID_PARAMETER, missing},
+                   {[&] { return ksp.ImportKey(hProv, 0, L"PUBLICBLOB", nullptr, nullptr, some, 24, 0); },
+                    NTE_INVALID_PARAMETER, missing},
+                   {[&] { return ksp.ImportKey(hProv, 0, L"PUBLICBLOB", nullptr, &handle, nullptr, 24, 0); },
+                    NTE_INVALID_PARAMETER, missing},
+                   {[&] { return ksp.ImportKey(hProv, 0, L"PUBLICBLOB", nullptr, &handle, some, 0, 0); },
+                    NTE_INVALID_PARAMETER, missing}});
+}
+
+// Cut anywhere, or with any header byte turned over, a blob is imported or refused and nothing else.
+TEST_F(KspBlobs, CutAndDamagedBlobsDoNoHarm) {
+    setLogLevel(0);
+    const std::pair<const wchar_t*, Bytes> blobs[] = {{L"PUBLICBLOB", rsaBlob(1024, {1, 0, 1}, modulusOf(128))},
+                                                      {L"CAPIPUBLICBLOB", legacyBlob(1024, 0x10001, modulusOf(128))},
+                                                      {L"KeyDataBlob", keyDataBlob(bytes(32))}};
+    for (const auto& [type, blob] : blobs) {
+        for (std::size_t length = 1; length < blob.size(); ++length)
+            EXPECT_EQ(importing(type, {blob.begin(), blob.begin() + static_cast<std::ptrdiff_t>(length)})(),
+                      NTE_BAD_DATA);
+        for (std::size_t at = 0; at < 24; ++at) {
+            Bytes damaged = blob;
+            damaged[at] ^= 0xFF;
+            const SECURITY_STATUS status = importing(type, damaged)();
+            EXPECT_THAT(status, AnyOf(ERROR_SUCCESS, NTE_BAD_DATA, NTE_NOT_SUPPORTED)) << at;
+            if (status == ERROR_SUCCESS)
+                keep(handle);
+        }
+    }
+}
+
+TEST_F(KspBlobs, PlainAesKeysAreStoredOnTheToken) {
+    talvik::setDevicePassword(DEVICE, PIN);
+    for (const auto& [length, type] : {std::pair{16, 8}, {24, 11}, {32, 10}}) {
+        const Bytes value = bytes(static_cast<std::size_t>(length));
+        const Lines calls = {"talvik_importAesKey(\"T1\", \"1234\", {key=" + hex(value) + "/" + std::to_string(length) +
+                             " label=\"\" name=\"\" usage=0 keyType=" + std::to_string(type) + "}, null)"};
+        scripted::next("talvik_importAesKey", {17});
+        expect(NTE_BAD_TYPE, "KSPImportKey", importing(L"KeyDataBlob", keyDataBlob(value)),
+               {"ERROR KSP: BCRYPT_KEY_DATA_BLOB import failed"}, calls);
+        scripted::next("talvik_importAesKey", {.output = filled(16, 0x77)});
+        expect(ERROR_SUCCESS, "KSPImportKey", importing(L"KeyDataBlob", keyDataBlob(value)),
+               {"DEBUG KSP: BCRYPT_KEY_DATA_BLOB imported successfully (AES)"}, calls);
+        const talvik::ksp::KspKey& key = imported();
+        EXPECT_THAT(key.keyId, Each(0x77));
+        EXPECT_EQ(key.keyIdLength, 16u);
+        EXPECT_EQ(key.algorithm, static_cast<std::uint32_t>(type));
+        EXPECT_EQ(Bytes(key.symmetricKey, key.symmetricKey + key.symmetricKeyLength), value);
+        EXPECT_EQ(key.isFinalized, 1);
+    }
+}
+
+TEST_F(KspBlobs, WrappedAesKeysGoToEveryKeyThatMayUnwrapThem) {
+    const auto kek = [](std::uint32_t type, unsigned char fill, std::int32_t idLength = 3) {
+        TalvikSymmetricKey key = {};
+        std::fill(std::begin(key.identifier), std::end(key.identifier), fill);
+        std::fill(std::begin(key.keyId), std::end(key.keyId), fill);
+        key.keyIdLength = idLength;
+        key.keyType = type;
+        key.storageFlag = fill & 1;
+        return key;
+    };
+    scripted::attach({{DEVICE,
+                       {scripted::tokenInfo("one"),
+                        {},
+                        {},
+                        {kek(11, 0x11), kek(8, 0x22), kek(9, 0x33), kek(10, 0x45), kek(8, 0x66)}}}});
+    const std::string list = "talvik_getAesKeyList(\"T1\", null)";
+    const auto unwrap = [](const std::string& id, const std::string& length, const std::string& flag) {
+        return "talvik_decrypt_aes(\"T1\", " + id + ", " + length + ", 0102030405, 5, out, out, " + flag +
+               ", null, 0, null)";
+    };
+    const Lines start = {"DEBUG KSP: BCRYPT_OPAQUE_KEY_BLOB: wrapped key length = 5"};
+    const Lines tries = {list, unwrap("222222", "3", "false"), unwrap("454545", "3", "true")};
+    const Act import = importing(L"OpaqueKeyBlob", bytes(5));
+    scripted::always("talvik_decrypt_aes", {30});
+    expect(NTE_BAD_KEY, "KSPImportKey", import,
+           start + Lines{"ERROR KSP: Failed to unwrap BCRYPT_OPAQUE_KEY_BLOB with any available KEK"},
+           tries + Lines{unwrap("666666", "3", "false")});
+
+    const Lines found = start + Lines{"DEBUG KSP: Successfully unwrapped key with KEK: " +
+                                      std::string(32, '4').replace(1, 31, "5454545454545454545454545454545")};
+    const auto answerOnSecond = [](std::size_t length) {
+        scripted::next("talvik_decrypt_aes", {30});
+        scripted::next("talvik_decrypt_aes", {.output = bytes(length)});
+    };
+    // A short wrapping cannot hold a longer key: the second key's answer counts as none.
+    answerOnSecond(6);
+    EXPECT_EQ(import(), NTE_BAD_KEY);
+    const Act importLong = importing(L"OpaqueKeyBlob", bytes(64));
+    for (const auto& [length, type] : {std::pair<std::size_t, int>{16, 8}, {24, 10}, {32, 10}, {5, 10}}) {
+        answerOnSecond(length);
+        forgetSoFar();
+        EXPECT_EQ(importLong(), ERROR_SUCCESS);
+        EXPECT_EQ(log.take().back(), "DEBUG KSP: BCRYPT_OPAQUE_KEY_BLOB imported successfully");
+        EXPECT_EQ(imported().algorithm, static_cast<std::uint32_t>(type));
+        EXPECT_EQ(imported().symmetricKeyLength, length);
+    }
+    scripted::next("talvik_importAesKey", {3});
+    for (const auto& [length, stored] : {std::pair<std::size_t, int>{32, 1}, {33, 0}}) {
+        answerOnSecond(length);
+        const int before = scripted::callCount("talvik_importAesKey");
+        EXPECT_EQ(importLong(), NTE_BAD_TYPE);
+        EXPECT_EQ(log.take().back(), "ERROR KSP: Import of unwrapped AES key failed");
+        EXPECT_EQ(scripted::callCount("talvik_importAesKey") - before, stored);
+    }
+    answerOnSecond(5);
+    forgetSoFar();
+    EXPECT_EQ(import(), ERROR_SUCCESS);
+    EXPECT_THAT(log.take(), Contains(found.back()));
+    EXPECT_THAT(scripted::takeCalls(), IsSupersetOf(tries));
+    imported();
+
+    scripted::attach({{DEVICE, {scripted::tokenInfo("one"), {}, {}, {kek(8, 0x22, -1), kek(8, 0x22, 1000)}}}});
+    const std::string whole = unwrap(hex(filled(128, 0x22)), "128", "false");
+    EXPECT_EQ(import(), NTE_BAD_KEY);
+    EXPECT_EQ(scripted::takeCalls(), Lines({list, whole, whole}));
+}
+
+TEST_F(KspBlobs, EncryptedAesKeysStayInTheHandle) {
+    const TalvikKeyPair pair = scripted::keyPair(0xAB);
+    attachTokens({pair});
+    const NCRYPT_KEY_HANDLE importKey = openKey(hProv, pair);
+    const Lines start = {"DEBUG KSP: Input key id : ABABABABABABABABABABABABABABABAB"};
+    const Lines calls = {
+        "talvik_decrypt(\"T1\", abababababababababababababababab, \"\", 0102030405, 5, out, out, true, null)"};
+    for (const wchar_t* type : {L"OpaqueTransport", L"PKCS8_PRIVATEKEY", L"no type at all"}) {
+        const Act import = importing(type, bytes(5), importKey);
+        for (const auto& [length, code] : {std::pair<std::size_t, int>{16, 8}, {24, 11}, {32, 10}}) {
+            scripted::next("talvik_decrypt", {.output = bytes(length)});
+            expect(ERROR_SUCCESS, "KSPImportKey", import,
+                   start + Lines{"DEBUG KSP: Encrypted key imported successfully"}, calls);
+            EXPECT_EQ(imported().algorithm, static_cast<std::uint32_t>(code));
+            EXPECT_EQ(imported().symmetricKeyLength, length);
+            EXPECT_THAT(imported().keyId, Each(0));
+            EXPECT_EQ(imported().keyIdLength, 16u);
+        }
+        for (const std::size_t length : {0u, 33u}) {
+            scripted::next("talvik_decrypt", {.output = bytes(length)});
+            expect(NTE_NOT_SUPPORTED, "KSPImportKey", import,
+                   start + Lines{"ERROR KSP: Unsupported decrypted key length: " + std::to_string(length)}, calls);
+        }
+        for (const scripted::Outcome& outcome : {scripted::Outcome{49}, {0, bytes(16), -16}, {0, bytes(16), 5000}}) {
+            scripted::next("talvik_decrypt", outcome);
+            expect(NTE_BAD_DATA, "KSPImportKey", import, start + Lines{"ERROR KSP: Encrypted key decryption failed"},
+                   calls);
+        }
+    }
+    EXPECT_THAT(robot.finish(), IsEmpty());
+}
+
+TEST_F(KspBlobs, ExportsPublicKeysOnly) {
+    const TalvikKeyPair pair = scripted::keyPair(0xAB);
+    attachTokens({scripted::keyPair(0x11), pair});
+    handle = openKey(hProv, pair);
+    DWORD size = UNTOUCHED;
+    BYTE buffer[8] = {};
+    const auto exporting = [&](NCRYPT_KEY_HANDLE key, const wchar_t* type, DWORD* result) {
+        return [=, this, &buffer] { return ksp.ExportKey(hProv, key, 0, type, nullptr, buffer, 8, result, 0); };
+    };
+    const std::string missing = "KSPExportKey: key handle, pszBlobType, or pcbResult is null";
+    const std::string isPrivate = "KSPExportKey: private key export not supported";
+    const std::string unsupported = "KSP: Unsupported blob type for export";
+    const std::string tooSmall = " output buffer too small, required=";
+    expectRefused("KSPExportKey", {{exporting(0, L"PUBLICBLOB", &size), NTE_INVALID_PARAMETER, missing},
+                                   {exporting(handle, nullptr, &size), NTE_INVALID_PARAMETER, missing},
+                                   {exporting(handle, L"PUBLICBLOB", nullptr), NTE_INVALID_PARAMETER, missing},
+                                   {exporting(handle, L"PRIVATEBLOB", &size), NTE_NOT_SUPPORTED, isPrivate},
+                                   {exporting(handle, L"CAPIPRIVATEBLOB", &size), NTE_NOT_SUPPORTED, isPrivate},
+                                   {exporting(handle, L"RSAPRIVATEBLOB", &size), NTE_NOT_SUPPORTED, unsupported},
+                                   {exporting(handle, L"", &size), NTE_NOT_SUPPORTED, unsupported},
+                                   {exporting(handle, L"PUBLICBLOB", &size), NTE_BUFFER_TOO_SMALL,
+                                    "KSPExportKey: BCRYPT_RSAPUBLIC_BLOB" + tooSmall + "283"},
+                                   {exporting(handle, L"CAPIPUBLICBLOB", &size), NTE_BUFFER_TOO_SMALL,
+                                    "KSPExportKey: LEGACY_RSAPUBLIC_BLOB" + tooSmall + "276"}});
+    EXPECT_EQ(size, 276u);
+    // A handle without the public key gets it from the token.
+    talvik::ksp::keyOf(handle)->publicKeyLength = 0;
+    Bytes modulus = filled(256, 0xAB);
+    modulus[0] = 0xC1;
+    scripted::takeCalls();
+    EXPECT_EQ(exported(L"PUBLICBLOB"), rsaBlob(2048, {1, 0, 1}, modulus));
+    EXPECT_EQ(scripted::takeCalls(), Lines({"talvik_getKeyPairList(\"T1\", null)"}));
+    talvik::ksp::keyOf(handle)->publicKeyLength = 0;
+    attachTokens({});
+    expect(NTE_BAD_KEY, "KSPExportKey", exporting(handle, L"CAPIPUBLICBLOB", &size),
+           {"ERROR KSP: No public key data available for export"}, {"talvik_getKeyPairList(\"T1\", null)"});
+}
+
+}  // namespace

@@ -1,0 +1,278 @@
+#include <cstdlib>
+
+#include "ksp/entry_points.h"
+#include "unit/ksp_test.h"
+
+using namespace testing;
+
+namespace {
+
+constexpr char INIT[] = "talvik_init(0, null, 2)";
+constexpr char DEVICES[] = "talvik_getConnectedDeviceList(false, null)";
+constexpr char MONITOR[] = "DEBUG Monitor thread already running, not starting again.";
+
+class KspProvider : public KspTest {};
+
+// An object as KSPOpenProvider leaves none behind: never opened.
+NCRYPT_PROV_HANDLE neverOpened() {
+    return reinterpret_cast<NCRYPT_PROV_HANDLE>(new talvik::ksp::KspProvider);
+}
+
+TEST_F(KspProvider, TheTableHoldsTheFunctionsInTheSystemsOrder) {
+    EXPECT_EQ(ksp.Version.MajorVersion, 1);
+    EXPECT_EQ(ksp.Version.MinorVersion, 0);
+    void* slots[26];
+    std::memcpy(slots, &ksp.OpenProvider, sizeof slots);
+    const auto at = [](auto* function) { return reinterpret_cast<void*>(function); };
+    EXPECT_THAT(
+        slots,
+        ElementsAre(at(KSPOpenProvider), at(KSPOpenKey), at(KSPCreatePersistedKey), at(KSPGetProviderProperty),
+                    at(KSPGetKeyProperty), at(KSPSetProviderProperty), at(KSPSetKeyProperty), at(KSPFinalizeKey),
+                    at(KSPDeleteKey), at(KSPFreeProvider), at(KSPFreeKey), at(KSPFreeBuffer), at(KSPEncrypt),
+                    at(KSPDecrypt), at(KSPIsAlgSupported), at(KSPEnumAlgorithms), at(KSPEnumKeys), at(KSPImportKey),
+                    at(KSPExportKey), at(KSPSignHash), at(KSPVerifySignature), at(KSPPromptUser),
+                    at(KSPNotifyChangeKey), at(KSPSecretAgreement), at(KSPDeriveKey), at(KSPFreeSecret)));
+    expectRefused("GetKeyStorageInterface",
+                  {{[] { return GetKeyStorageInterface(nullptr, nullptr, 0); }, NTE_INVALID_PARAMETER,
+                    "GetKeyStorageInterface: ppFunctionTable is null"}});
+}
+
+TEST_F(KspProvider, EveryFunctionRefusesAProviderThatIsNullOrNotOpen) {
+    NCRYPT_KEY_HANDLE key = 0;
+    DWORD size = 0;
+    BYTE data[8] = {};
+    NCryptAlgorithmName* algorithms = nullptr;
+    NCryptKeyName* keyName = nullptr;
+    void* state = nullptr;
+    using Provider = NCRYPT_PROV_HANDLE;
+    const std::pair<std::string, std::function<SECURITY_STATUS(Provider)>> functions[] = {
+        {"KSPOpenKey", [&](Provider p) { return ksp.OpenKey(p, &key, L"", 0, 0); }},
+        {"KSPCreatePersistedKey", [&](Provider p) { return ksp.CreatePersistedKey(p, &key, L"RSA", L"", 0, 0); }},
+        {"KSPGetProviderProperty",
+         [&](Provider p) { return ksp.GetProviderProperty(p, L"Name", nullptr, 0, &size, 0); }},
+        {"KSPGetKeyProperty", [&](Provider p) { return ksp.GetKeyProperty(p, key, L"Name", nullptr, 0, &size, 0); }},
+        {"KSPSetProviderProperty", [&](Provider p) { return ksp.SetProviderProperty(p, L"HWND Handle", data, 8, 0); }},
+        {"KSPSetKeyProperty", [&](Provider p) { return ksp.SetKeyProperty(p, key, L"IV", data, 8, 0); }},
+        {"KSPFinalizeKey", [&](Provider p) { return ksp.FinalizeKey(p, key, 0); }},
+        {"KSPDeleteKey", [&](Provider p) { return ksp.DeleteKey(p, key, 0); }},
+        {"KSPEncrypt", [&](Provider p) { return ksp.Encrypt(p, key, data, 8, nullptr, data, 8, &size, 0); }},
+        {"KSPDecrypt", [&](Provider p) { return ksp.Decrypt(p, key, data, 8, nullptr, data, 8, &size, 0); }},
+        {"KSPEnumAlgorithms", [&](Provider p) { return ksp.EnumAlgorithms(p, 0, &size, &algorithms, 0); }},
+        {"KSPEnumKeys", [&](Provider p) { return ksp.EnumKeys(p, nullptr, &keyName, &state, 0); }},
+        {"KSPImportKey", [&](Provider p) { return ksp.ImportKey(p, 0, L"PUBLICBLOB", nullptr, &key, data, 8, 0); }},
+        {"KSPExportKey",
+         [&](Provider p) { return ksp.ExportKey(p, key, 0, L"PUBLICBLOB", nullptr, nullptr, 0, &size, 0); }},
+        {"KSPSignHash", [&](Provider p) { return ksp.SignHash(p, key, nullptr, data, 8, data, 8, &size, 0); }},
+        {"KSPVerifySignature", [&](Provider p) { return ksp.VerifySignature(p, key, nullptr, data, 8, data, 8, 0); }},
+        {"KSPPromptUser", [&](Provider p) { return ksp.PromptUser(p, key, L"", 0); }},
+    };
+    const NCRYPT_PROV_HANDLE closed = neverOpened();
+    for (const auto& [name, function] : functions)
+        for (const NCRYPT_PROV_HANDLE provider : {NCRYPT_PROV_HANDLE{0}, closed})
+            expectRefused(name, {{[&] { return function(provider); }, NTE_INVALID_HANDLE,
+                                  name + ": provider handle is null or not initialized"}});
+    EXPECT_EQ(ksp.FreeProvider(closed), ERROR_SUCCESS);
+    expectRefused("KSPFreeProvider", {{[&] { return ksp.FreeProvider(0); }, NTE_INVALID_HANDLE,
+                                       "KSPFreeProvider: provider handle is null"}});
+}
+
+TEST_F(KspProvider, OpensOnTheFirstToken) {
+    NCRYPT_PROV_HANDLE first = 0, second = 0;
+    scripted::next("talvik_initDevice", {5});
+    expect(ERROR_SUCCESS, "KSPOpenProvider", [&] { return ksp.OpenProvider(&first, nullptr, 0); },
+           {MONITOR, "DEBUG KSP: Provider firmware=7.1", "ERROR KSP: Init device failed for T1 : 5",
+            "DEBUG KSP: Provider opened successfully"},
+           {INIT, DEVICES, "talvik_getTokenInfo(\"T1\", null)", INIT, "talvik_initDevice(\"T1\", false, null)", INIT,
+            "talvik_initDevice(\"T2\", false, null)"});
+    // The one that failed is tried again, the other is not.
+    expect(ERROR_SUCCESS, "KSPOpenProvider", [&] { return ksp.OpenProvider(&second, nullptr, 0); },
+           {MONITOR, "DEBUG KSP: Provider firmware=7.1", "DEBUG KSP: Provider opened successfully"},
+           {INIT, DEVICES, "talvik_getTokenInfo(\"T1\", null)", INIT, "talvik_initDevice(\"T1\", false, null)"});
+    for (const NCRYPT_PROV_HANDLE provider : {first, second})
+        expect(ERROR_SUCCESS, "KSPFreeProvider", [&] { return ksp.FreeProvider(provider); }, {}, {});
+    expectRefused("KSPOpenProvider", {{[&] { return ksp.OpenProvider(nullptr, nullptr, 0); }, NTE_INVALID_PARAMETER,
+                                       "KSPOpenProvider: phProvider is null"}});
+}
+
+TEST_F(KspProvider, OpensWithoutAToken) {
+    scripted::attach({});
+    expect(ERROR_SUCCESS, "KSPOpenProvider", [&] { return ksp.OpenProvider(&hProv, nullptr, 0); },
+           {MONITOR, "DEBUG KSP: No token connected, opening provider without device"}, {INIT, DEVICES});
+    const talvik::ksp::KspProvider& provider = *talvik::ksp::providerOf(hProv);
+    EXPECT_EQ(provider.deviceId + provider.firmwareVersion, "");
+    NCRYPT_KEY_HANDLE key = 0;
+    expect(NTE_NO_KEY, "KSPOpenKey", [&] { return ksp.OpenKey(hProv, &key, L"x", 0, 0); },
+           {"DEBUG KSP: Opening key: x", "ERROR KSP: No keys found on token"},
+           {DEVICES, "talvik_getKeyPairList(\"\", null)"});
+    EXPECT_EQ(ksp.FreeProvider(hProv), ERROR_SUCCESS);
+}
+
+TEST_F(KspProvider, AnExceptionOfTheLibraryStaysInside) {
+    const std::pair<std::function<void()>, SECURITY_STATUS> rows[] = {{[] { throw std::bad_alloc(); }, NTE_NO_MEMORY},
+                                                                      {[] { throw 1; }, NTE_INTERNAL_ERROR}};
+    for (const auto& [hook, status] : rows) {
+        scripted::before("talvik_getTokenInfo", hook);
+        NCRYPT_PROV_HANDLE provider = UNTOUCHED_HANDLE;
+        EXPECT_EQ(ksp.OpenProvider(&provider, nullptr, 0), status);
+        EXPECT_EQ(provider, UNTOUCHED_HANDLE);
+        EXPECT_THAT(ofLevel(log.take(), "ERROR"), ElementsAre(StartsWith("KSPOpenProvider: ")));
+    }
+}
+
+TEST_F(KspProvider, ReadsItsProperties) {
+    open();
+    const DWORD nine = 9, version = 0x100, longest = 256, none = 0;
+    const auto word = [](DWORD value) { return Bytes(bytesOf(value), bytesOf(value) + sizeof value); };
+    const std::pair<const wchar_t*, Bytes> rows[] = {
+        {L"Name", utf16(L"Talvik Cryptographic Provider CSP")},
+        {L"Impl Type", word(nine)},
+        {L"Version", word(version)},
+        {L"Algorithm Name", utf16(L"RSA")},
+        {L"Max Name Length", word(longest)},
+        {L"Security Descr Support", word(none)},
+    };
+    for (const auto& [name, value] : rows)
+        EXPECT_EQ(readBySizeRule([&](BYTE* buffer, DWORD room, DWORD* size) {
+                      return ksp.GetProviderProperty(hProv, name, buffer, room, size, 0);
+                  }),
+                  value);
+    EXPECT_EQ(rows[0].second.size(), 68u);
+    EXPECT_THAT(ofLevel(log.take(), "ERROR"), IsEmpty());
+
+    DWORD size = UNTOUCHED;
+    const auto get = [&](const wchar_t* name, DWORD* result) {
+        return [=, this] { return ksp.GetProviderProperty(hProv, name, nullptr, 0, result, 0); };
+    };
+    const std::string unsupported = "KSPGetProviderProperty: unsupported property";
+    const std::string missing = "KSPGetProviderProperty: pszProperty or pcbResult is null";
+    const std::wstring endless(100'000, L'N');
+    expectRefused("KSPGetProviderProperty", {{get(nullptr, &size), NTE_INVALID_PARAMETER, missing},
+                                             {get(L"Name", nullptr), NTE_INVALID_PARAMETER, missing},
+                                             {get(L"Use Count", &size), NTE_NOT_SUPPORTED,
+                                              "KSPGetProviderProperty: NCRYPT_USE_COUNT_PROPERTY not supported"},
+                                             {get(L"name", &size), NTE_NOT_SUPPORTED, unsupported},
+                                             {get(L"", &size), NTE_NOT_SUPPORTED, unsupported},
+                                             {get(L"Nam\u0165\U0001F600", &size), NTE_NOT_SUPPORTED, unsupported},
+                                             {get(endless.c_str(), &size), NTE_NOT_SUPPORTED, unsupported}});
+    EXPECT_EQ(size, UNTOUCHED);
+}
+
+TEST_F(KspProvider, TakesTheWindowThatOwnsTheDialog) {
+    open();
+    const HWND& owner = talvik::ksp::providerOf(hProv)->hwnd;
+    HWND window = reinterpret_cast<HWND>(0x1122334455667788);
+    const auto set = [&](BYTE* value, DWORD size) {
+        EXPECT_EQ(ksp.SetProviderProperty(hProv, L"HWND Handle", value, size, 0), ERROR_SUCCESS);
+    };
+    for (const auto& [value, size] :
+         {std::pair<BYTE*, DWORD>{nullptr, 8}, {bytesOf(window), 4}, {bytesOf(window), 0}}) {
+        set(bytesOf(window), 8);
+        EXPECT_EQ(owner, window);
+        set(value, size);
+        EXPECT_EQ(owner, nullptr);
+    }
+    expectRefused("KSPSetProviderProperty",
+                  {{[&] { return ksp.SetProviderProperty(hProv, nullptr, bytesOf(window), 8, 0); },
+                    NTE_INVALID_PARAMETER, "KSPSetProviderProperty: pszProperty is null"},
+                   {[&] { return ksp.SetProviderProperty(hProv, L"Name", bytesOf(window), 8, 0); }, NTE_NOT_SUPPORTED,
+                    "KSPSetProviderProperty: unsupported property"},
+                   {[&] { return ksp.SetProviderProperty(hProv, L"SmartCardPin", nullptr, 8, 0); },
+                    NTE_INVALID_PARAMETER, "KSPSetProviderProperty: NCRYPT_PIN_PROPERTY pbInput is null"}});
+}
+
+// Of a UTF-16 text the token gets what comes before the first zero byte.
+TEST_F(KspProvider, HasAPinVerifiedAndRemembersIt) {
+    const NCRYPT_KEY_HANDLE key = openOnlyKey();
+    const std::pair<std::string, Act> setters[] = {
+        {"KSPSetProviderProperty",
+         [&] { return ksp.SetProviderProperty(hProv, L"SmartCardPin", (BYTE*)L"987654", 0, 0); }},
+        {"KSPSetKeyProperty", [&] { return ksp.SetKeyProperty(hProv, key, L"SmartCardPin", (BYTE*)"987654", 0, 0); }},
+    };
+    for (const auto& [entryPoint, act] : setters) {
+        const bool isWide = entryPoint == "KSPSetProviderProperty";
+        const std::string pin = isWide ? "9" : "987654";
+        const Lines asked = {"talvik_validatePassword(\"T1\", \"" + pin + "\", 1, 0, null)"};
+        talvik::clearDevicePassword(DEVICE);
+        scripted::next("talvik_validatePassword", {.status = 7, .length = 2});
+        expect(NTE_VALIDATION_FAILED, entryPoint, act,
+               {"DEBUG KSP: Setting PIN via property", "ERROR KSP: PIN validation failed: 7"}, asked);
+        EXPECT_FALSE(talvik::isPasswordValidated(DEVICE));
+        expect(ERROR_SUCCESS, entryPoint, act, {"DEBUG KSP: Setting PIN via property"}, asked);
+        EXPECT_TRUE(talvik::isPasswordValidated(DEVICE));
+        EXPECT_EQ(talvik::getDevicePassword(DEVICE).c_str(), pin);
+    }
+}
+
+TEST_F(KspProvider, PromptsUnlessThePinIsKnown) {
+    attachTokens({});
+    open();
+    const Act prompt = [&] { return ksp.PromptUser(hProv, 0, nullptr, 0); };
+    robot.cancels().enters(PIN);
+    const Lines asking = Lines{"DEBUG KSP: Password not validated, checking SSO"} + PIN_DIALOG;
+    expect(
+        NTE_FAIL, "KSPPromptUser", prompt,
+        asking + Lines{"DEBUG KSP: User cancelled password dialog", "ERROR KSPPromptUser: password validation failed"},
+        {"talvik_getTokenInfo(\"T1\", null)"});
+    expect(ERROR_SUCCESS, "KSPPromptUser", prompt, asking,
+           {"talvik_getTokenInfo(\"T1\", null)", "talvik_validatePassword(\"T1\", \"1234\", 1, 0, null)"});
+    expect(ERROR_SUCCESS, "KSPPromptUser", prompt, PIN_KNOWN, {});
+    EXPECT_EQ(robot.finish(), Lines({"PIN", "PIN"}));
+}
+
+TEST_F(KspProvider, ListsAlgorithms) {
+    open();
+    const Lines hashes = {"SHA1 2 2", "SHA256 2 2", "SHA384 2 2", "SHA512 2 2"};
+    const Lines curves = {"ECDSA_P256 5 16", "ECDSA_P384 5 16", "ECDSA_P521 5 16"};
+    const std::pair<DWORD, Lines> rows[] = {
+        {0, Lines{"RSA 3 20"} + curves + hashes},
+        {NCRYPT_HASH_OPERATION, hashes},
+        {NCRYPT_SIGNATURE_OPERATION, Lines{"RSA 3 20"} + curves},
+        {NCRYPT_ASYMMETRIC_ENCRYPTION_OPERATION, {"RSA 3 20"}},
+        {NCRYPT_HASH_OPERATION | NCRYPT_SIGNATURE_OPERATION, Lines{"RSA 3 20"} + curves + hashes},
+        {NCRYPT_CIPHER_OPERATION | NCRYPT_RNG_OPERATION, {}}};
+    for (const auto& [operations, expected] : rows) {
+        DWORD count = UNTOUCHED;
+        NCryptAlgorithmName* list = nullptr;
+        expect(ERROR_SUCCESS, "KSPEnumAlgorithms",
+               [&] { return ksp.EnumAlgorithms(hProv, operations, &count, &list, 0); },
+               {"DEBUG KSP: Enumerated " + std::to_string(expected.size()) + " algorithms"}, {});
+        Lines found;
+        for (DWORD i = 0; i < count; ++i) {
+            const std::wstring name = list[i].pszName;
+            found.push_back(std::string(name.begin(), name.end()) + " " + std::to_string(list[i].dwClass) + " " +
+                            std::to_string(list[i].dwAlgOperations));
+            EXPECT_EQ(list[i].dwFlags, 0u);
+        }
+        EXPECT_EQ(found, expected);
+        EXPECT_EQ(ksp.FreeBuffer(list), ERROR_SUCCESS);
+    }
+    DWORD count = 0;
+    NCryptAlgorithmName* list = nullptr;
+    const std::string missing = "KSPEnumAlgorithms: pdwAlgCount or ppAlgList is null";
+    expectRefused("KSPEnumAlgorithms",
+                  {{[&] { return ksp.EnumAlgorithms(hProv, 0, nullptr, &list, 0); }, NTE_INVALID_PARAMETER, missing},
+                   {[&] { return ksp.EnumAlgorithms(hProv, 0, &count, nullptr, 0); }, NTE_INVALID_PARAMETER, missing}});
+    expect(ERROR_SUCCESS, "KSPFreeBuffer", [&] { return ksp.FreeBuffer(nullptr); }, {}, {});
+}
+
+TEST_F(KspProvider, KnowsWhatItSupportsWithoutAHandle) {
+    for (const wchar_t* name :
+         {L"RSA", L"ECDSA_P256", L"ECDSA_P384", L"ECDSA_P521", L"SHA1", L"SHA256", L"SHA384", L"SHA512"})
+        expect(ERROR_SUCCESS, "KSPIsAlgSupported", [&] { return ksp.IsAlgSupported(0, name, 0); }, {}, {});
+    const auto refused = [&](const wchar_t* name) {
+        return KspRefusal{[=, this] { return ksp.IsAlgSupported(0, name, 0); }, NTE_NOT_SUPPORTED,
+                          "KSPIsAlgSupported: algorithm not supported"};
+    };
+    expectRefused("KSPIsAlgSupported", {refused(L"sha256"), refused(L"AES"), refused(L""), refused(L"RSA ")});
+    expectRefused("KSPIsAlgSupported", {{[&] { return ksp.IsAlgSupported(0, nullptr, 0); }, NTE_INVALID_PARAMETER,
+                                         "KSPIsAlgSupported: pszAlgId is null"}});
+    const auto notOffered = [&](const std::string& name, const Act& act) {
+        expectRefused(name, {{act, NTE_NOT_SUPPORTED, name + ": not supported"}});
+    };
+    notOffered("KSPNotifyChangeKey", [&] { return ksp.NotifyChangeKey(0, nullptr, 0); });
+    notOffered("KSPSecretAgreement", [&] { return ksp.SecretAgreement(0, 0, 0, nullptr, 0); });
+    notOffered("KSPDeriveKey", [&] { return ksp.DeriveKey(0, 0, nullptr, nullptr, nullptr, 0, nullptr, 0); });
+    expect(ERROR_SUCCESS, "KSPFreeSecret", [&] { return ksp.FreeSecret(0, 1); }, {}, {});
+}
+
+}  // namespace

@@ -1,0 +1,79 @@
+// What the tests of the CNG face have in common: the function table as the system gets it, and one way to say what a
+// call returned, logged and asked of the token.
+#pragma once
+
+#include "ksp/key.h"
+#include "ksp/ncrypt_provider.h"
+#include "ksp/provider.h"
+#include "token/session.h"
+#include "unit/provider_test.h"
+
+inline constexpr char PIN[] = "1234";
+
+class KspTest : public ProviderTest {
+  protected:
+    KspTest();
+    ~KspTest() override;
+
+    // A provider on the first of the tokens that attachTokens attaches, released at the end of the test. What its
+    // opening logged and asked of the token is past.
+    NCRYPT_PROV_HANDLE open();
+
+    // The key on the provider's token; an imported one. Released at the end of the test.
+    NCRYPT_KEY_HANDLE openKey(NCRYPT_PROV_HANDLE provider, const TalvikKeyPair& record);
+    NCRYPT_KEY_HANDLE aesKey(std::size_t length);
+    NCRYPT_KEY_HANDLE keep(NCRYPT_KEY_HANDLE key);
+
+    // One token key of 2048 bits, opened, with a validated PIN.
+    NCRYPT_KEY_HANDLE openOnlyKey(std::uint32_t keyType = TALVIK_KEY_RSA_2048, std::uint32_t modulusBytes = 256);
+
+    // Calls and checks the whole of what can be seen. The entry point's own DEBUG line is not among `lines`.
+    using Act = std::function<SECURITY_STATUS()>;
+    void expect(SECURITY_STATUS status, const std::string& entryPoint, const Act& act, const Lines& lines,
+                const Lines& deviceCalls, Where where = Where::current());
+
+    // Refusals without a device call: one ERROR line, the last.
+    struct KspRefusal {
+        Act act;
+        SECURITY_STATUS status;
+        std::string text;
+    };
+    void expectRefused(const std::string& entryPoint, const std::vector<KspRefusal>& refusals,
+                       Where where = Where::current());
+
+    // A value by name; checks the size query, a buffer one byte short and the exact buffer.
+    Bytes readKeyProperty(NCRYPT_KEY_HANDLE key, const wchar_t* name, Where where = Where::current());
+
+    const NCRYPT_KEY_STORAGE_FUNCTION_TABLE& ksp;
+    NCRYPT_PROV_HANDLE hProv = 0;
+
+  private:
+    std::vector<NCRYPT_PROV_HANDLE> providers_;
+    std::vector<NCRYPT_KEY_HANDLE> keys_;
+};
+
+// Reads by the size rule: query, one byte short, exact.
+Bytes readBySizeRule(const std::function<SECURITY_STATUS(BYTE*, DWORD, DWORD*)>& read);
+
+inline const Bytes HASH = bytes(32);
+inline const Lines PIN_KNOWN = {"DEBUG KSP: PIN already validated"};
+inline const Lines PIN_DIALOG = {"DEBUG Password dialog show window", "DEBUG Password dialog show window before",
+                                 "DEBUG Password dialog show window after"};
+
+inline Lines operator+(Lines left, const Lines& right) {
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
+template <class Value>
+Value valueOf(const Bytes& bytes) {
+    Value value{};
+    EXPECT_EQ(bytes.size(), sizeof value);
+    std::copy_n(bytes.begin(), std::min(bytes.size(), sizeof value), reinterpret_cast<unsigned char*>(&value));
+    return value;
+}
+template <class Value>
+BYTE* bytesOf(Value& value) {
+    return reinterpret_cast<BYTE*>(&value);
+}
+Bytes utf16(const std::wstring& text);  // with its NUL
