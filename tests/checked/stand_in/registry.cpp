@@ -1,15 +1,25 @@
 // A registry in memory, which is empty at the start. A handle keeps its key, deleted or not, as the system's do.
 #include <windows.h>
 
-#include <algorithm>
-#include <cctype>
 #include <cstring>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <strings.h>
 
 namespace {
+
+// Names are the same in either case.
+struct NameOrder {
+    using is_transparent = void;
+    bool operator()(const char* left, const char* right) const { return strcasecmp(left, right) < 0; }
+    bool operator()(const std::string& left, const std::string& right) const {
+        return (*this)(left.c_str(), right.c_str());
+    }
+    bool operator()(const std::string& left, const char* right) const { return (*this)(left.c_str(), right); }
+    bool operator()(const char* left, const std::string& right) const { return (*this)(left, right.c_str()); }
+};
 
 struct Value {
     DWORD type = REG_NONE;
@@ -17,7 +27,7 @@ struct Value {
 };
 
 struct Key {
-    std::map<std::string, Value> values;
+    std::map<std::string, Value, NameOrder> values;
     bool isDeleted = false;
 };
 
@@ -25,7 +35,7 @@ using KeyPointer = std::shared_ptr<Key>;
 
 struct Registry {
     std::mutex lock;
-    std::map<std::string, KeyPointer> keys;  // by lower-case path, without the root
+    std::map<std::string, KeyPointer, NameOrder> keys;  // by path, without the root
 };
 
 Registry& registry() {
@@ -33,18 +43,12 @@ Registry& registry() {
     return instance;
 }
 
-std::string folded(const char* name) {
-    std::string text = name == nullptr ? "" : name;
-    std::ranges::transform(text, text.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return text;
-}
-
 KeyPointer* keyOf(HKEY handle) {
     return reinterpret_cast<KeyPointer*>(handle);
 }
 
 KeyPointer find(const char* path) {
-    const auto found = registry().keys.find(folded(path));
+    const auto found = registry().keys.find(path);
     return found == registry().keys.end() ? nullptr : found->second;
 }
 
@@ -73,7 +77,7 @@ LSTATUS WINAPI RegGetValueA(HKEY handle, LPCSTR, LPCSTR name, DWORD, LPDWORD, PV
     if (key.isDeleted) {
         return ERROR_KEY_DELETED;
     }
-    const auto found = key.values.find(folded(name));
+    const auto found = key.values.find(name);
     if (found == key.values.end()) {
         return ERROR_FILE_NOT_FOUND;
     }
@@ -89,18 +93,22 @@ LSTATUS WINAPI RegGetValueA(HKEY handle, LPCSTR, LPCSTR name, DWORD, LPDWORD, PV
 
 LSTATUS WINAPI RegSetKeyValueA(HKEY, LPCSTR path, LPCSTR name, DWORD type, LPCVOID data, DWORD size) {
     const std::lock_guard guard(registry().lock);
-    KeyPointer& key = registry().keys[folded(path)];
+    KeyPointer& key = registry().keys[path];
     if (key == nullptr) {
         key = std::make_shared<Key>();
     }
-    key->values[folded(name)] = {type, std::string(static_cast<const char*>(data), size)};
+    key->values[name] = {type, std::string(static_cast<const char*>(data), size)};
     return ERROR_SUCCESS;
 }
 
 LSTATUS WINAPI RegDeleteKeyValueA(HKEY, LPCSTR path, LPCSTR name) {
     const std::lock_guard guard(registry().lock);
     const KeyPointer key = find(path);
-    return key != nullptr && key->values.erase(folded(name)) != 0 ? ERROR_SUCCESS : ERROR_FILE_NOT_FOUND;
+    return key != nullptr &&
+                   std::erase_if(key->values,
+                                 [&](const auto& value) { return strcasecmp(value.first.c_str(), name) == 0; }) != 0
+               ? ERROR_SUCCESS
+               : ERROR_FILE_NOT_FOUND;
 }
 
 LSTATUS WINAPI RegDeleteKeyA(HKEY, LPCSTR path) {
@@ -110,6 +118,6 @@ LSTATUS WINAPI RegDeleteKeyA(HKEY, LPCSTR path) {
         return ERROR_FILE_NOT_FOUND;
     }
     key->isDeleted = true;
-    registry().keys.erase(folded(path));
+    registry().keys.erase(registry().keys.find(path));
     return ERROR_SUCCESS;
 }
