@@ -140,7 +140,7 @@ mkdir -p "$(log_folder)"
 
 say "Signing $file"
 if [ "$dialog" = yes ]; then
-    scripts/wine-graphics x11
+    scripts/wine-graphics "$([ "${TALVIK_DEMO_OWN_DISPLAY:-}" = yes ] && echo bare || echo x11)"
     echo "  The PIN dialog appears on display $DISPLAY: type $pin there and press Login."
     if [ "${TALVIK_DEMO_OWN_DISPLAY:-}" = yes ]; then
         echo "  There is no display here, so that one is invisible. From another terminal:"

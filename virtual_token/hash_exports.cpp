@@ -25,10 +25,8 @@ int talvik_initHash(const char* deviceId, int algorithm, void** hashHandle, void
         require(deviceId != nullptr && hashHandle != nullptr, Status::InvalidArgument);
         const DigestType* type = digestOfCode(algorithm);
         require(type != nullptr, Status::Unsupported);
-        auto hash = std::make_shared<RunningHash>();
-        hash->digest = openDigest(type->algorithm);
-        hash->algorithm = type->algorithm;
-        *hashHandle = reinterpret_cast<void*>(static_cast<std::uintptr_t>(hashes().add(std::move(hash))));
+        const std::uint64_t handle = hashes().begin(type->algorithm);
+        *hashHandle = reinterpret_cast<void*>(static_cast<std::uintptr_t>(handle));
     });
 }
 
@@ -43,11 +41,13 @@ int talvik_updateHash(void* hashHandle, const unsigned char* data, int dataLengt
 
 int talvik_finalHash(void* hashHandle, unsigned char* digest, int* digestLength, void*) {
     return guarded([&] {
-        const RunningHashPointer hash = hashes().find(handleOf(hashHandle));
+        RunningHashPointer hash = hashes().find(handleOf(hashHandle));
         const std::size_t length = gcry_md_get_algo_dlen(hash->algorithm);
         requireRoom(digest, digestLength, length);
-        const std::lock_guard guard(hash->lock);
-        copyOut({gcry_md_read(hash->digest.get(), hash->algorithm), length}, digest, digestLength);
-        hashes().remove(handleOf(hashHandle));
+        {
+            const std::lock_guard guard(hash->lock);
+            copyOut({gcry_md_read(hash->digest.get(), hash->algorithm), length}, digest, digestLength);
+        }
+        hashes().end(handleOf(hashHandle), std::move(hash));
     });
 }

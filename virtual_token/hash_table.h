@@ -8,6 +8,7 @@
 #include <list>
 #include <memory>
 #include <unordered_map>
+#include <vector>
 
 #include "gcrypt_objects.h"
 #include "srw_lock.h"
@@ -25,13 +26,16 @@ class HashTable {
   public:
     static constexpr std::size_t capacity = 16384;
 
-    std::uint64_t add(RunningHashPointer hash);
+    std::uint64_t begin(int algorithm);             // gives a handle, never 0
     RunningHashPointer find(std::uint64_t handle);  // throws BadHashHandle
-    void remove(std::uint64_t handle);
+    void end(std::uint64_t handle, RunningHashPointer hash);
 
   private:
     // Handles are spread in turn, so each shard's oldest is close to the oldest of all.
     static constexpr std::size_t shardCount = 64;
+
+    // States kept for reuse: a digest state is large and making one is what costs most in a short hash.
+    static constexpr std::size_t idleKept = 8;
 
     struct Entry {
         std::uint64_t handle;
@@ -41,7 +45,10 @@ class HashTable {
         SrwLock lock;
         std::list<Entry> byUse;  // the least recently used first
         std::unordered_map<std::uint64_t, std::list<Entry>::iterator> index;
+        std::vector<RunningHashPointer> idle;
     };
+    static RunningHashPointer takeIdle(Shard& shard, int algorithm);
+    static void keepIdle(Shard& shard, RunningHashPointer hash);
     Shard& shardOf(std::uint64_t handle) { return shards_[handle % shardCount]; }
 
     std::array<Shard, shardCount> shards_;

@@ -28,11 +28,12 @@ struct KeyRequest {
     const char* text;
 };
 
+// The slip in "key exhange" is what support staff search the log for.
 constexpr KeyRequest keyRequests[] = {
     {CALG_RSA_SIGN, TALVIK_USAGE_SIGN, defaultRsaBits, "rsa sign"},
     {AT_SIGNATURE, TALVIK_USAGE_SIGN, 0, "rsa sign"},
-    {CALG_RSA_KEYX, TALVIK_USAGE_EXCHANGE, defaultRsaBits, "key exchange"},
-    {AT_KEYEXCHANGE, TALVIK_USAGE_EXCHANGE, 0, "key exchange"},
+    {CALG_RSA_KEYX, TALVIK_USAGE_EXCHANGE, defaultRsaBits, "key exhange"},
+    {AT_KEYEXCHANGE, TALVIK_USAGE_EXCHANGE, 0, "key exhange"},
 };
 
 const KeyRequest* keyRequestFor(ALG_ID algId) {

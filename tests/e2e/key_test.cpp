@@ -1,4 +1,6 @@
 // Keys and their certificates.
+#include <algorithm>
+
 #include "e2e/surroundings.h"
 #include "support/dialog_robot.h"
 
@@ -68,7 +70,8 @@ TEST_F(Keys, CertificateIsStoredAndReadBack) {
     const Bytes certificate = read("certificate.der");
     ASSERT_TRUE(CryptSetKeyParam(key, KP_CERTIFICATE, certificate.data(), 0)) << std::hex << GetLastError();
 
-    const Key found = userKey(acquire());
+    const Context later = acquire();
+    const Key found = userKey(later);
     ASSERT_TRUE(CryptGetKeyParam(found, KP_CERTIFICATE, nullptr, &size, 0));
     EXPECT_EQ(size, certificate.size());
     Bytes stored(size + 10);
@@ -79,6 +82,36 @@ TEST_F(Keys, CertificateIsStoredAndReadBack) {
     ASSERT_TRUE(CryptGetKeyParam(found, KP_CERTIFICATE, stored.data(), &size, 0));
     stored.resize(size);
     EXPECT_EQ(stored, certificate);
+}
+
+TEST_F(Keys, WhatOpensslEncryptedIsDecryptedOnTheToken) {
+    DialogRobot robot;
+    robot.enters(pin);
+    const Context context = acquire();
+    const Key key = generate(context, CALG_RSA_KEYX);
+    ASSERT_TRUE(key);
+    BYTE blob[1024];
+    DWORD size = sizeof blob;
+    ASSERT_TRUE(CryptExportKey(key, 0, PUBLICKEYBLOB, 0, blob, &size));
+    BYTE der[1024];
+    DWORD derSize = sizeof der;
+    ASSERT_TRUE(CryptEncodeObject(X509_ASN_ENCODING, RSA_CSP_PUBLICKEYBLOB, blob, der, &derSize));
+    write("rsa.der", Bytes(der, der + derSize));
+    write("secret", bytesOf("for the token alone"));
+    ASSERT_EQ(openssl("rsa -RSAPublicKey_in -inform DER -in rsa.der -pubout -out public.pem").status, 0);
+
+    for (const auto& [padding, flags] : {std::pair{"pkcs1", 0ul}, std::pair{"oaep", DWORD{CRYPT_OAEP}}}) {
+        const Ended encrypted = openssl(std::string("pkeyutl -encrypt -pubin -inkey public.pem -in secret -out "
+                                                    "encrypted -pkeyopt rsa_padding_mode:") +
+                                        padding);
+        ASSERT_EQ(encrypted.status, 0) << encrypted.output;
+        Bytes data = read("encrypted");
+        std::reverse(data.begin(), data.end());
+        auto length = static_cast<DWORD>(data.size());
+        ASSERT_TRUE(CryptDecrypt(key, 0, TRUE, flags, data.data(), &length)) << padding;
+        data.resize(length);
+        EXPECT_EQ(data, bytesOf("for the token alone")) << padding;
+    }
 }
 
 }  // namespace

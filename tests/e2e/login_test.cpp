@@ -1,6 +1,9 @@
 // The PIN: dialogs, refusals, single sign-on.
+#include <algorithm>
+
 #include "e2e/surroundings.h"
 #include "support/dialog_robot.h"
+#include "support/log_reader.h"
 
 namespace e2e {
 namespace {
@@ -19,6 +22,19 @@ class Login : public Tokens {
         Tokens::TearDown();
     }
     const Context& context() const { return context_; }
+
+    // The monitor tells in the log that it has noticed a token's absence.
+    bool noticedAbsence(const LogReader& log) const {
+        const std::string line = "DEBUG Device disconnected: " + token();
+        const ULONGLONG begin = GetTickCount64();
+        while (std::ranges::count(log.allEntries(), line) == 0) {
+            if (GetTickCount64() - begin > 20000) {
+                return false;
+            }
+            Sleep(20);
+        }
+        return true;
+    }
 
   private:
     Context context_;
@@ -85,13 +101,27 @@ TEST_F(Login, UnpluggedTokenAsksAgain) {
     DialogRobot robot;
     robot.enters(pin);
     ASSERT_TRUE(generate(context()));
+    setLogLevel(3);
+    const LogReader log;
     change("detach", token());
-    EXPECT_TRUE(sign(digest(acquire(nullptr, CRYPT_VERIFYCONTEXT), CALG_SHA_256, bytesOf("a"))).empty());
-    Sleep(2500);  // the monitor looks once a second; it has no other sign of having looked
+    EXPECT_TRUE(noticedAbsence(log));
+    setLogLevel(std::nullopt);
     change("attach", token());
     robot.enters(pin);
     EXPECT_FALSE(sign(digest(acquire(), CALG_SHA_256, bytesOf("a"))).empty());
     EXPECT_EQ(robot.finish(), (Seen{"PIN", "PIN"}));
+}
+
+TEST_F(Login, PinGivenByTheApplicationIsCheckedWithoutADialog) {
+    const auto present = [&](const char* text) {
+        return CryptSetProvParam(context(), PP_SIGNATURE_PIN, reinterpret_cast<const BYTE*>(text), 0);
+    };
+    DialogRobot robot;
+    EXPECT_FALSE(present("9999"));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_KEYSET_ENTRY_BAD));
+    EXPECT_TRUE(present(pin));
+    EXPECT_TRUE(generate(context()));
+    EXPECT_EQ(robot.finish(), Seen{});
 }
 
 }  // namespace

@@ -1,4 +1,6 @@
 // Signatures, checked with openssl.
+#include <algorithm>
+
 #include "e2e/surroundings.h"
 #include "support/dialog_robot.h"
 
@@ -45,6 +47,35 @@ TEST_F(Sign, DigestMadeElsewhereIsSigned) {
     ASSERT_TRUE(CryptSetHashParam(hash, HP_HASHVAL, read("digest").data(), 0));
     EXPECT_TRUE(opensslAccepts(publicKey(context), "-sha256", bytesOf("made elsewhere"), sign(hash)));
 }
+
+class OpensslSignature : public Tokens, public ::testing::WithParamInterface<int> {};
+
+TEST_P(OpensslSignature, IsVerifiedWithAnImportedPublicKey) {
+    const std::string bits = std::to_string(GetParam());
+    const Bytes data = bytesOf("signed by openssl");
+    write("data", data);
+    ASSERT_EQ(openssl("genrsa -out key.pem " + bits).status, 0);
+    ASSERT_EQ(openssl("rsa -in key.pem -RSAPublicKey_out -outform DER -out public.der").status, 0);
+    ASSERT_EQ(openssl("dgst -sha256 -sign key.pem -out signature data").status, 0);
+
+    const Bytes der = read("public.der");
+    BYTE blob[1024];
+    DWORD size = sizeof blob;
+    ASSERT_TRUE(CryptDecodeObject(X509_ASN_ENCODING, RSA_CSP_PUBLICKEYBLOB, der.data(), static_cast<DWORD>(der.size()),
+                                  0, blob, &size));
+    const Context context = acquire(nullptr, CRYPT_VERIFYCONTEXT);
+    Key key;
+    ASSERT_TRUE(CryptImportKey(context, blob, size, 0, 0, key.put())) << std::hex << GetLastError();
+
+    Bytes signature = read("signature");
+    std::reverse(signature.begin(), signature.end());
+    const auto length = static_cast<DWORD>(signature.size());
+    EXPECT_TRUE(CryptVerifySignatureA(digest(context, CALG_SHA_256, data), signature.data(), length, key, nullptr, 0));
+    EXPECT_FALSE(CryptVerifySignatureA(digest(context, CALG_SHA_256, der), signature.data(), length, key, nullptr, 0));
+}
+
+INSTANTIATE_TEST_SUITE_P(Bits, OpensslSignature, ::testing::Values(1024, 2048, 3072, 4096),
+                         ::testing::PrintToStringParamName());
 
 TEST_F(Sign, TwoProcessesOnOneToken) {
     {

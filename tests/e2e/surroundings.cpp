@@ -74,8 +74,14 @@ PROCESS_INFORMATION start(std::string line, HANDLE output) {
 
 const fs::path& workFolder() {
     static const fs::path folder = [] {
+        constexpr wchar_t inherited[] = L"TALVIK_E2E_FOLDER";
+        wchar_t given[MAX_PATH] = {};
+        if (GetEnvironmentVariableW(inherited, given, MAX_PATH) != 0) {
+            return fs::path(given);
+        }
         const fs::path made = fs::temp_directory_path() / ("talvik-e2e-" + std::to_string(GetCurrentProcessId()));
         fs::create_directories(made);
+        SetEnvironmentVariableW(inherited, made.c_str());
         return made;
     }();
     return folder;

@@ -67,7 +67,7 @@ Bytes pattern(std::size_t size);
 void write(const std::string& name, const Bytes& content);  // into workFolder()
 Bytes read(const std::string& name);
 
-// This process's own folder, current directory of openssl and of the roles.
+// A folder of this run's own, shared with the roles; openssl's current directory.
 const std::filesystem::path& workFolder();
 
 struct Ended {

@@ -25,13 +25,7 @@ int runAsChild(const std::string& role) {
         return status;
     }
     if (role == "generate-forever") {
-        for (;;) {
-            const Key key = generate(TALVIK_KEY_EC_P256, TALVIK_USAGE_SIGN);
-            if (key.status != 0) {
-                return key.status;
-            }
-            std::printf("%s\n", hexOf(Bytes(key.id(), key.id() + 16)).c_str());
-            std::fflush(stdout);
+        while (generate(TALVIK_KEY_EC_P256, TALVIK_USAGE_SIGN).status == 0) {
         }
     }
     return -1;
