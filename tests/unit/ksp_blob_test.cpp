@@ -14,10 +14,6 @@ Bytes words(std::initializer_list<std::uint32_t> values) {
         putWord(blob, value);
     return blob;
 }
-Bytes operator+(Bytes left, const Bytes& right) {
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
 Bytes reversed(Bytes value) {
     return {value.rbegin(), value.rend()};
 }

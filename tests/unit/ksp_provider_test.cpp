@@ -208,7 +208,7 @@ TEST_F(KspProvider, PromptsUnlessThePinIsKnown) {
     open();
     const Act prompt = [&] { return ksp.PromptUser(hProv, 0, nullptr, 0); };
     robot.cancels().enters(PIN);
-    const Lines asking = Lines{"DEBUG KSP: Password not validated, checking SSO"} + PIN_DIALOG;
+    const Lines asking = Lines{"DEBUG KSP: Password not validated, checking SSO"} + dialogShown;
     expect(
         NTE_FAIL, "KSPPromptUser", prompt,
         asking + Lines{"DEBUG KSP: User cancelled password dialog", "ERROR KSPPromptUser: password validation failed"},

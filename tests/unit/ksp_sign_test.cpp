@@ -121,7 +121,7 @@ TEST_F(KspSign, AsksOnceMoreWhenTheSignOnHasExpired) {
     scripted::next("talvik_signHash", {49});
     scripted::next("talvik_signHash", {.output = filled(256, 1)});
     robot.enters("5678");
-    const Lines asking = Lines{"DEBUG KSP: Password not validated, checking SSO"} + PIN_DIALOG;
+    const Lines asking = Lines{"DEBUG KSP: Password not validated, checking SSO"} + dialogShown;
     const Lines askCalls = {"talvik_getTokenInfo(\"T1\", null)"};
     expect(ERROR_SUCCESS, "KSPSignHash", signing(key),
            PIN_KNOWN + signLines("PKCS1") + Lines{EXPIRED} + asking +

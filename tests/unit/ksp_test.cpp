@@ -1,5 +1,7 @@
 #include "unit/ksp_test.h"
 
+#include <algorithm>
+
 #include "token/shared_state.h"
 
 using namespace testing;
@@ -31,7 +33,8 @@ NCRYPT_PROV_HANDLE KspTest::open() {
 }
 
 NCRYPT_KEY_HANDLE KspTest::keep(NCRYPT_KEY_HANDLE key) {
-    keys_.push_back(key);
+    if (std::ranges::find(keys_, key) == keys_.end())
+        keys_.push_back(key);
     return key;
 }
 

@@ -57,10 +57,8 @@ Bytes readBySizeRule(const std::function<SECURITY_STATUS(BYTE*, DWORD, DWORD*)>&
 
 inline const Bytes HASH = bytes(32);
 inline const Lines PIN_KNOWN = {"DEBUG KSP: PIN already validated"};
-inline const Lines PIN_DIALOG = {"DEBUG Password dialog show window", "DEBUG Password dialog show window before",
-                                 "DEBUG Password dialog show window after"};
 
-inline Lines operator+(Lines left, const Lines& right) {
+inline Bytes operator+(Bytes left, const Bytes& right) {
     left.insert(left.end(), right.begin(), right.end());
     return left;
 }
