@@ -88,6 +88,7 @@ VOID WINAPI Sleep(DWORD milliseconds) {
 void WINAPI GetLocalTime(SYSTEMTIME* local) {
     timespec now;
     clock_gettime(CLOCK_REALTIME, &now);
+    [[maybe_unused]] static const bool knowsTimeZone = (tzset(), true);
     tm fields;
     localtime_r(&now.tv_sec, &fields);
     *local = {static_cast<WORD>(fields.tm_year + 1900), static_cast<WORD>(fields.tm_mon + 1),
