@@ -6,7 +6,6 @@
 #include "csp/entry_points.h"
 #include "csp/outcome.h"
 #include "log/log.h"
-#include "module.h"
 #include "token/device_library.h"
 #include "token/device_monitor.h"
 #include "token/session.h"
@@ -18,7 +17,6 @@ namespace {
 constexpr DWORD verifyOnlyFlags = 0xF0000000;  // any of them, not CRYPT_VERIFYCONTEXT alone
 
 Outcome handOver(std::unique_ptr<CspContext> context, HCRYPTPROV* phProv) {
-    pinModule();
     context->keysetType = CRYPT_USER_KEYSET;
     context->valid = 1;
     *phProv = reinterpret_cast<HCRYPTPROV>(context.release());

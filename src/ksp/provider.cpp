@@ -9,7 +9,6 @@
 
 #include "ksp/algorithms.h"
 #include "ksp/entry_points.h"
-#include "module.h"
 #include "token/device_library.h"
 #include "token/device_monitor.h"
 #include "token/session.h"
@@ -18,7 +17,6 @@ namespace talvik::ksp {
 namespace {
 
 SECURITY_STATUS handOver(std::unique_ptr<KspProvider> provider, NCRYPT_PROV_HANDLE* phProvider) {
-    pinModule();
     provider->isOpen = 1;
     *phProvider = reinterpret_cast<NCRYPT_PROV_HANDLE>(provider.release());
     return ERROR_SUCCESS;

@@ -5,7 +5,6 @@
 #include <vector>
 
 #include "log/log.h"
-#include "module.h"
 #include "token/device_library.h"
 #include "token/key_encoding.h"
 #include "token/token_records.h"

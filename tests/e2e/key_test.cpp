@@ -61,12 +61,13 @@ TEST_F(Keys, CertificateIsStoredAndReadBack) {
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_NOT_FOUND));
 
     write("public.der", publicKey(context));
-    ASSERT_EQ(openssl("req -x509 -newkey rsa:2048 -nodes -keyout ca.key -out ca.pem -subj /CN=CA -days 3").status, 0);
-    ASSERT_EQ(openssl("req -new -newkey rsa:2048 -nodes -keyout other.key -out other.csr -subj /CN=Signer").status, 0);
-    const Ended issued = openssl(
+    ASSERT_EQ(openssl("req -x509 -newkey rsa:2048 -nodes -keyout ca.key -out ca.pem -subj /CN=CA -days 3").exitCode, 0);
+    ASSERT_EQ(openssl("req -new -newkey rsa:2048 -nodes -keyout other.key -out other.csr -subj /CN=Signer").exitCode,
+              0);
+    const OpensslResult issued = openssl(
         "x509 -req -in other.csr -CA ca.pem -CAkey ca.key -set_serial 7 -days 2 "
         "-force_pubkey public.der -keyform DER -outform DER -out certificate.der");
-    ASSERT_EQ(issued.status, 0) << issued.output;
+    ASSERT_EQ(issued.exitCode, 0) << issued.output;
     const Bytes certificate = read("certificate.der");
     ASSERT_TRUE(CryptSetKeyParam(key, KP_CERTIFICATE, certificate.data(), 0)) << std::hex << GetLastError();
 
@@ -98,13 +99,13 @@ TEST_F(Keys, WhatOpensslEncryptedIsDecryptedOnTheToken) {
     ASSERT_TRUE(CryptEncodeObject(X509_ASN_ENCODING, RSA_CSP_PUBLICKEYBLOB, blob, der, &derSize));
     write("rsa.der", Bytes(der, der + derSize));
     write("secret", bytesOf("for the token alone"));
-    ASSERT_EQ(openssl("rsa -RSAPublicKey_in -inform DER -in rsa.der -pubout -out public.pem").status, 0);
+    ASSERT_EQ(openssl("rsa -RSAPublicKey_in -inform DER -in rsa.der -pubout -out public.pem").exitCode, 0);
 
     for (const auto& [padding, flags] : {std::pair{"pkcs1", 0ul}, std::pair{"oaep", DWORD{CRYPT_OAEP}}}) {
-        const Ended encrypted = openssl(std::string("pkeyutl -encrypt -pubin -inkey public.pem -in secret -out "
-                                                    "encrypted -pkeyopt rsa_padding_mode:") +
-                                        padding);
-        ASSERT_EQ(encrypted.status, 0) << encrypted.output;
+        const OpensslResult encrypted = openssl(std::string("pkeyutl -encrypt -pubin -inkey public.pem -in secret -out "
+                                                            "encrypted -pkeyopt rsa_padding_mode:") +
+                                                padding);
+        ASSERT_EQ(encrypted.exitCode, 0) << encrypted.output;
         Bytes data = read("encrypted");
         std::reverse(data.begin(), data.end());
         auto length = static_cast<DWORD>(data.size());

@@ -4,14 +4,11 @@
 #include "support/log_reader.h"
 
 int main(int argc, char** argv) {
-    if (argc == 3 && std::strcmp(argv[1], "--role") == 0) {
-        return e2e::playRole(argv[2]);
+    if (argc == 4 && std::strcmp(argv[1], "--role") == 0) {
+        return e2e::playRole(argv[2], argv[3]);
     }
     ::testing::InitGoogleTest(&argc, argv);
     useOwnTemporaryFolder();
     setLogLevel(std::nullopt);
-    const int result = RUN_ALL_TESTS();
-    std::error_code busy;
-    std::filesystem::remove_all(e2e::workFolder(), busy);
-    return result;
+    return RUN_ALL_TESTS();
 }

@@ -8,24 +8,28 @@
 namespace e2e {
 namespace {
 
-// Signs its own process identifier many times over, and leaves the last signature for the first process to check.
-int signing() {
+// Signs its own name many times over, and leaves the last signature for the first process to check.
+int signing(const std::string& name) {
     DialogRobot robot;
     robot.enters(pin);
     const Context context = acquire();
-    const std::string id = std::to_string(GetCurrentProcessId());
     Bytes signature;
     for (int i = 0; i < 50; ++i) {
-        signature = sign(digest(context, CALG_SHA_256, bytesOf(id)));
+        signature = sign(digest(context, CALG_SHA_256, bytesOf(name)));
         if (signature.empty()) {
             return 1;
         }
     }
-    write("signature-" + id, signature);
+    write("signature-" + name, signature);
     return robot.finish() == std::vector<std::string>{"PIN"} ? 0 : 2;
 }
 
-int loading() {
+// Makes a key; whoever sits at the display answers the PIN dialog.
+int enrolling(const std::string&) {
+    return generate(acquire()) ? 0 : 1;
+}
+
+int loading(const std::string&) {
     const auto cycle = [](int count) {
         for (int i = 0; i < count; ++i) {
             const HMODULE provider = LoadLibraryA("TalvikCSP.dll");
@@ -47,30 +51,41 @@ int loading() {
     return unloads ? 0 : 3;
 }
 
-bool leave() {
+// Each refused acquisition lets the system unload the provider, though its monitor has been started.
+int refused(const std::string&) {
+    for (int i = 0; i < 20; ++i) {
+        if (acquire() || GetLastError() != static_cast<DWORD>(NTE_TOKEN_KEYSET_STORAGE_FULL)) {
+            return 1;
+        }
+    }
+    return 0;
+}
+
+bool leave(const std::string& name) {
     static Context context = acquire();
     const ULONGLONG now = GetTickCount64();
     Bytes stamp(sizeof now);
     std::memcpy(stamp.data(), &now, sizeof now);
-    write("left-" + std::to_string(GetCurrentProcessId()), stamp);
+    write("left-" + name, stamp);
     return context != 0;
 }
 
-int returning() {
-    return leave() ? 0 : 1;
+int returning(const std::string& name) {
+    return leave(name) ? 0 : 1;
 }
 
-int exiting() {
-    ExitProcess(leave() ? 0 : 1);
+int exiting(const std::string& name) {
+    ExitProcess(leave(name) ? 0 : 1);
 }
 
 }  // namespace
 
-int playRole(const std::string& role) {
-    static const std::map<std::string, int (*)()> roles = {
-        {"sign", signing}, {"load", loading}, {"return", returning}, {"exit", exiting}};
+int playRole(const std::string& role, const std::string& name) {
+    static const std::map<std::string, int (*)(const std::string&)> roles = {
+        {"enrol", enrolling}, {"sign", signing},     {"load", loading},
+        {"refused", refused}, {"return", returning}, {"exit", exiting}};
     const auto found = roles.find(role);
-    return found == roles.end() ? 99 : found->second();
+    return found == roles.end() ? 99 : found->second(name);
 }
 
 }  // namespace e2e

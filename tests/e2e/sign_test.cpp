@@ -41,7 +41,7 @@ TEST_F(Sign, DigestMadeElsewhereIsSigned) {
     const Context context = acquire();
     ASSERT_TRUE(generate(context));
     write("data", bytesOf("made elsewhere"));
-    ASSERT_EQ(openssl("dgst -sha256 -binary -out digest data").status, 0);
+    ASSERT_EQ(openssl("dgst -sha256 -binary -out digest data").exitCode, 0);
     Hash hash;
     ASSERT_TRUE(CryptCreateHash(context, CALG_SHA_256, 0, 0, hash.put()));
     ASSERT_TRUE(CryptSetHashParam(hash, HP_HASHVAL, read("digest").data(), 0));
@@ -54,9 +54,9 @@ TEST_P(OpensslSignature, IsVerifiedWithAnImportedPublicKey) {
     const std::string bits = std::to_string(GetParam());
     const Bytes data = bytesOf("signed by openssl");
     write("data", data);
-    ASSERT_EQ(openssl("genrsa -out key.pem " + bits).status, 0);
-    ASSERT_EQ(openssl("rsa -in key.pem -RSAPublicKey_out -outform DER -out public.der").status, 0);
-    ASSERT_EQ(openssl("dgst -sha256 -sign key.pem -out signature data").status, 0);
+    ASSERT_EQ(openssl("genrsa -out key.pem " + bits).exitCode, 0);
+    ASSERT_EQ(openssl("rsa -in key.pem -RSAPublicKey_out -outform DER -out public.der").exitCode, 0);
+    ASSERT_EQ(openssl("dgst -sha256 -sign key.pem -out signature data").exitCode, 0);
 
     const Bytes der = read("public.der");
     BYTE blob[1024];
@@ -83,14 +83,14 @@ TEST_F(Sign, TwoProcessesOnOneToken) {
         robot.enters(pin);
         ASSERT_TRUE(generate(acquire()));
     }
-    Role first("sign");
-    Role second("sign");
+    const std::string names[] = {"first", "second"};
+    Role first("sign", names[0]);
+    Role second("sign", names[1]);
     EXPECT_EQ(first.wait(), 0u);
     EXPECT_EQ(second.wait(), 0u);
     const Bytes key = publicKey(acquire());
-    for (const Role* role : {&first, &second}) {
-        const std::string id = std::to_string(role->processId());
-        EXPECT_TRUE(opensslAccepts(key, "-sha256", bytesOf(id), read("signature-" + id)));
+    for (const std::string& name : names) {
+        EXPECT_TRUE(opensslAccepts(key, "-sha256", bytesOf(name), read("signature-" + name)));
     }
 }
 

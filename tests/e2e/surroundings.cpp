@@ -9,80 +9,31 @@ namespace fs = std::filesystem;
 namespace e2e {
 namespace {
 
-constexpr DWORD hostProgramMilliseconds = 30000;
+constexpr wchar_t folderVariable[] = L"TALVIK_E2E_FOLDER";
 
-fs::path programFolder() {
-    wchar_t path[MAX_PATH] = {};
-    GetModuleFileNameW(nullptr, path, MAX_PATH);
-    return fs::path(path).parent_path();
+const talvik_test::ScratchFolder& scratch() {
+    static const talvik_test::ScratchFolder folder;
+    return folder;
 }
 
-// "Z:\a\b" as the host names it.
-std::string hostPath(const fs::path& path) {
-    using GetUnixName = char*(CDECL*)(LPCWSTR);
-    const auto unixName = reinterpret_cast<GetUnixName>(
-        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleA("kernel32.dll"), "wine_get_unix_file_name")));
-    char* name = unixName(path.c_str());
-    const std::string copy = name ? name : "";
-    HeapFree(GetProcessHeap(), 0, name);
-    return copy;
-}
-
-std::string textOf(const fs::path& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
-// A program of the host gives no handle to wait on: it leaves its exit status in a file, which appears at once whole.
-Ended runOnHost(const std::string& command) {
-    const fs::path ended = workFolder() / "host-status";
-    fs::remove(ended);
-    std::string line = "sh -c \"cd '" + hostPath(workFolder()) + "' && " + command +
-                       " >host-output 2>&1 </dev/null; echo $? >host-status.new; mv host-status.new host-status\"";
-    STARTUPINFOA startup{};
-    startup.cb = sizeof startup;
-    PROCESS_INFORMATION process{};
-    if (!CreateProcessA("Z:\\bin\\sh", line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process)) {
-        ADD_FAILURE() << "the host's shell cannot be started";
-        return {};
-    }
-    const ULONGLONG begin = GetTickCount64();
-    while (!fs::exists(ended)) {
-        if (GetTickCount64() - begin > hostProgramMilliseconds) {
-            ADD_FAILURE() << "no answer from the host: " << command;
-            return {};
-        }
-        Sleep(2);
-    }
-    return {std::stoi(textOf(ended)), textOf(workFolder() / "host-output")};
-}
-
-PROCESS_INFORMATION start(std::string line, HANDLE output) {
-    STARTUPINFOA startup{};
-    startup.cb = sizeof startup;
-    startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
-    startup.hStdOutput = output;
-    startup.hStdError = output;
-    PROCESS_INFORMATION process{};
-    EXPECT_TRUE(CreateProcessA(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &process))
-        << line;
-    return process;
+DWORD tokenTool(const std::string& arguments) {
+    wchar_t program[MAX_PATH] = {};
+    GetModuleFileNameW(nullptr, program, MAX_PATH);
+    const std::string tool = (fs::path(program).parent_path().parent_path() / "talvik.exe").string();
+    const std::string line = '"' + tool + "\" token " + arguments;
+    return talvik_test::ChildProcess(std::wstring(line.begin(), line.end())).wait();
 }
 
 }  // namespace
 
 const fs::path& workFolder() {
     static const fs::path folder = [] {
-        constexpr wchar_t inherited[] = L"TALVIK_E2E_FOLDER";
         wchar_t given[MAX_PATH] = {};
-        if (GetEnvironmentVariableW(inherited, given, MAX_PATH) != 0) {
+        if (GetEnvironmentVariableW(folderVariable, given, MAX_PATH) != 0) {
             return fs::path(given);
         }
-        const fs::path made = fs::temp_directory_path() / ("talvik-e2e-" + std::to_string(GetCurrentProcessId()));
-        fs::create_directories(made);
-        SetEnvironmentVariableW(inherited, made.c_str());
-        return made;
+        SetEnvironmentVariableW(folderVariable, scratch().path().c_str());
+        return scratch().path();
     }();
     return folder;
 }
@@ -168,27 +119,12 @@ void write(const std::string& name, const Bytes& content) {
 }
 
 Bytes read(const std::string& name) {
-    return bytesOf(textOf(workFolder() / name));
+    std::ifstream file(workFolder() / name, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
 }
 
-Ended openssl(const std::string& arguments) {
-    return runOnHost("openssl " + arguments);
-}
-
-Ended tokenTool(const std::string& arguments) {
-    const fs::path captured = workFolder() / "tool-output";
-    SECURITY_ATTRIBUTES inheritable{sizeof inheritable, nullptr, TRUE};
-    const HANDLE output = CreateFileW(captured.c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inheritable, CREATE_ALWAYS,
-                                      FILE_ATTRIBUTE_NORMAL, nullptr);
-    const PROCESS_INFORMATION process =
-        start('"' + (programFolder().parent_path() / "talvik.exe").string() + "\" token " + arguments, output);
-    CloseHandle(output);
-    DWORD status = STILL_ACTIVE;
-    EXPECT_EQ(WaitForSingleObject(process.hProcess, hostProgramMilliseconds), WAIT_OBJECT_0) << arguments;
-    GetExitCodeProcess(process.hProcess, &status);
-    CloseHandle(process.hThread);
-    CloseHandle(process.hProcess);
-    return {static_cast<int>(status), textOf(captured)};
+OpensslResult openssl(const std::string& arguments) {
+    return talvik_test::tryOpenssl(scratch(), arguments);
 }
 
 bool opensslAccepts(const Bytes& publicKey, const std::string& option, const Bytes& data, Bytes signature) {
@@ -196,28 +132,14 @@ bool opensslAccepts(const Bytes& publicKey, const std::string& option, const Byt
     write("signed", data);
     write("signature", signature);
     write("public.der", publicKey);
-    const Ended ended = openssl("dgst " + option + " -keyform DER -verify public.der -signature signature signed");
-    return ended.status == 0 && ended.output.find("Verified OK") != std::string::npos;
+    const OpensslResult ended =
+        openssl("dgst " + option + " -keyform DER -verify public.der -signature signature signed");
+    return ended.exitCode == 0 && ended.output.find("Verified OK") != std::string::npos;
 }
 
-Role::Role(const std::string& role) {
-    wchar_t program[MAX_PATH] = {};
-    GetModuleFileNameW(nullptr, program, MAX_PATH);
-    process_ = start('"' + fs::path(program).string() + "\" --role " + role, GetStdHandle(STD_ERROR_HANDLE));
-}
-
-Role::~Role() {
-    TerminateProcess(process_.hProcess, 1);
-    CloseHandle(process_.hThread);
-    CloseHandle(process_.hProcess);
-}
-
-DWORD Role::wait(DWORD milliseconds) {
-    DWORD status = STILL_ACTIVE;
-    WaitForSingleObject(process_.hProcess, milliseconds);
-    GetExitCodeProcess(process_.hProcess, &status);
-    return status;
-}
+Role::Role(const std::string& role, const std::string& name)
+    : ChildProcess(talvik_test::thisProgram() + L" --role " + std::wstring(role.begin(), role.end()) + L' ' +
+                   std::wstring(name.begin(), name.end())) {}
 
 void Tokens::SetUp() {
     static int made = 0;
@@ -236,13 +158,11 @@ void Tokens::TearDown() {
 }
 
 void Tokens::addToken(const std::string& id) {
-    const Ended created = tokenTool("create --id " + id + " --label " + id + " --pin " + pin);
-    ASSERT_EQ(created.status, 0) << created.output;
+    ASSERT_EQ(tokenTool("create --id " + id + " --pin " + pin), 0u);
 }
 
 void Tokens::change(const std::string& command, const std::string& id) {
-    const Ended changed = tokenTool(command + " " + id);
-    ASSERT_EQ(changed.status, 0) << changed.output;
+    ASSERT_EQ(tokenTool(command + ' ' + id), 0u) << command;
 }
 
 }  // namespace e2e

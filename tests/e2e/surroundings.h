@@ -7,14 +7,16 @@
 
 #include <filesystem>
 #include <gtest/gtest.h>
-#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "support/openssl.h"
+#include "support/scratch.h"
+
 namespace e2e {
 
-using Bytes = std::vector<unsigned char>;
+using talvik_test::Bytes;
 
 inline constexpr char providerName[] = "Talvik Cryptographic Provider CSP";
 inline constexpr char pin[] = "1234";
@@ -67,43 +69,30 @@ Bytes pattern(std::size_t size);
 void write(const std::string& name, const Bytes& content);  // into workFolder()
 Bytes read(const std::string& name);
 
-// A folder of this run's own, shared with the roles; openssl's current directory.
+// A folder of this run's own, shared with its roles; openssl's current directory.
 const std::filesystem::path& workFolder();
 
-struct Ended {
-    int status = -1;
-    std::string output;
-};
-Ended openssl(const std::string& arguments);
-Ended tokenTool(const std::string& arguments);  // talvik.exe token ...
+using talvik_test::OpensslResult;
+OpensslResult openssl(const std::string& arguments);
 
 // Whether openssl accepts `signature`, in CryptoAPI's order, over `data`; `option` is "-sha256" and the like.
 bool opensslAccepts(const Bytes& publicKey, const std::string& option, const Bytes& data, Bytes signature);
 
-// This program in another process, playing one of the roles of roles.cpp.
-class Role {
+// This program in another process, playing one of the roles of roles.cpp; `name` tells two players of a role apart.
+class Role : public talvik_test::ChildProcess {
   public:
-    explicit Role(const std::string& role);
-    ~Role();
-    Role(const Role&) = delete;
-    Role& operator=(const Role&) = delete;
-    DWORD processId() const { return process_.dwProcessId; }
-    // The exit status, or nothing (259) when it has not ended in time.
-    DWORD wait(DWORD milliseconds = 60000);
-
-  private:
-    PROCESS_INFORMATION process_{};
+    explicit Role(const std::string& role, const std::string& name = "only");
 };
-int playRole(const std::string& role);
+int playRole(const std::string& role, const std::string& name);
 
-// Tokens "T1" and, where a test adds it, others; a home of its own for each test. The provider remembers by token
-// identifier what it knows of a token, so each test gives its tokens new identifiers.
+// One token, and those that a test adds, in a home of its own for each test. The provider remembers by token identifier
+// what it knows of a token, so the identifiers differ from test to test.
 class Tokens : public ::testing::Test {
   protected:
     void SetUp() override;
     void TearDown() override;
     void addToken(const std::string& id);
-    void change(const std::string& command, const std::string& id);  // "detach", "attach", ...
+    void change(const std::string& command, const std::string& id);  // a command of "talvik token": "detach", ...
     const std::string& token() const { return token_; }
 
   private:

@@ -1,3 +1,5 @@
+#include <stdexcept>
+
 #include "unit/ksp_test.h"
 
 using namespace testing;
@@ -52,7 +54,11 @@ class KspBlobs : public KspTest {
             return ksp.ImportKey(hProv, with, type, nullptr, &handle, data.get(), static_cast<DWORD>(blob.size()), 0);
         };
     }
-    const talvik::ksp::KspKey& imported() { return *talvik::ksp::keyOf(keep(handle)); }
+    const talvik::ksp::KspKey& imported() {
+        if (handle == UNTOUCHED_HANDLE)
+            throw std::logic_error("nothing was imported");
+        return *talvik::ksp::keyOf(keep(handle));
+    }
     Bytes exported(const wchar_t* type) {
         return readBySizeRule([&](BYTE* buffer, DWORD room, DWORD* size) {
             return ksp.ExportKey(hProv, handle, 0, type, nullptr, buffer, room, size, 0);

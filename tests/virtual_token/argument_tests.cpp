@@ -20,7 +20,7 @@ TEST_F(VirtualTokenTest, WrongArguments) {
     TalvikSymmetricKey aes{};
     CertificateDetails details;
     unsigned char id[16] = {}, data[64] = {}, *made = nullptr;
-    int length = 64, negative = -1, left = 0;
+    int length = 64, left = 0;
     void* hash = nullptr;
     ASSERT_EQ(talvik_initHash("", TALVIK_HASH_SHA1, &hash, nullptr), 0);
     const auto aesType = EncryptionType::Aes128Ecb;
@@ -62,8 +62,8 @@ TEST_F(VirtualTokenTest, WrongArguments) {
         {"sign null buffer",
          [&] { return talvik_signHash(device, id, pin, data, 20, nullptr, &length, false, nullptr, false); },
          InvalidArgument},
-        {"sign negative room",
-         [&] { return talvik_signHash(device, id, pin, data, 20, data, &negative, false, nullptr, false); },
+        {"sign null length",
+         [&] { return talvik_signHash(device, id, pin, data, 20, data, nullptr, false, nullptr, false); },
          InvalidArgument},
         {"sign unknown key",
          [&] { return talvik_signHash(device, id, pin, data, 20, data, &length, false, nullptr, false); },
@@ -74,7 +74,7 @@ TEST_F(VirtualTokenTest, WrongArguments) {
         {"verify negative",
          [&] { return talvik_verifySignatureHash(2, "", data, 20, data, 9, data, -9, nullptr, false); }, BadKey},
         {"encrypt null room", [&] { return talvik_encrypt(rsa, pkcs1, data, 9, data, nullptr, data, 9, nullptr); },
-         BadKey},
+         InvalidArgument},
         {"encrypt padding",
          [&] { return talvik_encrypt(rsa, static_cast<PaddingMode>(2), data, 9, data, &length, data, 9, nullptr); },
          Unsupported},
