@@ -54,7 +54,7 @@ HMODULE WINAPI GetModuleHandleA(LPCSTR name) {
     return reinterpret_cast<HMODULE>(name == nullptr ? &program : &otherModule);
 }
 
-BOOL WINAPI GetModuleHandleExA(DWORD, LPCSTR, HMODULE* module) {
+BOOL WINAPI GetModuleHandleExW(DWORD, LPCWSTR, HMODULE* module) {
     *module = GetModuleHandleA(nullptr);
     return TRUE;
 }
