@@ -44,10 +44,19 @@ struct Application {
     const HCRYPTPROV anyContext = tokenContext();
 
     Handles<BOOL (*)(ULONG_PTR)> contexts{[](ULONG_PTR handle) { return CPReleaseContext(handle, 0); }};
-    Handles<BOOL (*)(ULONG_PTR)> hashes{[](ULONG_PTR handle) { return CPDestroyHash(tokenContext(), handle); }};
-    Handles<BOOL (*)(ULONG_PTR)> keys{[](ULONG_PTR handle) { return CPDestroyKey(tokenContext(), handle); }};
+    Handles<BOOL (*)(ULONG_PTR)> hashes{[](ULONG_PTR handle) {
+        checkHash(handle);
+        return CPDestroyHash(tokenContext(), handle);
+    }};
+    Handles<BOOL (*)(ULONG_PTR)> keys{[](ULONG_PTR handle) {
+        checkCspKey(handle);
+        return CPDestroyKey(tokenContext(), handle);
+    }};
     Handles<SECURITY_STATUS (*)(ULONG_PTR)> providers{[](ULONG_PTR handle) { return KSPFreeProvider(handle); }};
-    Handles<SECURITY_STATUS (*)(ULONG_PTR)> cngKeys{[](ULONG_PTR handle) { return KSPFreeKey(0, handle); }};
+    Handles<SECURITY_STATUS (*)(ULONG_PTR)> cngKeys{[](ULONG_PTR handle) {
+        checkCngKey(handle);
+        return KSPFreeKey(0, handle);
+    }};
 
     HCRYPTPROV context() { return contexts.any(input); }
     HCRYPTHASH hash() { return hashes.any(input); }
@@ -128,7 +137,8 @@ struct Application {
         if (input.below(2) == 0) {
             CPEncrypt(context(), key(), 0, TRUE, input.take<DWORD>(), orNull(data), &length, data.size());
         } else {
-            CPDecrypt(context(), key(), 0, TRUE, 0, orNull(data), &length);
+            const Guarded ciphertext(length);
+            CPDecrypt(context(), key(), 0, TRUE, 0, orNull(ciphertext), &length);
         }
     }
     void keyParam() {

@@ -38,11 +38,13 @@ void csp(const CspKey& tokenKey, Input& input) {
     const Guarded data(input.take<std::uint16_t>() % 4097);
     const DWORD flags = input.take<DWORD>();
     DWORD length = data.size() == 0 ? 0 : input.take<std::uint16_t>() % (data.size() + 1);
-    if (input.below(2) == 0) {
-        CPEncrypt(tokenContext(), key, 0, TRUE, flags, input.below(8) == 7 ? nullptr : data.data(), &length,
-                  data.size());
-    } else {
-        CPDecrypt(tokenContext(), key, 0, TRUE, flags, input.below(8) == 7 ? nullptr : data.data(), &length);
+    const bool encrypts = input.below(2) == 0;
+    const bool isSizeQuery = input.below(8) == 7;
+    if (encrypts) {
+        CPEncrypt(tokenContext(), key, 0, TRUE, flags, isSizeQuery ? nullptr : data.data(), &length, data.size());
+    } else {  // a decryption is told of no room but that of its input
+        const Guarded ciphertext(length);
+        CPDecrypt(tokenContext(), key, 0, TRUE, flags, isSizeQuery ? nullptr : ciphertext.data(), &length);
     }
     if (sessionKey != 0) {
         CPDestroyKey(tokenContext(), sessionKey);

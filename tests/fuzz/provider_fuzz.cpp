@@ -1,5 +1,11 @@
 #include "fuzz/provider_fuzz.h"
 
+#include <cstdio>
+#include <cstdlib>
+
+#include "csp/hash.h"
+#include "csp/key.h"
+#include "ksp/key.h"
 #include "module.h"
 #include "stand_in/desktop.h"
 #include "token/session.h"
@@ -49,6 +55,13 @@ Guarded name(Input& input, std::span<const wchar_t* const> known) {
     const std::wstring_view text = known[choice];
     return Guarded::text({reinterpret_cast<const std::uint8_t*>(text.data()), text.size() * sizeof(wchar_t)},
                          sizeof(wchar_t));
+}
+
+void require(bool holds, const char* what) {
+    if (!holds) {
+        std::fprintf(stderr, "broken record: %s\n", what);
+        std::abort();
+    }
 }
 
 }  // namespace
@@ -119,10 +132,34 @@ Guarded algorithmName(Input& input) {
     return name(input, known);
 }
 
+void checkCspKey(HCRYPTKEY handle) {
+    const talvik::csp::KEY_HANDLE& key = *talvik::csp::keyOf(handle);
+    require(key.keyIdLen <= sizeof key.keyId, "keyIdLen");
+    require(key.keyAliasLen <= sizeof key.keyAlias, "keyAliasLen");
+    require(key.label[sizeof key.label - 1] == 0, "label");
+    require(key.publicKeyLen <= sizeof key.publicKey, "publicKeyLen");
+    require(key.aesKeyLen >= 0 && key.aesKeyLen <= static_cast<int>(sizeof key.aesKey), "aesKeyLen");
+}
+
+void checkCngKey(NCRYPT_KEY_HANDLE handle) {
+    const talvik::ksp::KspKey& key = *talvik::ksp::keyOf(handle);
+    require(key.keyIdLength <= sizeof key.keyId, "keyIdLength");
+    require(key.keyAliasLength <= sizeof key.keyAlias, "keyAliasLength");
+    require(key.publicKeyLength <= sizeof key.publicKey, "publicKeyLength");
+    require(key.symmetricKeyLength <= sizeof key.symmetricKey, "symmetricKeyLength");
+}
+
+void checkHash(HCRYPTHASH handle) {
+    const talvik::csp::HASH_CONTEXT& hash = *talvik::csp::hashOf(handle);
+    require(hash.hashValueLen <= sizeof hash.hashValue, "hashValueLen");
+    require(hash.signKeyIdLen <= sizeof hash.signKeyId, "signKeyIdLen");
+}
+
 void useUpCspKey(HCRYPTKEY key) {
     if (key == 0) {
         return;
     }
+    checkCspKey(key);
     for (const DWORD param : {KP_ALGID, KP_KEYLEN, KP_PERMISSIONS, KP_CERTIFICATE}) {
         DWORD size = 0;
         CPGetKeyParam(tokenContext(), key, param, nullptr, &size, 0);
@@ -141,6 +178,7 @@ void useUpCngKey(NCRYPT_KEY_HANDLE key) {
     if (key == 0) {
         return;
     }
+    checkCngKey(key);
     for (const wchar_t* const type : {BCRYPT_RSAPUBLIC_BLOB, LEGACY_RSAPUBLIC_BLOB}) {
         DWORD size = 0;
         if (KSPExportKey(tokenProvider(), key, 0, type, nullptr, nullptr, 0, &size, 0) == ERROR_SUCCESS) {

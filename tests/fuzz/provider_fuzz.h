@@ -55,6 +55,12 @@ Guarded propertyName(Input& input);
 Guarded blobTypeName(Input& input);
 Guarded algorithmName(Input& input);
 
-// Uses whatever key came out, and lets it go.
+// A write past a field into the next of the same record is within the heap block: what the record says of its fields
+// has to hold instead. Ends the process when it does not.
+void checkCspKey(HCRYPTKEY key);
+void checkCngKey(NCRYPT_KEY_HANDLE key);
+void checkHash(HCRYPTHASH hash);
+
+// Checks and uses whatever key came out, and lets it go.
 void useUpCspKey(HCRYPTKEY key);
 void useUpCngKey(NCRYPT_KEY_HANDLE key);
