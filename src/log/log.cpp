@@ -6,7 +6,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <mutex>
 #include <optional>
 #include <shared_mutex>
@@ -142,9 +141,10 @@ PathBuffer logFolder() {
 }
 
 void appendFileNameOfToday(PathBuffer& path) {
-    char name[32] = {};
-    const std::time_t now = std::time(nullptr);
-    std::strftime(name, sizeof name, "%Y-%m-%d.LOG", std::localtime(&now));
+    SYSTEMTIME today;
+    GetLocalTime(&today);
+    char name[32];
+    std::snprintf(name, sizeof name, "%04d-%02d-%02d.LOG", today.wYear, today.wMonth, today.wDay);
     appendBounded(path, name);
 }
 

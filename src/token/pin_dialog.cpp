@@ -1,5 +1,8 @@
 #include "token/pin_dialog.h"
 
+#include <mutex>
+#include <utility>
+
 #include "log/log.h"
 #include "module.h"
 #include "resources/resource.h"
@@ -11,8 +14,14 @@ constexpr LRESULT shortestPin = 4;
 constexpr LRESULT longestPin = 63;
 constexpr int pinBufferSize = 256;
 
-// One for the process: the dialog is modal.
+// One for the process. Two threads that prompt at the same moment share it, but each finds it whole.
+std::mutex enteredPinLock;
 SecretText enteredPin;
+
+void setEnteredPin(SecretText pin) {
+    const std::lock_guard guard(enteredPinLock);
+    enteredPin = std::move(pin);
+}
 
 void enableLogin(HWND dialog, bool enable) {
     EnableWindow(GetDlgItem(dialog, IDOK), enable ? TRUE : FALSE);
@@ -26,7 +35,7 @@ void onPinChanged(HWND dialog) {
 void takePin(HWND dialog) {
     char pin[pinBufferSize] = {};
     GetDlgItemTextA(dialog, IDC_USER_PIN, pin, sizeof pin);
-    enteredPin = SecretText(pin);
+    setEnteredPin(SecretText(pin));
     SecureZeroMemory(pin, sizeof pin);
 }
 
@@ -41,7 +50,7 @@ INT_PTR onCommand(HWND dialog, WORD control, WORD notification) {
             takePin(dialog);
             break;
         case IDCANCEL:
-            enteredPin.clear();
+            setEnteredPin({});
             break;
         default:
             break;
@@ -69,7 +78,7 @@ INT_PTR CALLBACK pinDialogProcedure(HWND dialog, UINT message, WPARAM wParam, LP
 
 void showPinDialog(HWND owner) {
     logDebug("Password dialog show window");
-    enteredPin.clear();
+    setEnteredPin({});
     logDebug("Password dialog show window before");
     const INT_PTR result =
         DialogBoxParamA(moduleInstance(), MAKEINTRESOURCEA(IDD_VERIFY_USER_PIN), owner, pinDialogProcedure, 0);
@@ -80,6 +89,7 @@ void showPinDialog(HWND owner) {
 }
 
 SecretText getEnteredPin() {
+    const std::lock_guard guard(enteredPinLock);
     return enteredPin;
 }
 
