@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <mutex>
 #include <optional>
 #include <shared_mutex>
@@ -140,11 +141,11 @@ PathBuffer logFolder() {
     return path;
 }
 
+// Only under the log mutex: other C libraries than this one's share localtime's buffer between threads.
 void appendFileNameOfToday(PathBuffer& path) {
-    SYSTEMTIME today;
-    GetLocalTime(&today);
-    char name[32];
-    std::snprintf(name, sizeof name, "%04d-%02d-%02d.LOG", today.wYear, today.wMonth, today.wDay);
+    char name[32] = {};
+    const std::time_t now = std::time(nullptr);
+    std::strftime(name, sizeof name, "%Y-%m-%d.LOG", std::localtime(&now));
     appendBounded(path, name);
 }
 
@@ -179,9 +180,8 @@ void appendLine(int level, const std::string& message) {
     // A walk that has just made a folder means a log that cannot be written yet: the next line, or the one after it,
     // finds its folder complete.
     const bool folderIsReady = Utils().createLogFolder(path.data()) != -1;
+    const std::unique_lock writing(logMutex, longestWait);
     appendFileNameOfToday(path);
-
-    std::unique_lock writing(logMutex, longestWait);
     if (folderIsReady) {
         LogFile file(path.data());
         if (file.isOpen()) {
