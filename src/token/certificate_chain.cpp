@@ -70,19 +70,6 @@ CertificateChain systemChain(const CERT_CONTEXT& leaf, HCERTSTORE store) {
     return CertificateChain(chain);
 }
 
-// Encoded certificates of the chain, root end first. The bytes belong to the chain.
-std::vector<CERT_BLOB> rootFirst(const CERT_CHAIN_CONTEXT& chain) {
-    std::vector<CERT_BLOB> blobs;
-    for (DWORD i = 0; i < chain.cChain; ++i) {
-        const CERT_SIMPLE_CHAIN& simple = *chain.rgpChain[i];
-        for (DWORD element = simple.cElement; element > 0; --element) {
-            const CERT_CONTEXT& certificate = *simple.rgpElement[element - 1]->pCertContext;
-            blobs.push_back({certificate.cbCertEncoded, certificate.pbCertEncoded});
-        }
-    }
-    return blobs;
-}
-
 CryptMessage openMessage(std::vector<CERT_BLOB>& certificates) {
     CMSG_SIGNED_ENCODE_INFO info = {};
     info.cbSize = sizeof info;
@@ -149,6 +136,18 @@ std::vector<std::size_t> orderCertificateChain(std::size_t leaf, TokenCertificat
             return chain;
         }
     }
+}
+
+std::vector<CERT_BLOB> rootFirst(const CERT_CHAIN_CONTEXT& chain) {
+    std::vector<CERT_BLOB> blobs;
+    for (DWORD i = 0; i < chain.cChain; ++i) {
+        const CERT_SIMPLE_CHAIN& simple = *chain.rgpChain[i];
+        for (DWORD element = simple.cElement; element > 0; --element) {
+            const CERT_CONTEXT& certificate = *simple.rgpElement[element - 1]->pCertContext;
+            blobs.push_back({certificate.cbCertEncoded, certificate.pbCertEncoded});
+        }
+    }
+    return blobs;
 }
 
 BOOL BuildCertificateChain(const std::vector<std::size_t>& chain, TokenCertificates& certificates, BYTE* pbData,
