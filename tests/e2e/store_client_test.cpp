@@ -1,0 +1,48 @@
+// An application that knows a certificate of the user's store and nothing of the provider.
+#include "e2e/objects.h"
+
+namespace e2e {
+namespace {
+
+class StoreClient : public Tokens {
+  protected:
+    void TearDown() override {
+        if (certificate_) {
+            EXPECT_TRUE(CertDeleteCertificateFromStore(certificate_));
+        }
+        EXPECT_TRUE(CertCloseStore(store_, 0));
+        Tokens::TearDown();
+    }
+    void addToStore(const Bytes& der, const std::string& container) {
+        ASSERT_TRUE(CertAddEncodedCertificateToStore(store_, X509_ASN_ENCODING, der.data(),
+                                                     static_cast<DWORD>(der.size()), CERT_STORE_ADD_REPLACE_EXISTING,
+                                                     &certificate_));
+        std::wstring name(container.begin(), container.end());
+        std::wstring provider(std::begin(providerName), std::end(providerName) - 1);
+        CRYPT_KEY_PROV_INFO info{name.data(), provider.data(), PROV_RSA_FULL, 0, 0, nullptr, AT_SIGNATURE};
+        ASSERT_TRUE(CertSetCertificateContextProperty(certificate_, CERT_KEY_PROV_INFO_PROP_ID, 0, &info));
+    }
+
+  private:
+    HCERTSTORE store_ = CertOpenSystemStoreA(0, "MY");
+    PCCERT_CONTEXT certificate_ = nullptr;
+};
+
+TEST_F(StoreClient, SignsWithTheTokensKeyAndIsAskedForOnePin) {
+    makeKeyPair(token(), TALVIK_KEY_RSA_2048, TALVIK_USAGE_BOTH);  // not the one that is meant
+    const TalvikKeyPair pair = makeKeyPair(token(), TALVIK_KEY_RSA_2048, TALVIK_USAGE_BOTH);
+    writePem(publicKeyBlob(Bytes(pair.modulus, pair.modulus + 256)), "public.pem");
+    run("req -new -newkey rsa:2048 -nodes -keyout other.key -subj /CN=StoreClient -out request");
+    run("x509 -req -in request -days 2 -signkey other.key -force_pubkey public.pem -outform DER -out der");
+    ASSERT_NO_FATAL_FAILURE(addToStore(read("der"), containerOf(pair)));
+
+    for (const char* name : {"first", "second"}) {
+        EXPECT_EQ(Role("client", name).wait(), 0u);
+        write("signature", reversed(read(std::string("signature-") + name)));
+        write("data", bytesOf(name));
+        run("dgst -sha256 -verify public.pem -signature signature data");
+    }
+}
+
+}  // namespace
+}  // namespace e2e
