@@ -128,6 +128,30 @@ chain_holds_signer_and_ca() {
         grep -q "subject=.*CN = Throw-away CA" <<<"$subjects"
 }
 
+# Wine's CNG loads no key storage provider: a stand-in for that part of the system lies beside the program.
+register_cng() {
+    scripts/wine-run reg add \
+        'HKLM\SYSTEM\CurrentControlSet\Control\Cryptography\Providers\Talvik Cryptographic Provider CSP\UM' \
+        /v Image /d TalvikCSP.dll /f /reg:64
+}
+
+sign_with_cng() {
+    mkdir -p "$(dirname "$(log_folder)")/talvik_cng_demo.exe"
+    TALVIK_DEMO_PIN=$pin WINEDLLOVERRIDES="mscoree,mshtml,winemenubuilder.exe=;ncrypt=n" timeout 120 \
+        scripts/wine-run "$bin/ncrypt/talvik_cng_demo.exe" "$(windows_path "$file")" "$(windows_path "$out")" |
+        tr -d '\r'
+}
+
+verify_pss() {
+    openssl dgst -sha256 -sigopt rsa_padding_mode:pss -sigopt rsa_pss_saltlen:32 -keyform DER \
+        -verify <(openssl rsa -RSAPublicKey_in -inform DER -in "$out/rsa-public.der" -pubout -outform DER 2>/dev/null) \
+        -signature "$out/pss.sig" "$file"
+}
+
+verify_ecdsa() {
+    openssl dgst -sha256 -keyform DER -verify "$out/ec-public.der" -signature "$out/ecdsa.sig" "$file"
+}
+
 # The log of the run itself: the folders are made in advance, since the log loses a line for each one that it makes.
 log_folder() { echo "$WINEPREFIX/drive_c/users/$(id -un)/Temp/Quorvel/talvik_demo.exe"; }
 finish() {
@@ -170,7 +194,7 @@ rm -rf "$out"
 mkdir -p "$state" "$out"
 
 say "Preparing (the first time takes some minutes)"
-step "build" scripts/build TalvikCSP TalvikDSCLibrary talvik talvik_demo
+step "build" scripts/build TalvikCSP TalvikDSCLibrary talvik talvik_demo talvik_cng_demo ncrypt_stand_in
 step "Wine prefix with the provider in its system folder" scripts/register-csp "$bin"
 step "provider log at DEBUG" scripts/log-level 3
 step "virtual token $token_id, PIN $pin" create_token
@@ -197,11 +221,18 @@ else
     run_program "${TALVIK_DEMO_PATIENCE:-120}"
 fi
 cp "$(log_folder)"/*.LOG "$out/"
+
+say "Signing it once more through CNG (with a stand-in for the part of CNG that Wine lacks)"
+step "the provider in CNG's list" register_cng
+sign_with_cng || fail "the CNG program failed"
+
 openssl x509 -inform DER -in "$state/signer.der" -out "$out/signer.pem"
 
 say "Checking"
 step "openssl cms -verify accepts the signature" verify "$file"
 step "openssl cms -verify refuses it for a changed file" changed_file_is_refused
+step "openssl dgst accepts the RSA-PSS signature" verify_pss
+step "openssl dgst accepts the ECDSA signature" verify_ecdsa
 step "openssl pkcs7 finds signer and authority in the chain" chain_holds_signer_and_ca
 openssl pkcs7 -inform DER -in "$out/chain.p7b" -print_certs -noout | sed -n 's/^subject=/    /p'
 step "what was in the envelope is the file" opened_is_the_file
@@ -209,4 +240,4 @@ rm "$out/opened"
 
 say "Left in out/demo"
 (cd "$out" && wc -c -- * | sed '$d')
-say "OK: $(basename "$file") is signed by a key on the token and the signature verifies; its envelope was opened by another."
+say "OK: $(basename "$file") is signed by keys on the token and the signatures verify; its envelope was opened by another key."
