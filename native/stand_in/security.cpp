@@ -31,3 +31,12 @@ BOOL WINAPI MakeSelfRelativeSD(PSECURITY_DESCRIPTOR absolute, PSECURITY_DESCRIPT
     std::memcpy(selfRelative, &relative, sizeof relative);
     return TRUE;
 }
+
+BOOL WINAPI GetSecurityDescriptorDacl(PSECURITY_DESCRIPTOR selfRelative, LPBOOL present, PACL* list, LPBOOL defaulted) {
+    SECURITY_DESCRIPTOR_RELATIVE relative;
+    std::memcpy(&relative, selfRelative, sizeof relative);
+    *present = (relative.Control & SE_DACL_PRESENT) != 0 ? TRUE : FALSE;
+    *defaulted = (relative.Control & SE_DACL_DEFAULTED) != 0 ? TRUE : FALSE;
+    *list = relative.Dacl == 0 ? nullptr : reinterpret_cast<PACL>(static_cast<char*>(selfRelative) + relative.Dacl);
+    return TRUE;
+}
