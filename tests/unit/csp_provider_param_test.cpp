@@ -310,7 +310,16 @@ TEST_F(CspProviderParamTest, ChainsAreFoundByThePublicKey) {
     scripted::next("talvik_getCertificateDetails", {.output = modulusOf(one)});
     expectFailure(get(PP_CERTCHAIN, 200), NTE_NO_KEY, head(9) + match(ONE) + missing,
                   lists + Lines{details("01"), details("02")});
-    scripted::next("talvik_getCertificateDetails", {.output = bytes(255)});
+    // All of the modulus counts.
+    Bytes almost = modulusOf(two);
+    almost.back() ^= 1;
+    for (const Bytes& other : {almost, Bytes(almost.begin(), almost.end() - 1)}) {
+        scripted::next("talvik_getCertificateDetails", {.output = other});
+        scripted::next("talvik_getCertificateDetails", {.output = Bytes{}});
+        expectFailure(get(PP_CERTCHAIN, 200), NTE_NO_KEY, head(9) + missing,
+                      lists + Lines{details("01"), details("02")});
+    }
+    scripted::next("talvik_getCertificateDetails", {.output = almost});
     scripted::next("talvik_getCertificateDetails", {.output = modulusOf(two)});
     expectFailure(get(PP_CERTCHAIN, 200), NTE_BAD_KEY,
                   head(9) + match(TWO) + Lines{"ERROR Failed creating leaf certificate"},
