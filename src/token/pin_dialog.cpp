@@ -1,5 +1,7 @@
 #include "token/pin_dialog.h"
 
+#include <mutex>
+
 #include "log/log.h"
 #include "module.h"
 #include "resources/resource.h"
@@ -11,8 +13,14 @@ constexpr LRESULT shortestPin = 4;
 constexpr LRESULT longestPin = 63;
 constexpr int pinBufferSize = 256;
 
-// One for the process: the dialog is modal.
+// One for the process: the dialog is modal. Two threads may show it at the same moment all the same.
+std::mutex enteredPinLock;
 SecretText enteredPin;
+
+void keepEnteredPin(SecretText pin) {
+    const std::lock_guard guard(enteredPinLock);
+    enteredPin = std::move(pin);
+}
 
 void enableLogin(HWND dialog, bool enable) {
     EnableWindow(GetDlgItem(dialog, IDOK), enable ? TRUE : FALSE);
@@ -26,8 +34,21 @@ void onPinChanged(HWND dialog) {
 void takePin(HWND dialog) {
     char pin[pinBufferSize] = {};
     GetDlgItemTextA(dialog, IDC_USER_PIN, pin, sizeof pin);
-    enteredPin = SecretText(pin);
+    keepEnteredPin(SecretText(pin));
     SecureZeroMemory(pin, sizeof pin);
+}
+
+// The edit control releases its text as it is; what it releases then is as many asterisks.
+void blotOut(HWND dialog) {
+    const LRESULT length = SendDlgItemMessageA(dialog, IDC_USER_PIN, WM_GETTEXTLENGTH, 0, 0);
+    const std::string filler(static_cast<std::size_t>(length), '*');
+    SetDlgItemTextA(dialog, IDC_USER_PIN, filler.c_str());
+    SendDlgItemMessageA(dialog, IDC_USER_PIN, EM_EMPTYUNDOBUFFER, 0, 0);
+}
+
+void endDialog(HWND dialog) {
+    blotOut(dialog);
+    EndDialog(dialog, 0);
 }
 
 INT_PTR onCommand(HWND dialog, WORD control, WORD notification) {
@@ -41,12 +62,12 @@ INT_PTR onCommand(HWND dialog, WORD control, WORD notification) {
             takePin(dialog);
             break;
         case IDCANCEL:
-            enteredPin.clear();
+            forgetEnteredPin();
             break;
         default:
             break;
     }
-    EndDialog(dialog, 0);
+    endDialog(dialog);
     return TRUE;
 }
 
@@ -58,7 +79,7 @@ INT_PTR CALLBACK pinDialogProcedure(HWND dialog, UINT message, WPARAM wParam, LP
         case WM_COMMAND:
             return onCommand(dialog, LOWORD(wParam), HIWORD(wParam));
         case WM_CLOSE:
-            EndDialog(dialog, 0);
+            endDialog(dialog);
             return TRUE;
         default:
             return FALSE;
@@ -69,7 +90,7 @@ INT_PTR CALLBACK pinDialogProcedure(HWND dialog, UINT message, WPARAM wParam, LP
 
 void showPinDialog(HWND owner) {
     logDebug("Password dialog show window");
-    enteredPin.clear();
+    forgetEnteredPin();
     logDebug("Password dialog show window before");
     const INT_PTR result =
         DialogBoxParamA(moduleInstance(), MAKEINTRESOURCEA(IDD_VERIFY_USER_PIN), owner, pinDialogProcedure, 0);
@@ -80,7 +101,12 @@ void showPinDialog(HWND owner) {
 }
 
 SecretText getEnteredPin() {
+    const std::lock_guard guard(enteredPinLock);
     return enteredPin;
+}
+
+void forgetEnteredPin() {
+    keepEnteredPin({});
 }
 
 void showTokenMessage(const char* message) {
