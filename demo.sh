@@ -2,8 +2,8 @@
 # Shows the provider at work on a fresh Debian 12 machine: ./demo.sh [--dialog] [--fresh] [FILE]
 #
 # Builds the provider, installs it with a virtual token in a Wine prefix of its own, has an ordinary CryptoAPI program
-# enrol a key on the token and sign FILE with it, and checks the signature with openssl. Run again, it signs with the
-# same key and certificate.
+# enrol two keys on the token, sign FILE with the one and open FILE's envelope with the other, and checks it all with
+# openssl. Run again, it works with the same keys and certificates.
 #   --dialog  show the provider's PIN dialog and wait for a person to type the PIN
 #   --fresh   start with a new token and a new certification authority
 set -euo pipefail
@@ -49,37 +49,64 @@ create_ca() {
     mv "$state/ca.new" "$state/ca"
 }
 
+# The authority's own certificate, for the chain.
+store_ca() {
+    talvik token show "$token_id" | grep -q "Throw-away CA" ||
+        talvik token import-cert "$token_id" "$(windows_path "$state/ca/ca.pem")" --label "Throw-away CA" --pin "$pin"
+}
+
+# issue_certificate USAGE [OPTION...]: for the key that signed the request, or the one that an option names.
 issue_certificate() {
-    openssl req -inform DER -in "$state/request.der" -verify -noout
-    printf '%s\n' "basicConstraints=CA:FALSE" "keyUsage=critical,digitalSignature,nonRepudiation" \
-        "extendedKeyUsage=emailProtection" >"$state/ca/extensions"
+    local usage=$1
+    shift
+    openssl req -inform DER -in "$state/request.der" -verify -noout || return
+    printf '%s\n' "basicConstraints=CA:FALSE" "keyUsage=critical,$usage" "extendedKeyUsage=emailProtection" \
+        >"$state/ca/extensions"
     openssl x509 -req -inform DER -in "$state/request.der" -CA "$state/ca/ca.pem" -CAkey "$state/ca/ca.key" \
-        -set_serial "0x$(openssl rand -hex 15)" -days 825 -sha256 -extfile "$state/ca/extensions" \
+        -set_serial "0x$(openssl rand -hex 15)" -days 825 -sha256 -extfile "$state/ca/extensions" "$@" \
         -outform DER -out "$state/certificate.der"
 }
 
-# The signing program, with the certification authority at its other end: ">issue" asks for the certificate.
-sign() {
+encrypt_to_recipient() {
+    openssl x509 -inform DER -in "$state/recipient.der" -out "$out/recipient.pem"
+    openssl cms -encrypt -binary -aes256 -in "$file" -outform DER -out "$out/envelope.p7m" "$out/recipient.pem"
+}
+
+# What the program asks for.
+answer() {
+    case $1 in
+        ">issue signer")
+            step "openssl: the CA checks the request and issues the certificate" \
+                issue_certificate digitalSignature,nonRepudiation ;;
+        ">issue recipient")
+            step "openssl: the CA issues a certificate for the exchange key" \
+                issue_certificate keyEncipherment -force_pubkey "$state/exchange-key.der" -keyform DER ;;
+        ">encrypt")
+            step "openssl cms -encrypt: the file, AES-256, for that certificate" encrypt_to_recipient ;;
+        *) fail "the program asks for $1" ;;
+    esac
+}
+
+# The program, with those at its other end whom it deals with.
+run_program() {
     local patience=$1 line status=0
     coproc PROGRAM {
         timeout "$patience" scripts/wine-run "$bin/demo/talvik_demo.exe" "$(windows_path "$file")" \
-            "$(windows_path "$out/signature.p7s")" "$(windows_path "$state")"
+            "$(windows_path "$state")" "$(windows_path "$out")"
     }
     local program=$PROGRAM_PID answers=${PROGRAM[0]} questions=${PROGRAM[1]}
     exec 3<&"$answers" 4>&"$questions"
     while IFS= read -r line <&3; do
         line=${line%$'\r'}
-        if [ "$line" = ">issue" ]; then
-            step "openssl: the CA checks the request and issues the certificate" issue_certificate
-            echo issued >&4
-        else
-            echo "$line"
-        fi
+        case $line in
+            ">"*) answer "$line" && echo answered >&4 ;;
+            *) echo "$line" ;;
+        esac
     done
     wait "$program" || status=$?
     exec 3<&- 4>&-
     [ "$status" -ne 124 ] || fail "no PIN within $patience seconds"
-    [ "$status" -eq 0 ] || fail "the signing program failed; see $out for the provider's log"
+    [ "$status" -eq 0 ] || fail "the program failed; see $out for the provider's log"
 }
 
 verify() {
@@ -89,6 +116,40 @@ verify() {
 changed_file_is_refused() {
     { cat "$file"; echo changed; } >"$state/changed"
     ! verify "$state/changed" || { echo "openssl accepted the signature for a changed file"; return 1; }
+}
+
+opened_is_the_file() { cmp "$file" "$out/opened"; }
+
+chain_holds_signer_and_ca() {
+    local subjects
+    subjects=$(openssl pkcs7 -inform DER -in "$out/chain.p7b" -print_certs -noout)
+    echo "$subjects"
+    grep -q "subject=.*CN = Talvik Demo Signer" <<<"$subjects" &&
+        grep -q "subject=.*CN = Throw-away CA" <<<"$subjects"
+}
+
+# Wine's CNG loads no key storage provider: a stand-in for that part of the system lies beside the program.
+register_cng() {
+    scripts/wine-run reg add \
+        'HKLM\SYSTEM\CurrentControlSet\Control\Cryptography\Providers\Talvik Cryptographic Provider CSP\UM' \
+        /v Image /d TalvikCSP.dll /f /reg:64
+}
+
+sign_with_cng() {
+    mkdir -p "$(dirname "$(log_folder)")/talvik_cng_demo.exe"
+    TALVIK_DEMO_PIN=$pin WINEDLLOVERRIDES="mscoree,mshtml,winemenubuilder.exe=;ncrypt=n" timeout 120 \
+        scripts/wine-run "$bin/ncrypt/talvik_cng_demo.exe" "$(windows_path "$file")" "$(windows_path "$out")" |
+        tr -d '\r'
+}
+
+verify_pss() {
+    openssl dgst -sha256 -sigopt rsa_padding_mode:pss -sigopt rsa_pss_saltlen:32 -keyform DER \
+        -verify <(openssl rsa -RSAPublicKey_in -inform DER -in "$out/rsa-public.der" -pubout -outform DER 2>/dev/null) \
+        -signature "$out/pss.sig" "$file"
+}
+
+verify_ecdsa() {
+    openssl dgst -sha256 -keyform DER -verify "$out/ec-public.der" -signature "$out/ecdsa.sig" "$file"
 }
 
 # The log of the run itself: the folders are made in advance, since the log loses a line for each one that it makes.
@@ -133,16 +194,17 @@ rm -rf "$out"
 mkdir -p "$state" "$out"
 
 say "Preparing (the first time takes some minutes)"
-step "build" scripts/build TalvikCSP TalvikDSCLibrary talvik talvik_demo
+step "build" scripts/build TalvikCSP TalvikDSCLibrary talvik talvik_demo talvik_cng_demo ncrypt_stand_in
 step "Wine prefix with the provider in its system folder" scripts/register-csp "$bin"
 step "provider log at DEBUG" scripts/log-level 3
 step "virtual token $token_id, PIN $pin" create_token
 step "throw-away certification authority" create_ca
+step "the authority's certificate on the token" store_ca
 cp "$state/ca/ca.pem" "$out/ca.pem"
 rm -rf "$(log_folder)"
 mkdir -p "$(log_folder)"
 
-say "Signing $file"
+say "Signing $file, and opening what was encrypted from it"
 if [ "$dialog" = yes ]; then
     scripts/wine-graphics "$([ "${TALVIK_DEMO_OWN_DISPLAY:-}" = yes ] && echo bare || echo x11)"
     echo "  The PIN dialog appears on display $DISPLAY: type $pin there and press Login."
@@ -152,19 +214,30 @@ if [ "$dialog" = yes ]; then
         echo "    import -window root dialog.png      # to see it"
         echo "    xdotool type $pin; xdotool key Return   # to answer it"
     fi
-    sign "${TALVIK_DEMO_PATIENCE:-600}"
+    run_program "${TALVIK_DEMO_PATIENCE:-600}"
 else
     scripts/wine-graphics null
     export TALVIK_DEMO_PIN=$pin
-    sign "${TALVIK_DEMO_PATIENCE:-120}"
+    run_program "${TALVIK_DEMO_PATIENCE:-120}"
 fi
 cp "$(log_folder)"/*.LOG "$out/"
+
+say "Signing it once more through CNG (with a stand-in for the part of CNG that Wine lacks)"
+step "the provider in CNG's list" register_cng
+sign_with_cng || fail "the CNG program failed"
+
 openssl x509 -inform DER -in "$state/signer.der" -out "$out/signer.pem"
 
 say "Checking"
 step "openssl cms -verify accepts the signature" verify "$file"
 step "openssl cms -verify refuses it for a changed file" changed_file_is_refused
+step "openssl dgst accepts the RSA-PSS signature" verify_pss
+step "openssl dgst accepts the ECDSA signature" verify_ecdsa
+step "openssl pkcs7 finds signer and authority in the chain" chain_holds_signer_and_ca
+openssl pkcs7 -inform DER -in "$out/chain.p7b" -print_certs -noout | sed -n 's/^subject=/    /p'
+step "what was in the envelope is the file" opened_is_the_file
+rm "$out/opened"
 
 say "Left in out/demo"
 (cd "$out" && wc -c -- * | sed '$d')
-say "OK: $(basename "$file") is signed by a key on the token, and the signature verifies."
+say "OK: $(basename "$file") is signed by keys on the token and the signatures verify; its envelope was opened by another key."

@@ -15,6 +15,12 @@ std::string describe(const std::string& attempt, DWORD error) {
     return attempt + " failed" + code;
 }
 
+Context acquire(const char* container) {
+    Context context;
+    require(CryptAcquireContextA(context.put(), container, providerName, PROV_RSA_FULL, 0), "CryptAcquireContext");
+    return context;
+}
+
 }  // namespace
 
 Failure::Failure(const std::string& attempt, DWORD error) : std::runtime_error(describe(attempt, error)) {}
@@ -25,10 +31,37 @@ void require(BOOL succeeded, const char* attempt) {
     }
 }
 
-Context acquireContext() {
-    Context context;
-    require(CryptAcquireContextA(context.put(), nullptr, providerName, PROV_RSA_FULL, 0), "CryptAcquireContext");
-    return context;
+namespace {
+
+// Names of the token's key containers.
+std::vector<std::string> containers() {
+    const Context context = acquire(nullptr);
+    std::vector<std::string> names;
+    for (DWORD which = CRYPT_FIRST;; which = CRYPT_NEXT) {
+        char name[MAX_PATH];
+        DWORD length = sizeof name;
+        if (!CryptGetProvParam(context.get(), PP_ENUMCONTAINERS, reinterpret_cast<BYTE*>(name), &length, which)) {
+            require(GetLastError() == ERROR_NO_MORE_ITEMS, "CryptGetProvParam(PP_ENUMCONTAINERS)");
+            return names;
+        }
+        names.emplace_back(name);
+    }
+}
+
+}  // namespace
+
+Context acquireContext(DWORD keySpec) {
+    for (const std::string& name : containers()) {
+        Context context = acquire(name.c_str());
+        DWORD found = 0;
+        DWORD length = sizeof found;
+        require(CryptGetProvParam(context.get(), PP_KEYSPEC, reinterpret_cast<BYTE*>(&found), &length, 0),
+                "CryptGetProvParam(PP_KEYSPEC)");
+        if (found == keySpec) {
+            return context;
+        }
+    }
+    return acquire(nullptr);
 }
 
 void presentPin(const Context& context, const char* pin) {
@@ -50,6 +83,15 @@ Certificate parseCertificate(const Bytes& der) {
         CertCreateCertificateContext(X509_ASN_ENCODING, der.data(), static_cast<DWORD>(der.size())));
     require(certificate.get() != nullptr, "reading the certificate");
     return certificate;
+}
+
+Bytes content(const Message& message) {
+    DWORD length = 0;
+    require(CryptMsgGetParam(message.get(), CMSG_CONTENT_PARAM, 0, nullptr, &length), "CryptMsgGetParam");
+    Bytes der(length);
+    require(CryptMsgGetParam(message.get(), CMSG_CONTENT_PARAM, 0, der.data(), &length), "CryptMsgGetParam");
+    der.resize(length);
+    return der;
 }
 
 Bytes readFile(const std::wstring& path) {

@@ -58,14 +58,18 @@ using Key = Owned<HCRYPTKEY, CryptDestroyKey>;
 using Certificate = Owned<PCCERT_CONTEXT, CertFreeCertificateContext>;
 using Message = Owned<HCRYPTMSG, CryptMsgClose>;
 
-// A context of the provider on the attached token, bound to no container: the token's first signing key counts.
-Context acquireContext();
+// A context of the provider on the attached token's first key for AT_SIGNATURE or AT_KEYEXCHANGE; bound to no key when
+// there is none yet.
+Context acquireContext(DWORD keySpec);
 
 // Logs in to the token without a dialog. Throws when the token refuses the PIN.
 void presentPin(const Context& context, const char* pin);
 
 // DER of `structure` as CRYPT32's encoder named by `type` writes it.
 Bytes encode(LPCSTR type, const void* structure);
+
+// What a finished message holds: its content when it was decoded, its encoding when it was encoded.
+Bytes content(const Message& message);
 
 Certificate parseCertificate(const Bytes& der);
 

@@ -34,15 +34,6 @@ void feed(const Message& message, const std::wstring& path) {
     }
 }
 
-Bytes content(const Message& message) {
-    DWORD length = 0;
-    require(CryptMsgGetParam(message.get(), CMSG_CONTENT_PARAM, 0, nullptr, &length), "CryptMsgGetParam");
-    Bytes der(length);
-    require(CryptMsgGetParam(message.get(), CMSG_CONTENT_PARAM, 0, der.data(), &length), "CryptMsgGetParam");
-    der.resize(length);
-    return der;
-}
-
 }  // namespace
 
 Bytes signFile(const Context& context, const Bytes& signerCertificate, const std::wstring& path) {

@@ -19,12 +19,12 @@ Bytes encodedName(const char* name) {
 }
 
 // A CERT_PUBLIC_KEY_INFO whose pointers lie in the returned buffer.
-Bytes exportedPublicKey(const Context& context) {
+Bytes exportedPublicKey(const Context& context, DWORD keySpec) {
     DWORD length = 0;
-    require(CryptExportPublicKeyInfo(context.get(), AT_SIGNATURE, X509_ASN_ENCODING, nullptr, &length),
+    require(CryptExportPublicKeyInfo(context.get(), keySpec, X509_ASN_ENCODING, nullptr, &length),
             "CryptExportPublicKeyInfo");
     Bytes info(length);
-    require(CryptExportPublicKeyInfo(context.get(), AT_SIGNATURE, X509_ASN_ENCODING,
+    require(CryptExportPublicKeyInfo(context.get(), keySpec, X509_ASN_ENCODING,
                                      reinterpret_cast<CERT_PUBLIC_KEY_INFO*>(info.data()), &length),
             "CryptExportPublicKeyInfo");
     return info;
@@ -33,10 +33,8 @@ Bytes exportedPublicKey(const Context& context) {
 // CertificationRequestInfo of RFC 2986, put together from its parts: not every CRYPT32 can encode a
 // CERT_REQUEST_INFO as a whole.
 Bytes requestInfo(const Context& context, const char* subject) {
-    const Bytes publicKey = exportedPublicKey(context);
     const int version = CERT_REQUEST_V1;
-    Bytes parts[] = {encode(X509_INTEGER, &version), encodedName(subject),
-                     encode(X509_PUBLIC_KEY_INFO, publicKey.data()),
+    Bytes parts[] = {encode(X509_INTEGER, &version), encodedName(subject), publicKey(context, AT_SIGNATURE),
                      Bytes(std::begin(noAttributes), std::end(noAttributes))};
     CRYPT_DER_BLOB blobs[std::size(parts)];
     for (std::size_t i = 0; i < std::size(parts); ++i)
@@ -47,22 +45,26 @@ Bytes requestInfo(const Context& context, const char* subject) {
 
 }  // namespace
 
-std::optional<Key> findSigningKey(const Context& context) {
+std::optional<Key> findKey(const Context& context, DWORD keySpec) {
     Key key;
-    if (CryptGetUserKey(context.get(), AT_SIGNATURE, key.put())) {
+    if (CryptGetUserKey(context.get(), keySpec, key.put())) {
         return key;
     }
     const DWORD error = GetLastError();
-    if (error == static_cast<DWORD>(NTE_NO_KEY)) {
-        return std::nullopt;
+    if (error == static_cast<DWORD>(NTE_NO_KEY) || error == static_cast<DWORD>(NTE_BAD_KEY)) {
+        return std::nullopt;  // no key at all, or none of this kind
     }
     throw Failure("CryptGetUserKey", error);
 }
 
-Key generateSigningKey(const Context& context) {
+Key generateKey(const Context& context, ALG_ID algorithm) {
     Key key;
-    require(CryptGenKey(context.get(), CALG_RSA_SIGN, rsa2048, key.put()), "CryptGenKey");
+    require(CryptGenKey(context.get(), algorithm, rsa2048, key.put()), "CryptGenKey");
     return key;
+}
+
+Bytes publicKey(const Context& context, DWORD keySpec) {
+    return encode(X509_PUBLIC_KEY_INFO, exportedPublicKey(context, keySpec).data());
 }
 
 Bytes certificateRequest(const Context& context, const char* subject) {
@@ -103,11 +105,21 @@ void storeCertificate(const Key& key, const Bytes& certificate) {
     require(CryptSetKeyParam(key.get(), KP_CERTIFICATE, certificate.data(), 0), "CryptSetKeyParam(KP_CERTIFICATE)");
 }
 
-bool certifiesSigningKey(const Context& context, const Bytes& certificate) {
-    Bytes publicKey = exportedPublicKey(context);
+bool certifiesKey(const Context& context, DWORD keySpec, const Bytes& certificate) {
+    Bytes publicKey = exportedPublicKey(context, keySpec);
     const Certificate parsed = parseCertificate(certificate);
     return CertComparePublicKeyInfo(X509_ASN_ENCODING, &parsed.get()->pCertInfo->SubjectPublicKeyInfo,
                                     reinterpret_cast<CERT_PUBLIC_KEY_INFO*>(publicKey.data()));
+}
+
+Bytes certificateChain(const Context& context) {
+    DWORD length = 0;
+    require(CryptGetProvParam(context.get(), PP_CERTCHAIN, nullptr, &length, 0), "CryptGetProvParam(PP_CERTCHAIN)");
+    Bytes message(length);
+    require(CryptGetProvParam(context.get(), PP_CERTCHAIN, message.data(), &length, 0),
+            "CryptGetProvParam(PP_CERTCHAIN)");
+    message.resize(length);
+    return message;
 }
 
 }  // namespace demo

@@ -6,8 +6,8 @@ namespace {
 HINSTANCE instanceHandle = nullptr;
 
 // Keeps the module loaded until the process ends. The system frees a CryptoAPI provider with an application's last
-// context, and after an acquisition that failed; but validated PINs outlive the contexts, the monitor thread must not lose
-// its code and cannot be joined inside the unload notification, and the thread library that is linked in takes a
+// context, and after an acquisition that failed; but validated PINs outlive the contexts, the monitor thread must not
+// lose its code and cannot be joined inside the unload notification, and the thread library that is linked in takes a
 // thread-local slot at each load that it never gives back.
 void pin(HINSTANCE instance) noexcept {
     HMODULE pinned = nullptr;

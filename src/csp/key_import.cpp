@@ -100,6 +100,7 @@ Outcome importSessionKey(const Import& import) {
 // --- public keys -----------------------------------------------------------------------------------------------------
 
 constexpr std::uint32_t rsaSizes[] = {1024, 2048, 3072, 4096};  // the handle's algId is the place in this list, from 1
+static_assert(sizeof KEY_HANDLE::publicKey >= 550, "the DER form of the longest of them");
 
 Outcome importPublicKey(const Import& import) {
     const BlobReader& blob = import.blob;
@@ -113,23 +114,17 @@ Outcome importPublicKey(const Import& import) {
         return fail(NTE_BAD_DATA, "CPImportKey PUBLICKEYBLOB: size mismatch, cbDataLen=", blob.size(),
                     " required=", BLOB_RSA_MODULUS + modulusSize);
     }
-    std::unique_ptr<KEY_HANDLE> key = newKey();
-    if (modulusSize > sizeof key->publicKey) {
-        return fail(NTE_BAD_KEY, "CPImportKey: public key too long, modulus length=", modulusSize);
-    }
     const Bytes modulus = reverseBytes(blob.from(BLOB_RSA_MODULUS).first(modulusSize));
     const Bytes exponent = uintToBigEndianBytes(static_cast<std::int32_t>(blob.wordAt(BLOB_RSA_EXPONENT)), 3);
     logDebug("Public exponent : ", HexBytes{exponent.data(), static_cast<int>(exponent.size())});
     const Bytes der = buildRsaPublicKeyDerFromBytes(modulus, exponent);
-    if (der.size() > sizeof key->publicKey) {
-        return fail(NTE_BAD_KEY, "CPImportKey: public key too long, DER length=", der.size());
-    }
-    std::copy(der.begin(), der.end(), key->publicKey);
-    key->publicKeyLen = static_cast<std::uint32_t>(der.size());
     const auto* const size = std::find(std::begin(rsaSizes), std::end(rsaSizes), bits);
     if (size == std::end(rsaSizes)) {
         return fail(NTE_BAD_DATA, "Unsupported RSA key size");
     }
+    std::unique_ptr<KEY_HANDLE> key = newKey();
+    std::copy(der.begin(), der.end(), key->publicKey);
+    key->publicKeyLen = static_cast<std::uint32_t>(der.size());
     key->algId = static_cast<std::uint32_t>(size - std::begin(rsaSizes)) + 1;
     handOver(std::move(key), import.phKey);
     logDebug("PUBLICKEYBLOB imported successfully");

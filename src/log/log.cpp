@@ -141,6 +141,7 @@ PathBuffer logFolder() {
     return path;
 }
 
+// Only under the log mutex: other C libraries than this one's share localtime's buffer between threads.
 void appendFileNameOfToday(PathBuffer& path) {
     char name[32] = {};
     const std::time_t now = std::time(nullptr);
@@ -179,9 +180,8 @@ void appendLine(int level, const std::string& message) {
     // A walk that has just made a folder means a log that cannot be written yet: the next line, or the one after it,
     // finds its folder complete.
     const bool folderIsReady = Utils().createLogFolder(path.data()) != -1;
+    const std::unique_lock writing(logMutex, longestWait);
     appendFileNameOfToday(path);
-
-    std::unique_lock writing(logMutex, longestWait);
     if (folderIsReady) {
         LogFile file(path.data());
         if (file.isOpen()) {

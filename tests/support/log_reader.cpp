@@ -77,7 +77,7 @@ std::string useOwnTemporaryFolder(bool logFolders) {
     static const std::string base = temporaryFolder();
     static int made = 0;
     const std::string folder =
-        base + "talvik-test-" + std::to_string(GetCurrentProcessId()) + "-" + std::to_string(++made) + "\\";
+        base + "talvik-test-" + std::to_string(GetCurrentProcessId()) + "-" + std::to_string(++made) + "/";
     fs::remove_all(folder);
     fs::create_directories(folder);
     SetEnvironmentVariableA("TMP", folder.c_str());
@@ -90,7 +90,7 @@ std::string useOwnTemporaryFolder(bool logFolders) {
 std::string logFolder() {
     char program[MAX_PATH + 1] = {};
     K32GetModuleBaseNameA(GetCurrentProcess(), nullptr, program, sizeof program);
-    return temporaryFolder() + "Quorvel\\" + program + "\\";
+    return temporaryFolder() + "Quorvel/" + program + "/";
 }
 
 void LogReader::mark() {

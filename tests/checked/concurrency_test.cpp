@@ -1,0 +1,177 @@
+// Many threads of one application on both faces at once, each with handles of its own, while what they share changes
+// under them: the session entries, the initialisation vector, the process-wide switches, the PIN. There is little to
+// expect of the results; the thread sanitizer is what watches.
+#include <windows.h>
+
+#include <wincrypt.h>
+
+#include <atomic>
+#include <functional>
+#include <gtest/gtest.h>
+#include <thread>
+#include <vector>
+
+#include "csp/entry_points.h"
+#include "ksp/entry_points.h"
+#include "stand_in/desktop.h"
+#include "support/log_reader.h"
+#include "support/scripted_library.h"
+#include "token/device_monitor.h"
+#include "token/session.h"
+
+namespace {
+
+constexpr int ROUNDS = 200;
+constexpr char NAME[] = "11111111111111111111111111111111";
+
+HCRYPTPROV acquire() {
+    static int table;
+    HCRYPTPROV context = 0;
+    EXPECT_TRUE(CPAcquireContext(&context, NAME, 0, reinterpret_cast<VTableProvStruc*>(&table)));
+    return context;
+}
+
+void signs() {
+    const HCRYPTPROV context = acquire();
+    HCRYPTHASH hash = 0;
+    BYTE data[600] = {};
+    DWORD size = sizeof data;
+    EXPECT_TRUE(CPCreateHash(context, CALG_SHA_256, 0, 0, &hash));
+    EXPECT_TRUE(CPHashData(context, hash, data, 100, 0));
+    EXPECT_TRUE(CPSignHash(context, hash, AT_SIGNATURE, nullptr, 0, data, &size));
+    EXPECT_EQ(size, 256u);
+    EXPECT_TRUE(CPVerifySignature(context, hash, data, size, 0, nullptr, 0));
+    EXPECT_TRUE(CPDestroyHash(context, hash));
+    EXPECT_TRUE(CPReleaseContext(context, 0));
+}
+
+void encrypts() {
+    const HCRYPTPROV context = acquire();
+    const BYTE blob[12 + 256] = {SIMPLEBLOB, 2, 0, 0, 0x10, 0x66, 0, 0, 0, 0xA4};
+    const DWORD usesHardware = 1;
+    HCRYPTKEY key = 0, sessionKey = 0;
+    BYTE data[600] = {};
+    DWORD size = 32;
+    EXPECT_TRUE(CPGetProvParam(context, PP_CONTAINER, data, &(size = sizeof data), 0));
+    EXPECT_TRUE(CPSetProvParam(context, PP_USE_HARDWARE_RNG, reinterpret_cast<const BYTE*>(&usesHardware), 0));
+    EXPECT_TRUE(CPGenRandom(context, 32, data));
+    EXPECT_TRUE(CPGetUserKey(context, AT_KEYEXCHANGE, &key));
+    EXPECT_TRUE(CPImportKey(context, blob, sizeof blob, key, 0, &sessionKey));
+    EXPECT_TRUE(CPSetKeyParam(context, sessionKey, KP_IV, data, 0));
+    EXPECT_TRUE(CPEncrypt(context, sessionKey, 0, TRUE, 0, data, &(size = 16), sizeof data));
+    EXPECT_TRUE(CPDecrypt(context, sessionKey, 0, TRUE, 0, data, &size));
+    EXPECT_TRUE(CPDestroyKey(context, sessionKey));
+    EXPECT_TRUE(CPDestroyKey(context, key));
+    EXPECT_TRUE(CPReleaseContext(context, 0));
+}
+
+void usesKeyStorage() {
+    NCRYPT_PROV_HANDLE provider = 0;
+    NCRYPT_KEY_HANDLE key = 0;
+    BYTE data[600] = {};
+    DWORD size = 0;
+    EXPECT_EQ(KSPOpenProvider(&provider, L"", 0), ERROR_SUCCESS);
+    EXPECT_EQ(KSPOpenKey(provider, &key, std::wstring(NAME, NAME + 32).c_str(), 0, 0), ERROR_SUCCESS);
+    EXPECT_EQ(KSPSetKeyProperty(provider, key, L"IV", data, 16, 0), ERROR_SUCCESS);
+    EXPECT_EQ(KSPGetKeyProperty(provider, key, L"Name", data, sizeof data, &size, 0), ERROR_SUCCESS);
+    EXPECT_EQ(KSPSignHash(provider, key, nullptr, data, 32, data, sizeof data, &size, 0), ERROR_SUCCESS);
+    EXPECT_EQ(KSPDecrypt(provider, key, data, 256, nullptr, data, sizeof data, &size, 0), ERROR_SUCCESS);
+    EXPECT_EQ(KSPFreeKey(provider, key), ERROR_SUCCESS);
+    EXPECT_EQ(KSPFreeProvider(provider), ERROR_SUCCESS);
+}
+
+void generates() {
+    const HCRYPTPROV context = acquire();
+    HCRYPTKEY key = 0;
+    EXPECT_TRUE(CPGenKey(context, CALG_RSA_SIGN, 0, &key));
+    EXPECT_TRUE(CPDestroyKey(context, key));
+    EXPECT_TRUE(CPReleaseContext(context, 0));
+}
+
+void forgets() {
+    talvik::forgetDevicesExcept({});
+    talvik::clearDevicePassword("T1");
+}
+
+class Concurrency : public testing::Test {
+  protected:
+    Concurrency() {
+        setLogLevel(2);
+        scripted::reset();
+        talvik::forgetEverything();
+        scripted::always("talvik_finalHash", {.output = scripted::Bytes(32, 1)});
+        scripted::always("talvik_signHash", {.output = scripted::Bytes(256, 2)});
+        scripted::always("talvik_decrypt", {.output = scripted::Bytes(32, 3)});
+        scripted::always("talvik_encrypt_aes", {.output = scripted::Bytes(32, 4)});
+        scripted::always("talvik_decryptSymetric", {.output = scripted::Bytes(16, 5)});
+        scripted::generates(scripted::keyPair(0x11));
+    }
+
+    void attach(bool loggedIn) {
+        scripted::attach({{"T1", {scripted::tokenInfo("one", loggedIn), {scripted::keyPair(0x11)}, {}, {}}}});
+    }
+
+    void allAtOnce(const std::vector<std::function<void()>>& stories) {
+        std::vector<std::thread> threads;
+        for (const auto& story : stories)
+            threads.emplace_back([&story] {
+                for (int round = 0; round < ROUNDS; ++round)
+                    story();
+            });
+        for (std::thread& thread : threads)
+            thread.join();
+    }
+};
+
+TEST_F(Concurrency, BothFacesUnderSingleSignOn) {
+    attach(true);
+    allAtOnce({signs, encrypts, usesKeyStorage, generates, forgets, signs, usesKeyStorage});
+}
+
+TEST_F(Concurrency, ARememberedPinThatComesAndGoes) {
+    attach(true);
+    allAtOnce({signs, usesKeyStorage, encrypts, [] {
+                   talvik::setDevicePassword("T1", "12345678901234567890");
+                   talvik::clearDevicePassword("T1");
+               }});
+}
+
+// Each thread shows a dialog of its own; the entered PIN is one for the process.
+TEST_F(Concurrency, TwoDialogsAtOnce) {
+    struct : desktop::User {
+        void dialog(HWND window) override {
+            desktop::type(window, "12345678901234567890");
+            desktop::press(window, IDOK);
+        }
+        void message(const std::string&, const std::string&) override {}
+    } user;
+    attach(false);
+    desktop::seat(&user);
+    const auto prompts = [] {
+        NCRYPT_PROV_HANDLE provider = 0;
+        EXPECT_EQ(KSPOpenProvider(&provider, L"", 0), ERROR_SUCCESS);
+        KSPPromptUser(provider, 0, nullptr, 0);
+        talvik::clearDevicePassword("T1");
+        EXPECT_EQ(KSPFreeProvider(provider), ERROR_SUCCESS);
+    };
+    allAtOnce({prompts, prompts, prompts});
+    desktop::seat(nullptr);
+}
+
+TEST_F(Concurrency, TheLevelChangesWhileLinesAreWritten) {
+    attach(true);
+    allAtOnce({signs, usesKeyStorage, [] {
+                   for (const auto level : {std::optional<unsigned long>(3), std::optional<unsigned long>(0), {}})
+                       setLogLevel(level);
+               }});
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    testing::InitGoogleTest(&argc, argv);
+    useOwnTemporaryFolder();
+    const int result = RUN_ALL_TESTS();
+    talvik::stopDeviceMonitor();
+    return result;
+}

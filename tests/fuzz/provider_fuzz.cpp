@@ -1,0 +1,194 @@
+#include "fuzz/provider_fuzz.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "csp/hash.h"
+#include "csp/key.h"
+#include "ksp/key.h"
+#include "module.h"
+#include "stand_in/desktop.h"
+#include "token/session.h"
+#include "token/shared_state.h"
+
+namespace {
+
+// Types a PIN into a few dialogs of each run and cancels the others, lest a library that always refuses keeps a run
+// going for ever.
+struct PatientUser : desktop::User {
+    int patience = 0;
+
+    void dialog(HWND window) override {
+        if (patience-- > 0) {
+            desktop::type(window, "1234");
+            desktop::press(window, IDOK);
+        } else {
+            desktop::press(window, IDCANCEL);
+        }
+    }
+    void message(const std::string&, const std::string&) override {}
+};
+PatientUser user;
+
+void asFreshlyStarted() {
+    talvik::forgetEverything();
+    talvik::setSharedIv({});
+    talvik::containerQueried = false;
+    talvik::useHardwareRng = 1;
+    user.patience = 3;
+    lying::follow({});
+}
+
+// Logging is off: what is looked for is not in the log, and files would take most of the time.
+void prepareProcess() {
+    const DWORD silent = 0;
+    RegSetKeyValueA(HKEY_LOCAL_MACHINE, "Software\\Quorvel\\Talvik", "logLevel", REG_DWORD, &silent, sizeof silent);
+    talvik::recordModuleInstance(GetModuleHandleA(nullptr));
+    desktop::seat(&user);
+}
+
+Guarded name(Input& input, std::span<const wchar_t* const> known) {
+    const std::size_t choice = input.below(known.size() + 1);
+    if (choice == known.size()) {
+        return Guarded::text(input.takeBytes(input.below(64)), sizeof(wchar_t));
+    }
+    const std::wstring_view text = known[choice];
+    return Guarded::text({reinterpret_cast<const std::uint8_t*>(text.data()), text.size() * sizeof(wchar_t)},
+                         sizeof(wchar_t));
+}
+
+void require(bool holds, const char* what) {
+    if (!holds) {
+        std::fprintf(stderr, "broken record: %s\n", what);
+        std::abort();
+    }
+}
+
+}  // namespace
+
+Run::Run(const std::uint8_t* data, std::size_t size) : input(data, size) {
+    [[maybe_unused]] static const bool isPrepared = (prepareProcess(), true);
+    asFreshlyStarted();
+    const auto script = input.takeBytes(input.take<std::uint8_t>());
+    script_ = Input(script.data(), script.size());
+}
+
+Run::~Run() {
+    asFreshlyStarted();
+}
+
+HCRYPTPROV newContext(const char* container, DWORD flags) {
+    static int table;
+    HCRYPTPROV context = 0;
+    CPAcquireContext(&context, container, flags, reinterpret_cast<VTableProvStruc*>(&table));
+    return context;
+}
+
+HCRYPTPROV tokenContext() {
+    static const HCRYPTPROV context = newContext(nullptr, 0);
+    return context;
+}
+
+NCRYPT_PROV_HANDLE tokenProvider() {
+    static const NCRYPT_PROV_HANDLE provider = [] {
+        NCRYPT_PROV_HANDLE opened = 0;
+        KSPOpenProvider(&opened, L"", 0);
+        return opened;
+    }();
+    return provider;
+}
+
+Guarded propertyName(Input& input) {
+    static constexpr const wchar_t* known[] = {NCRYPT_NAME_PROPERTY,
+                                               NCRYPT_ALGORITHM_PROPERTY,
+                                               NCRYPT_ALGORITHM_GROUP_PROPERTY,
+                                               NCRYPT_LENGTH_PROPERTY,
+                                               NCRYPT_LENGTHS_PROPERTY,
+                                               NCRYPT_KEY_USAGE_PROPERTY,
+                                               NCRYPT_EXPORT_POLICY_PROPERTY,
+                                               NCRYPT_BLOCK_LENGTH_PROPERTY,
+                                               NCRYPT_UNIQUE_NAME_PROPERTY,
+                                               NCRYPT_PROVIDER_HANDLE_PROPERTY,
+                                               NCRYPT_CERTIFICATE_PROPERTY,
+                                               NCRYPT_PIN_PROPERTY,
+                                               NCRYPT_WINDOW_HANDLE_PROPERTY,
+                                               NCRYPT_IMPL_TYPE_PROPERTY,
+                                               NCRYPT_USE_COUNT_PROPERTY,
+                                               L"ChainingMode",
+                                               L"IV"};
+    return name(input, known);
+}
+
+Guarded blobTypeName(Input& input) {
+    static constexpr const wchar_t* known[] = {
+        BCRYPT_RSAPUBLIC_BLOB,      BCRYPT_PUBLIC_KEY_BLOB, BCRYPT_OPAQUE_KEY_BLOB, BCRYPT_KEY_DATA_BLOB,
+        LEGACY_RSAPUBLIC_BLOB,      LEGACY_RSAPRIVATE_BLOB, L"OpaqueTransport",     L"PKCS8_PRIVATEKEY",
+        BCRYPT_RSAFULLPRIVATE_BLOB, L"SimpleBlob"};
+    return name(input, known);
+}
+
+Guarded algorithmName(Input& input) {
+    static constexpr const wchar_t* known[] = {L"RSA", L"ECDSA_P256", L"ECDSA_P384", L"ECDSA_P521", L"SHA256"};
+    return name(input, known);
+}
+
+void checkCspKey(HCRYPTKEY handle) {
+    const talvik::csp::KEY_HANDLE& key = *talvik::csp::keyOf(handle);
+    require(key.keyIdLen <= sizeof key.keyId, "keyIdLen");
+    require(key.keyAliasLen <= sizeof key.keyAlias, "keyAliasLen");
+    require(key.label[sizeof key.label - 1] == 0, "label");
+    require(key.publicKeyLen <= sizeof key.publicKey, "publicKeyLen");
+    require(key.aesKeyLen >= 0 && key.aesKeyLen <= static_cast<int>(sizeof key.aesKey), "aesKeyLen");
+}
+
+void checkCngKey(NCRYPT_KEY_HANDLE handle) {
+    const talvik::ksp::KspKey& key = *talvik::ksp::keyOf(handle);
+    require(key.keyIdLength <= sizeof key.keyId, "keyIdLength");
+    require(key.keyAliasLength <= sizeof key.keyAlias, "keyAliasLength");
+    require(key.publicKeyLength <= sizeof key.publicKey, "publicKeyLength");
+    require(key.symmetricKeyLength <= sizeof key.symmetricKey, "symmetricKeyLength");
+}
+
+void checkHash(HCRYPTHASH handle) {
+    const talvik::csp::HASH_CONTEXT& hash = *talvik::csp::hashOf(handle);
+    require(hash.hashValueLen <= sizeof hash.hashValue, "hashValueLen");
+    require(hash.signKeyIdLen <= sizeof hash.signKeyId, "signKeyIdLen");
+}
+
+void useUpCspKey(HCRYPTKEY key) {
+    if (key == 0) {
+        return;
+    }
+    checkCspKey(key);
+    for (const DWORD param : {KP_ALGID, KP_KEYLEN, KP_PERMISSIONS, KP_CERTIFICATE}) {
+        DWORD size = 0;
+        CPGetKeyParam(tokenContext(), key, param, nullptr, &size, 0);
+        const Guarded value(size);
+        CPGetKeyParam(tokenContext(), key, param, value.data(), &size, 0);
+    }
+    const Guarded data(2048);
+    DWORD size = 32;
+    CPEncrypt(tokenContext(), key, 0, TRUE, 0, data.data(), &size, data.size());
+    size = 32;
+    CPDecrypt(tokenContext(), key, 0, TRUE, 0, data.data(), &size);
+    CPDestroyKey(tokenContext(), key);
+}
+
+void useUpCngKey(NCRYPT_KEY_HANDLE key) {
+    if (key == 0) {
+        return;
+    }
+    checkCngKey(key);
+    for (const wchar_t* const type : {BCRYPT_RSAPUBLIC_BLOB, LEGACY_RSAPUBLIC_BLOB}) {
+        DWORD size = 0;
+        if (KSPExportKey(tokenProvider(), key, 0, type, nullptr, nullptr, 0, &size, 0) == ERROR_SUCCESS) {
+            const Guarded blob(size);
+            KSPExportKey(tokenProvider(), key, 0, type, nullptr, blob.data(), blob.size(), &size, 0);
+        }
+    }
+    const Guarded data(2048);
+    DWORD size = 0;
+    KSPEncrypt(tokenProvider(), key, data.data(), 32, nullptr, data.data(), data.size(), &size, 0);
+    KSPDecrypt(tokenProvider(), key, data.data(), 32, nullptr, data.data(), data.size(), &size, 0);
+    KSPFreeKey(tokenProvider(), key);
+}

@@ -1,0 +1,66 @@
+// What the fuzz targets have in common. A target's input is one byte that says how long the library's script is, the
+// script, and then what the target makes of the rest.
+#pragma once
+
+#include <windows.h>
+
+#include <wincrypt.h>
+
+#include <string>
+
+#include "csp/entry_points.h"
+#include "fuzz/input.h"
+#include "fuzz/lying_library.h"
+#include "ksp/entry_points.h"
+
+// One run: the process as if it had just started. The library is honest until it is told to lie.
+class Run {
+  public:
+    Run(const std::uint8_t* data, std::size_t size);
+    ~Run();
+    Run(const Run&) = delete;
+    Run& operator=(const Run&) = delete;
+
+    void lieFromHere() { lying::follow(script_); }
+
+    Input input;  // what follows the script
+
+  private:
+    Input script_;
+};
+
+// On the honest token; opened once for the process and never released.
+HCRYPTPROV tokenContext();
+NCRYPT_PROV_HANDLE tokenProvider();
+HCRYPTPROV newContext(const char* container, DWORD flags);  // 0 when it fails
+
+// The honest token's key, opened for one run.
+struct CspKey {
+    CspKey() { CPGetUserKey(tokenContext(), AT_KEYEXCHANGE, &handle); }
+    ~CspKey() { CPDestroyKey(tokenContext(), handle); }
+    CspKey(const CspKey&) = delete;
+    CspKey& operator=(const CspKey&) = delete;
+    HCRYPTKEY handle = 0;
+};
+struct CngKey {
+    CngKey() { KSPOpenKey(tokenProvider(), &handle, std::wstring(32, L'0').c_str(), 0, 0); }
+    ~CngKey() { KSPFreeKey(tokenProvider(), handle); }
+    CngKey(const CngKey&) = delete;
+    CngKey& operator=(const CngKey&) = delete;
+    NCRYPT_KEY_HANDLE handle = 0;
+};
+
+// A name that the key storage face knows, or any other text. Ends with a NUL.
+Guarded propertyName(Input& input);
+Guarded blobTypeName(Input& input);
+Guarded algorithmName(Input& input);
+
+// A write past a field into the next of the same record is within the heap block: what the record says of its fields
+// has to hold instead. Ends the process when it does not.
+void checkCspKey(HCRYPTKEY key);
+void checkCngKey(NCRYPT_KEY_HANDLE key);
+void checkHash(HCRYPTHASH hash);
+
+// Checks and uses whatever key came out, and lets it go.
+void useUpCspKey(HCRYPTKEY key);
+void useUpCngKey(NCRYPT_KEY_HANDLE key);

@@ -1,0 +1,442 @@
+// CPImportKey and CPExportKey.
+#include <climits>
+#include <cstring>
+
+#include "csp/key.h"
+#include "token/session.h"
+#include "unit/provider_test.h"
+
+using namespace testing;
+using namespace talvik;
+
+namespace {
+
+constexpr char KEY_LIST[] = "talvik_getKeyPairList(\"T1\", null)";
+constexpr std::uint32_t RSA1 = 0x31415352;
+
+Bytes words(std::initializer_list<std::uint32_t> values) {
+    Bytes blob;
+    for (const std::uint32_t value : values)
+        for (int i = 0; i < 4; ++i)
+            blob.push_back(static_cast<unsigned char>(value >> 8 * i));
+    return blob;
+}
+using ::operator+;
+Bytes operator+(Bytes left, const Bytes& right) {
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+Bytes reversed(const Bytes& value) {
+    return {value.rbegin(), value.rend()};
+}
+Bytes cut(const Bytes& value, std::size_t length) {
+    return {value.begin(), value.begin() + static_cast<std::ptrdiff_t>(length)};
+}
+std::string text(std::size_t value) {
+    return std::to_string(value);
+}
+
+// Type, version 2, reserved 0x7777, algorithm.
+Bytes header(std::uint32_t type, ALG_ID algorithm) {
+    return words({type | 0x77770200, algorithm});
+}
+Bytes rsaBlob(std::uint32_t bits, std::uint32_t exponent, const Bytes& modulus, std::uint32_t magic = RSA1) {
+    return header(PUBLICKEYBLOB, CALG_RSA_KEYX) + words({magic, bits, exponent}) + reversed(modulus);
+}
+// What lies between the header and the payload is not looked at.
+Bytes keyBlob(std::uint32_t type, ALG_ID algorithm, const Bytes& payload) {
+    return header(type, algorithm) + words({0xDEADBEEF}) + payload;
+}
+
+// A copy that ends where its page does: one byte read beyond the end faults.
+class Guarded {
+  public:
+    explicit Guarded(const Bytes& content) {
+        const std::size_t size = (content.size() / page + 1) * page;
+        base_ = static_cast<BYTE*>(VirtualAlloc(nullptr, size + page, MEM_RESERVE, PAGE_NOACCESS));
+        VirtualAlloc(base_, size, MEM_COMMIT, PAGE_READWRITE);
+        data_ = base_ + size - content.size();
+        std::copy(content.begin(), content.end(), data_);
+    }
+    ~Guarded() { VirtualFree(base_, 0, MEM_RELEASE); }
+    Guarded(const Guarded&) = delete;
+    Guarded& operator=(const Guarded&) = delete;
+    const BYTE* data() const { return data_; }
+
+  private:
+    static constexpr std::size_t page = 4096;
+    BYTE* base_;
+    BYTE* data_;
+};
+
+class CspBlobTest : public ProviderTest {
+  protected:
+    CspBlobTest() : prov(acquire()) {
+        setDevicePassword(DEVICE, "1234");
+        std::memset(importing.keyId, 0xAB, sizeof importing.keyId);
+        importing.storageFlag = 1;
+    }
+    ~CspBlobTest() override { release(); }
+
+    Call import(const Bytes& blob, bool withKey = false) {
+        return [=, this] {
+            release();
+            const Guarded data(blob);
+            return CPImportKey(prov, data.data(), static_cast<DWORD>(blob.size()),
+                               withKey ? reinterpret_cast<HCRYPTKEY>(&importing) : 0, 5, &handle);
+        };
+    }
+    void release() {  // without a line in the log
+        if (handle != UNTOUCHED_HANDLE)
+            delete csp::keyOf(std::exchange(handle, UNTOUCHED_HANDLE));
+    }
+    const csp::KEY_HANDLE& imported() const { return *csp::keyOf(handle); }
+
+    static Lines head(const Bytes& blob) {
+        const std::string algorithm = text(blob[4] | blob[5] << 8 | blob[6] << 16 | static_cast<DWORD>(blob[7]) << 24);
+        return {"DEBUG CPImportKey",
+                "DEBUG Input length : " + text(blob.size()),
+                "DEBUG Input flag : 5",
+                "DEBUG CPImportKey - input type : " + text(blob[0]),
+                "DEBUG CPImportKey - input version : " + text(blob[1]),
+                "DEBUG CPImportKey - input alg : " + algorithm,
+                "DEBUG CPImportKey - input data length : " + text(blob.size() - 12)};
+    }
+    static std::string storeCall(const Bytes& value, int type) {
+        return "talvik_importAesKey(\"T1\", \"1234\", {key=" + hex(value) + "/" + text(value.size()) +
+               " label=\"\" name=\"\" usage=0 keyType=" + text(static_cast<std::size_t>(type)) + "}, null)";
+    }
+
+    HCRYPTPROV prov;
+    HCRYPTKEY handle = UNTOUCHED_HANDLE;
+    csp::KEY_HANDLE importing;
+};
+
+// --- import ----------------------------------------------------------------------------------------------------------
+
+TEST_F(CspBlobTest, PublicKeysBecomeDerWithTheirOwnExponent) {
+    for (const std::uint32_t bits : {1024u, 2048u, 3072u, 4096u}) {
+        for (const auto& [exponent, written] :
+             {std::pair{0x10001u, "010001"}, {3u, "000003"}, {0xFFFFFFFFu, "000000"}, {0x01020304u, "020304"}}) {
+            Bytes modulus = bytes(bits / 8, 7);
+            modulus[0] = 0xC1;
+            const Bytes blob = rsaBlob(bits, exponent, modulus) + Bytes{1, 2};
+            expectSuccess(import(blob),
+                          head(blob) + Lines{std::string("DEBUG Public exponent : ") + written,
+                                             "DEBUG PUBLICKEYBLOB imported successfully"},
+                          {});
+            const Bytes der = buildRsaPublicKeyDer(hex(modulus), written);
+            EXPECT_EQ(Bytes(imported().publicKey, imported().publicKey + imported().publicKeyLen), der);
+            EXPECT_EQ(imported().algId, bits / 1024);
+            EXPECT_EQ(imported().keyIdLen, 16u);
+            EXPECT_EQ(imported().keyBits, 0u);
+            EXPECT_EQ(imported().aesKeyLen, 0);
+        }
+    }
+}
+
+TEST_F(CspBlobTest, MalformedBlobsAreRefusedWithTheirText) {
+    const std::string magic = "CPImportKey PUBLICKEYBLOB: magic mismatch, actual=0x";
+    const std::string size = "CPImportKey PUBLICKEYBLOB: size mismatch, cbDataLen=";
+    const std::string exponent = "DEBUG Public exponent : 010001", unsupported = "Unsupported RSA key size";
+    struct {
+        Bytes blob;
+        ProviderTest::ErrorCode error;
+        std::string text;
+        Lines before = {};
+    } const rows[] = {
+        {rsaBlob(1024, 3, bytes(128), 0x32415352), NTE_BAD_DATA, magic + "32415352"},
+        {rsaBlob(1024, 3, bytes(128), 0x0A), NTE_BAD_DATA, magic + "a"},
+        {rsaBlob(1024, 3, bytes(127)), NTE_BAD_DATA, size + "147 required=148"},
+        {rsaBlob(0xFFFFFFFF, 3, bytes(128)), NTE_BAD_DATA, size + "148 required=536870931"},
+        {cut(rsaBlob(0, 3, {}), 19), NTE_BAD_DATA, size + "19 required=20"},
+        {rsaBlob(1536, 0x10001, bytes(192)), NTE_BAD_DATA, unsupported, {exponent}},
+        {rsaBlob(1025, 0x10001, bytes(128)), NTE_BAD_DATA, unsupported, {exponent}},
+        {rsaBlob(8192, 0x10001, bytes(1024)), NTE_BAD_DATA, unsupported, {exponent}},
+        {rsaBlob(65536, 0x10001, bytes(8192)), NTE_BAD_DATA, unsupported, {exponent}},
+        {rsaBlob(0, 0x10001, {}), NTE_BAD_DATA, unsupported, {exponent}},
+        {keyBlob(SIMPLEBLOB, CALG_AES_128, bytes(5)), NTE_BAD_TYPE, "SIMPLEBLOB requires public key handle"},
+        {keyBlob(PLAINTEXTKEYBLOB, CALG_AES_192, bytes(24)), NTE_BAD_ALGID,
+         "Unsupported algorithm for PLAINTEXTKEYBLOB: 26127"},
+        {keyBlob(PLAINTEXTKEYBLOB, 0xFFFFFFFF, bytes(24)), NTE_BAD_ALGID,
+         "Unsupported algorithm for PLAINTEXTKEYBLOB: 4294967295"},
+        {keyBlob(PLAINTEXTKEYBLOB, CALG_AES_128, bytes(129)), NTE_BAD_TYPE, "PLAINTEXTKEYBLOB import failed"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.text);
+        expectFailure(import(row.blob), row.error, head(row.blob) + row.before + Lines{"ERROR " + row.text}, {});
+        EXPECT_EQ(handle, UNTOUCHED_HANDLE);
+    }
+    for (const std::uint32_t type : {0, 2, 3, 4, 5, 7, 9, 10, 12, 255}) {
+        const Bytes blob = keyBlob(type, CALG_AES_128, bytes(16));
+        expectFailure(import(blob), NTE_BAD_TYPE,
+                      head(blob) + Lines{type == PRIVATEKEYBLOB || type == PUBLICKEYBLOBEX
+                                             ? "ERROR Key Block Not Implemented yet"
+                                             : "ERROR CPImportKey - Unsupported type : " + text(type)},
+                      {});
+    }
+    const BYTE some[12] = {SIMPLEBLOB};
+    expectRefusals("CPImportKey", {{[&] { return CPImportKey(0, nullptr, 12, 0, 0, &handle); }, ERROR_INVALID_PARAMETER,
+                                    "CPImportKey - Input data is null"},
+                                   {[&] { return CPImportKey(0, some, 12, 0, 0, &handle); }, NTE_BAD_UID,
+                                    "CPImportKey - Contest null or not initialised"},
+                                   {[&] { return CPImportKey(invalid, some, 12, 0, 0, &handle); }, NTE_BAD_UID,
+                                    "CPImportKey - Contest null or not initialised"},
+                                   {[&] { return CPImportKey(prov, some, 12, 0, 0, nullptr); }, ERROR_INVALID_PARAMETER,
+                                    "CPImportKey - phKey is null"},
+                                   {import(Bytes(some, some + 12)), NTE_INVALID_PARAMETER,
+                                    "CPImportKey - Input data to import is empty"}});
+}
+
+// Cut anywhere, or with any header byte turned over, a blob is imported or refused with one of its errors.
+TEST_F(CspBlobTest, CutAndDamagedBlobsDoNoHarm) {
+    setLogLevel(0);
+    scripted::always("talvik_decrypt", {13});
+    scripted::always("talvik_importAesKey", {11});
+    struct {
+        Bytes blob;
+        ProviderTest::ErrorCode whenCut;
+    } const rows[] = {{rsaBlob(1024, 0x10001, bytes(128)), NTE_BAD_DATA},
+                      {keyBlob(SIMPLEBLOB, CALG_AES_128, bytes(256)), NTE_FAIL},
+                      {keyBlob(PLAINTEXTKEYBLOB, CALG_AES_128, bytes(16)), NTE_BAD_TYPE},
+                      {keyBlob(SYMMETRICWRAPKEYBLOB, CALG_AES_128, bytes(32)), NTE_BAD_KEY}};
+    for (const auto& row : rows) {
+        for (std::size_t length = 0; length < row.blob.size(); ++length) {
+            EXPECT_FALSE(import(cut(row.blob, length), true)());
+            EXPECT_EQ(GetLastError(), static_cast<DWORD>(length <= 12 ? NTE_INVALID_PARAMETER : row.whenCut)) << length;
+        }
+        for (std::size_t at = 0; at < 20; ++at) {
+            Bytes damaged = row.blob;
+            damaged[at] ^= 0xFF;
+            if (!import(damaged, true)()) {
+                EXPECT_THAT(static_cast<HRESULT>(GetLastError()),
+                            AnyOf(NTE_BAD_DATA, NTE_BAD_TYPE, NTE_BAD_ALGID, NTE_FAIL, NTE_BAD_KEY))
+                    << at;
+            }
+        }
+    }
+}
+
+TEST_F(CspBlobTest, SessionKeysAreUnwrappedInEitherOrder) {
+    const auto call = [](const Bytes& ciphertext) {
+        return "talvik_decrypt(\"T1\", " + hex(filled(16, 0xAB)) + ", \"1234\", " + hex(ciphertext) +
+               ", 5, out, out, true, null)";
+    };
+    const Bytes received = bytes(5);
+    const Lines once = {call(reversed(received))}, twice = {call(reversed(received)), call(received)};
+    const Lines unwrapped = {"DEBUG Output key id : 00000000000000000000000000000000",
+                             "DEBUG SIMPLEBLOB imported successfully (AES)"};
+    const Lines failed = {"ERROR SIMPLEBLOB decryption failed"};
+    const auto start = [&](const Bytes& blob) {
+        return head(blob) + Lines{"DEBUG Input key id : ABABABABABABABABABABABABABABABAB"};
+    };
+    for (const auto& [algorithm, code] :
+         {std::pair<ALG_ID, DWORD>{CALG_AES_128, 8}, {CALG_AES_256, 10}, {CALG_3DES, 11}}) {
+        const Bytes blob = keyBlob(SIMPLEBLOB, algorithm, received);
+        for (const std::size_t length : {16u, 24u, 32u, 20u, 0u}) {
+            const Bytes value = bytes(length, 0x41);
+            scripted::next("talvik_decrypt", {.output = value});
+            expectSuccess(import(blob, true), start(blob) + unwrapped, once);
+            EXPECT_EQ(Bytes(imported().aesKey, imported().aesKey + imported().aesKeyLen), value);
+            EXPECT_EQ(imported().algId, code);
+            EXPECT_EQ(imported().keyIdLen, 16u);
+            EXPECT_EQ(imported().keyUsage + imported().storageFlag + imported().keyBits + imported().publicKeyLen, 0u);
+        }
+        scripted::next("talvik_decrypt", {13, bytes(3)});
+        scripted::next("talvik_decrypt", {.output = bytes(16)});
+        expectSuccess(import(blob, true), start(blob) + failed + unwrapped, twice);
+    }
+    const Bytes blob = keyBlob(SIMPLEBLOB, CALG_AES_256, received);
+    scripted::next("talvik_decrypt", {.output = bytes(33)});
+    expectFailure(import(blob, true), NTE_BAD_DATA,
+                  start(blob) + Lines{"ERROR SIMPLEBLOB decryption failed (key too long)"}, once);
+    for (const ALG_ID algorithm : {CALG_AES_192, CALG_RC4}) {
+        const Bytes other = keyBlob(SIMPLEBLOB, algorithm, received);
+        scripted::next("talvik_decrypt", {.output = bytes(24)});
+        expectFailure(import(other, true), NTE_BAD_ALGID,
+                      start(other) + Lines{"ERROR Unsupported algorithm for SIMPLEBLOB: " + text(algorithm)}, once);
+    }
+    // Neither a renewed sign-on nor a lie is worth a question to the user.
+    for (const scripted::Outcome& outcome : {scripted::Outcome{49}, {0, bytes(16), -16}, {0, bytes(16), INT_MAX}}) {
+        scripted::next("talvik_decrypt", outcome);
+        scripted::next("talvik_decrypt", outcome);
+        expectFailure(import(blob, true), NTE_FAIL,
+                      start(blob) + failed + Lines{"ERROR SIMPLEBLOB decryption failed (both orderings)"}, twice);
+        EXPECT_EQ(handle, UNTOUCHED_HANDLE);
+    }
+}
+
+TEST_F(CspBlobTest, PlainKeysAreStoredOnTheToken) {
+    for (const auto& [algorithm, type] : {std::pair<ALG_ID, int>{CALG_AES_128, 8}, {CALG_AES_256, 10}}) {
+        for (const std::size_t length : {1u, 16u, 32u, 128u}) {
+            const Bytes blob = keyBlob(PLAINTEXTKEYBLOB, algorithm, bytes(length));
+            scripted::next("talvik_importAesKey", {.output = filled(16, 0x77)});
+            expectSuccess(import(blob), head(blob) + Lines{"DEBUG PLAINTEXTKEYBLOB imported successfully (AES)"},
+                          {storeCall(bytes(length), type)});
+            EXPECT_THAT(imported().keyId, Each(0x77));
+            EXPECT_EQ(imported().keyIdLen, 16u);
+            EXPECT_EQ(imported().algId, algorithm);
+            EXPECT_EQ(imported().aesKeyLen, 0);
+            EXPECT_THAT(imported().aesKey, Each(0));
+        }
+        scripted::next("talvik_importAesKey", {5});
+        const Bytes blob = keyBlob(PLAINTEXTKEYBLOB, algorithm, bytes(16));
+        expectFailure(import(blob), NTE_BAD_TYPE, head(blob) + Lines{"ERROR PLAINTEXTKEYBLOB import failed"},
+                      {storeCall(bytes(16), type)});
+    }
+}
+
+TEST_F(CspBlobTest, WrappedKeysGoToEveryKeyThatMayUnwrapThem) {
+    const auto kek = [](std::uint32_t type, unsigned char fill, std::int32_t idLength = 3) {
+        TalvikSymmetricKey key = {};
+        std::fill(std::begin(key.identifier), std::end(key.identifier), fill);
+        std::fill(std::begin(key.keyId), std::end(key.keyId), static_cast<unsigned char>(fill + 1));
+        key.keyIdLength = idLength;
+        key.keyType = type;
+        key.storageFlag = fill & 1;
+        return key;
+    };
+    const auto attach = [](const std::vector<TalvikSymmetricKey>& keys) {
+        scripted::attach({{DEVICE, {scripted::tokenInfo("one"), {}, {}, keys}}});
+    };
+    const auto unwrap = [](const Bytes& id, bool flag) {
+        return "talvik_decrypt_aes(\"T1\", " + hex(id) + ", " + text(id.size()) + ", 0102030405, 5, out, out, " +
+               (flag ? "true" : "false") + ", null, 0, null)";
+    };
+    const std::string list = "talvik_getAesKeyList(\"T1\", null)";
+    const std::string none = "ERROR Failed to unwrap SYMMETRICWRAPKEYBLOB with any available KEK";
+    for (const auto& [algorithm, type] :
+         {std::pair<ALG_ID, int>{CALG_AES_128, 8}, {CALG_AES_256, 10}, {CALG_RC4, 10}}) {
+        const Bytes blob = keyBlob(SYMMETRICWRAPKEYBLOB, algorithm, bytes(5));
+        const Lines start = head(blob) + Lines{"DEBUG SYMMETRICWRAPKEYBLOB: wrapped key length = 5"};
+        attach({kek(11, 0x11), kek(8, 0x22), kek(9, 0x33), kek(10, 0x45), kek(8, 0x66), kek(0, 0x77)});
+        const Lines tries = {list, unwrap(filled(3, 0x23), false), unwrap(filled(3, 0x46), true)};
+        const Lines found =
+            start + Lines{"DEBUG Successfully unwrapped key with KEK: 45454545454545454545454545454545"};
+        const auto answerOnSecond = [](const scripted::Outcome& first) {
+            scripted::next("talvik_decrypt_aes", first);
+            scripted::next("talvik_decrypt_aes", {.output = bytes(24)});
+        };
+        for (const scripted::Outcome& first :
+             {scripted::Outcome{13, bytes(2)}, {0, bytes(2), -2}, {0, bytes(2), 5000}}) {
+            answerOnSecond(first);
+            scripted::next("talvik_importAesKey", {.output = filled(16, 0x99)});
+            expectSuccess(import(blob), found + Lines{"DEBUG SYMMETRICWRAPKEYBLOB imported successfully"},
+                          tries + Lines{storeCall(bytes(24), type)});
+            EXPECT_THAT(imported().keyId, Each(0x99));
+            EXPECT_EQ(imported().algId, algorithm);
+            EXPECT_EQ(imported().aesKeyLen, 0);
+        }
+        answerOnSecond({13});
+        scripted::next("talvik_importAesKey", {3});
+        expectFailure(import(blob), NTE_BAD_TYPE, found + Lines{"ERROR Import of unwrapped AES key failed"},
+                      tries + Lines{storeCall(bytes(24), type)});
+        scripted::next("talvik_decrypt_aes", {13});
+        scripted::next("talvik_decrypt_aes", {.output = bytes(129)});
+        expectFailure(import(blob), NTE_BAD_TYPE, found + Lines{"ERROR Import of unwrapped AES key failed"}, tries);
+        scripted::next("talvik_decrypt_aes", {13});
+        scripted::next("talvik_decrypt_aes", {13});
+        scripted::next("talvik_decrypt_aes", {49});
+        expectFailure(import(blob), NTE_BAD_KEY, start + Lines{none}, tries + Lines{unwrap(filled(3, 0x67), false)});
+        attach({});
+        expectFailure(import(blob), NTE_BAD_KEY, start + Lines{none}, {list});
+        attach({kek(8, 0x22, -1), kek(8, 0x22, 1000)});
+        scripted::next("talvik_decrypt_aes", {13});
+        scripted::next("talvik_decrypt_aes", {13});
+        const std::string whole = unwrap(filled(128, 0x23), false);
+        expectFailure(import(blob), NTE_BAD_KEY, start + Lines{none}, {list, whole, whole});
+    }
+}
+
+// --- export ----------------------------------------------------------------------------------------------------------
+
+class CspExportTest : public CspBlobTest {
+  protected:
+    CspExportTest() {
+        attachTokens({scripted::keyPair(0x11, 3, TALVIK_KEY_RSA_3072, 384), pair, scripted::keyPair(0xAB, 1)});
+        importing.algId = CALG_RSA_SIGN;
+    }
+    Call exporting(DWORD type, DWORD room) {
+        return [=, this] {
+            data = filled(700, 0xCD);
+            size = room;
+            return CPExportKey(prov, reinterpret_cast<HCRYPTKEY>(&importing), 0, type, 9, data.data(), &size);
+        };
+    }
+    static Lines head(DWORD type) {
+        return {"DEBUG CPExportKey", "DEBUG dwBlobType : " + text(type), "DEBUG dwFlags : 9"};
+    }
+
+    TalvikKeyPair pair = scripted::keyPair(0xAB, 2);
+    Bytes data;
+    DWORD size = 0;
+};
+
+TEST_F(CspExportTest, ThePublicHalfBySizeRule) {
+    pair.modulus[255] = 0x5A;  // told apart from the later record of the same identifier: the first counts
+    attachTokens({pair, scripted::keyPair(0xAB)});
+    forgetSoFar();
+    SetLastError(UNTOUCHED_ERROR);
+    size = UNTOUCHED;
+    EXPECT_TRUE(CPExportKey(prov, reinterpret_cast<HCRYPTKEY>(&importing), 99, PUBLICKEYBLOB, 9, nullptr, &size));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_MORE_DATA));
+    EXPECT_EQ(size, 276u);
+    EXPECT_EQ(log.entries(),
+              head(6) + Lines({"DEBUG Emport public key more data required", "DEBUG Exportkey return status : 1"}));
+    EXPECT_EQ(scripted::takeCalls(), Lines({KEY_LIST}));
+    for (const DWORD room : {0u, 1u, 275u}) {
+        expectFailure(exporting(PUBLICKEYBLOB, room), ERROR_MORE_DATA,
+                      head(6) + Lines{"ERROR ExportPublicKeyComponents: output buffer too small, required=276",
+                                      "DEBUG Exportkey return status : 0"},
+                      {KEY_LIST});
+        EXPECT_EQ(size, 276u);
+        EXPECT_EQ(data, filled(700, 0xCD));
+    }
+    for (const DWORD room : {276u, 277u, 0xFFFFFFFFu}) {
+        forgetSoFar();
+        SetLastError(UNTOUCHED_ERROR);
+        EXPECT_TRUE(exporting(PUBLICKEYBLOB, room)());
+        EXPECT_EQ(GetLastError(), 0u);
+        EXPECT_EQ(size, 276u);
+        EXPECT_EQ(log.entries(), head(6) + Lines({"DEBUG key usage : 9216", "DEBUG Exportkey return status : 1"}));
+        EXPECT_EQ(data, words({0x206, CALG_RSA_SIGN, RSA1, 2048, 0x10001}) +
+                            reversed(Bytes(pair.modulus, pair.modulus + 256)) + filled(700 - 276, 0xCD));
+    }
+}
+
+TEST_F(CspExportTest, Refusals) {
+    const std::string prefix = "ExportPublicKeyComponents: ";
+    const auto refusing = [&](DWORD type, ProviderTest::ErrorCode error, const std::string& because,
+                              const Lines& calls) {
+        expectFailure(exporting(type, 700), error,
+                      head(type) + Lines{"ERROR " + because, "DEBUG Exportkey return status : 0"}, calls);
+        EXPECT_EQ(data, filled(700, 0xCD));
+    };
+    for (const std::uint32_t type : {0u, 1u, 3u, 4u, 5u, 8u}) {
+        attachTokens({scripted::keyPair(0xAB, 3, type)});
+        refusing(PUBLICKEYBLOB, NTE_BAD_KEY, prefix + "key algorithm is not RSA-2048, cannot export", {KEY_LIST});
+    }
+    // The token's list may have changed since the handle was made.
+    attachTokens({scripted::keyPair(0xAC)});
+    refusing(PUBLICKEYBLOB, NTE_BAD_KEY, prefix + "matching key not found in key list", {KEY_LIST});
+    attachTokens({});
+    refusing(PUBLICKEYBLOB, NTE_BAD_KEY, prefix + "key list is empty", {KEY_LIST});
+    refusing(PRIVATEKEYBLOB, ERROR_ACCESS_DENIED, "CPExportKey: PRIVATEKEYBLOB export denied", {});
+    for (const DWORD type : {0u, 1u, 5u, 8u, 10u, 11u, 0x106u, 0xFFFFFFFFu})
+        refusing(type, NTE_BAD_TYPE, "CPExportKey: unsupported dwBlobType=" + text(type), {});
+    // A record that lies about its modulus is taken as carrying the whole field.
+    pair.modulusLength = 0xFFFFFFFF;
+    attachTokens({pair});
+    EXPECT_FALSE(exporting(PUBLICKEYBLOB, 700)());
+    EXPECT_EQ(size, 1044u);
+
+    const HCRYPTKEY key = reinterpret_cast<HCRYPTKEY>(&importing);
+    const std::string missing = "CPExportKey: hKey or pcbData is null";
+    expectRefusals("CPExportKey",
+                   {{[&] { return CPExportKey(0, 0, 0, 6, 0, nullptr, &size); }, ERROR_INVALID_PARAMETER, missing},
+                    {[&] { return CPExportKey(0, key, 0, 6, 0, nullptr, nullptr); }, ERROR_INVALID_PARAMETER, missing},
+                    {[&] { return CPExportKey(invalid, key, 0, 6, 0, nullptr, &size); }, NTE_BAD_UID,
+                     "CPExportKey: context is null or not initialized"}});
+}
+
+}  // namespace

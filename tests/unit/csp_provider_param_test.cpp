@@ -1,0 +1,447 @@
+// CPGetProvParam and CPSetProvParam.
+#include <algorithm>
+#include <cstring>
+
+#include "token/session.h"
+#include "token/shared_state.h"
+#include "unit/provider_test.h"
+
+using namespace testing;
+using namespace talvik;
+
+namespace {
+
+constexpr char KEY_LIST[] = "talvik_getKeyPairList(\"T1\", null)";
+const std::string NAME = "Talvik Cryptographic Provider CSP";
+const std::string ONE = "11111111111111111111111111111111", TWO = "22222222222222222222222222222222";
+
+std::string text(std::size_t value) {
+    return std::to_string(value);
+}
+Bytes word(DWORD value) {
+    Bytes content(4);
+    std::memcpy(content.data(), &value, 4);
+    return content;
+}
+using ::operator+;
+Bytes operator+(Bytes left, const Bytes& right) {
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+Bytes terminated(const std::string& value) {
+    return {value.c_str(), value.c_str() + value.size() + 1};
+}
+Lines head(DWORD param) {
+    return {"DEBUG CPGetProvParam", "DEBUG CPGetProvParam input : " + text(param),
+            "DEBUG CPGetProvParam : " + text(param)};
+}
+
+class CspProviderParamTest : public ProviderTest {
+  protected:
+    CspProviderParamTest() {
+        attachTokens({scripted::keyPair(0x11, 1), scripted::keyPair(0x22, 2)});
+        prov = acquire(TWO);
+        useHardwareRng = 1;
+    }
+    ~CspProviderParamTest() override { useHardwareRng = 1; }
+
+    // Into a buffer of `room` bytes before canaries, or a null one.
+    Call get(DWORD param, DWORD room, DWORD flags = 0, bool hasBuffer = true) {
+        return [=, this] {
+            data = filled(200, 0xCD);
+            size = room;
+            return CPGetProvParam(prov, param, hasBuffer ? data.data() : nullptr, &size, flags);
+        };
+    }
+    Call set(DWORD param, const void* value) {
+        return [=, this] { return CPSetProvParam(prov, param, static_cast<const BYTE*>(value), 7); };
+    }
+    bool holds(const Bytes& value) const {
+        return std::equal(value.begin(), value.end(), data.begin()) &&
+               std::all_of(data.begin() + static_cast<std::ptrdiff_t>(value.size()), data.end(),
+                           [](unsigned char byte) { return byte == 0xCD; });
+    }
+    // TRUE with the size and ERROR_MORE_DATA left behind.
+    void expectMoreData(const Call& call, DWORD needed, const Lines& lines, const Lines& calls = {}) {
+        forgetSoFar();
+        SetLastError(UNTOUCHED_ERROR);
+        EXPECT_TRUE(call());
+        EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_MORE_DATA));
+        EXPECT_EQ(size, needed);
+        EXPECT_TRUE(holds({}));
+        EXPECT_EQ(log.entries(), lines);
+        EXPECT_EQ(scripted::takeCalls(), calls);
+    }
+
+    HCRYPTPROV prov = 0;
+    Bytes data;
+    DWORD size = 0;
+};
+
+TEST_F(CspProviderParamTest, SimpleOnesAreWrittenWhenTheyFitAndSucceedWhenNot) {
+    const Lines copying = {"DEBUG CPGetProvParam - copying container"};
+    struct {
+        DWORD param;
+        Bytes value;
+        std::size_t reported;  // after writing
+        Lines always = {}, whenWritten = {};
+    } const rows[] = {{PP_IMPTYPE, word(9), 4, {}, {"DEBUG CPGetProvParam not null value provided"}},
+                      {PP_NAME, terminated(NAME), 33},
+                      {PP_VERSION, word(0x100), 4},
+                      {PP_CONTAINER, terminated(TWO), 33, copying},
+                      {PP_UNIQUE_CONTAINER, terminated(TWO), 33, copying},
+                      {PP_PROVTYPE, word(PROV_RSA_FULL), 4},
+                      {PP_KEYSET_TYPE, word(CRYPT_USER_KEYSET), 4}};
+    for (const auto& row : rows) {
+        const std::size_t needed = row.value.size();
+        const auto ending = [](std::size_t length) {
+            return Lines{"DEBUG CPGetProvParam out length : " + text(length), "DEBUG CPGetProvParam return success"};
+        };
+        for (const auto& [room, hasBuffer] :
+             {std::pair<std::size_t, bool>{needed - 1, true}, {0, true}, {0, false}, {200, false}}) {
+            expectSuccess(get(row.param, static_cast<DWORD>(room), 0, hasBuffer),
+                          head(row.param) + row.always + ending(needed), {});
+            EXPECT_EQ(size, needed);
+            EXPECT_TRUE(holds({}));
+        }
+        for (const std::size_t room : {needed, needed + 1}) {
+            expectSuccess(get(row.param, static_cast<DWORD>(room)),
+                          head(row.param) + row.always + row.whenWritten + ending(row.reported), {});
+            EXPECT_EQ(size, row.reported);
+            EXPECT_TRUE(holds(row.value)) << row.param;
+        }
+        EXPECT_EQ(containerQueried, !row.always.empty() || row.param > PP_CONTAINER) << row.param;
+    }
+}
+
+TEST_F(CspProviderParamTest, OthersTellAShortBufferByMoreData) {
+    const Lines pinQuery = {"DEBUG CPGetProvParam: PIN query"};
+    struct {
+        DWORD param, value;
+        Lines always = {}, whenShort = {}, whenWritten = {}, calls = {};
+    } const rows[] = {
+        {PP_KEYSTORAGE, 9},
+        {PP_ADMIN_PIN, 1, pinQuery},
+        {PP_KEYEXCHANGE_PIN, 1, pinQuery},
+        {PP_SIGNATURE_PIN, 1, pinQuery},
+        {PP_USE_HARDWARE_RNG,
+         1,
+         {},
+         {"DEBUG Required size is Large"},
+         {"DEBUG CPGetProvParam: PP_USE_HARDWARE_RNG = 1"}},
+        {PP_ENUMEX_SIGNING_PROT, 1, {}, {}, {"DEBUG CPGetProvParam: PP_ENUMEX_SIGNING_PROT = 1"}},
+        {PP_KEYSPEC, AT_KEYEXCHANGE, {}, {}, {}, {KEY_LIST}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.param);
+        for (const auto& [room, hasBuffer] :
+             {std::pair<DWORD, bool>{0, true}, {1, true}, {3, true}, {0, false}, {200, false}})
+            expectMoreData(get(row.param, room, 0, hasBuffer), 4, head(row.param) + row.always + row.whenShort,
+                           row.calls);
+        for (const DWORD room : {4u, 200u}) {
+            expectSuccess(get(row.param, room), head(row.param) + row.always + row.whenWritten, row.calls);
+            EXPECT_EQ(size, 4u);
+            EXPECT_TRUE(holds(word(row.value)));
+        }
+    }
+}
+
+TEST_F(CspProviderParamTest, KeySpecFollowsTheContainersKey) {
+    for (const auto& [usage, spec] : {std::pair<std::uint32_t, DWORD>{0, 0}, {1, 2}, {2, 1}, {3, 2}, {4, 0}}) {
+        attachTokens({scripted::keyPair(0x11, 3 - usage), scripted::keyPair(0x22, usage)});
+        EXPECT_TRUE(get(PP_KEYSPEC, 4)());
+        EXPECT_TRUE(holds(word(spec))) << usage;
+    }
+    // The token's list changes between two calls.
+    for (const std::vector<TalvikKeyPair>& keys : {std::vector<TalvikKeyPair>{}, {scripted::keyPair(0x11)}}) {
+        attachTokens(keys);
+        expectFailure(get(PP_KEYSPEC, 0, 0, false), NTE_NO_KEY,
+                      head(PP_KEYSPEC) + Lines{"ERROR CPGetProvParam PP_KEYSPEC: key not found for container=" + TWO},
+                      {KEY_LIST});
+    }
+    for (const DWORD flags : {DWORD{0}, DWORD{CRYPT_VERIFYCONTEXT}}) {
+        prov = acquire("", flags);
+        expectSuccess(
+            get(PP_KEYSPEC, 4),
+            head(PP_KEYSPEC) + Lines{"DEBUG CPGetProvParam PP_KEYSPEC: no container, returning supported specs"}, {});
+        EXPECT_TRUE(holds(word(3)));
+    }
+}
+
+TEST_F(CspProviderParamTest, SecurityDescriptorLetsEveryoneIn) {
+    const Lines lines = head(PP_KEYSET_SEC_DESCR) + Lines{"DEBUG CPGetProvParam: PP_KEYSET_SEC_DESCR"};
+    expectMoreData(get(PP_KEYSET_SEC_DESCR, 0, 0, false), 20, lines);
+    expectMoreData(get(PP_KEYSET_SEC_DESCR, 19), 20, lines);
+    expectSuccess(get(PP_KEYSET_SEC_DESCR, 20), lines, {});
+    PACL acl = nullptr;
+    BOOL isPresent = FALSE, isDefaulted = TRUE;
+    EXPECT_TRUE(GetSecurityDescriptorDacl(data.data(), &isPresent, &acl, &isDefaulted));
+    EXPECT_TRUE(isPresent && acl == nullptr && !isDefaulted);
+    EXPECT_EQ(Bytes(data.begin() + 20, data.end()), filled(180, 0xCD));
+}
+
+TEST_F(CspProviderParamTest, ContainersAreEnumeratedOneByOne) {
+    const auto returned = [](const std::string& name) {
+        return head(PP_ENUMCONTAINERS) + Lines{"DEBUG CPGetProvParam: returned container -> " + name};
+    };
+    const std::string end = "ERROR CPGetProvParam PP_ENUMCONTAINERS: no more containers, index=";
+    for (int round = 0; round < 2; ++round) {
+        expectSuccess(get(PP_ENUMCONTAINERS, 33, CRYPT_FIRST), returned(ONE), {});
+        EXPECT_TRUE(holds(terminated(ONE)));
+        EXPECT_EQ(size, 33u);
+        expectSuccess(get(PP_ENUMCONTAINERS, 200, CRYPT_NEXT), returned(TWO), {});
+        EXPECT_TRUE(holds(terminated(TWO)));
+        for (const std::size_t index : {2u, 3u})
+            expectFailure(get(PP_ENUMCONTAINERS, 33, CRYPT_NEXT), ERROR_NO_MORE_ITEMS,
+                          head(PP_ENUMCONTAINERS) + Lines{end + text(index)}, {});
+        expectMoreData(get(PP_ENUMCONTAINERS, 32, CRYPT_FIRST), 33, head(PP_ENUMCONTAINERS));
+        // A size query moves on too.
+        expectMoreData(get(PP_ENUMCONTAINERS, 200, CRYPT_NEXT, false), 33, head(PP_ENUMCONTAINERS));
+        EXPECT_FALSE(get(PP_ENUMCONTAINERS, 33, CRYPT_NEXT)());
+    }
+    for (const DWORD flags : {0u, 3u, 4u, 8u, 0x80000001u})
+        expectFailure(
+            get(PP_ENUMCONTAINERS, 33, flags), ERROR_INVALID_PARAMETER,
+            head(PP_ENUMCONTAINERS) + Lines{"ERROR CPGetProvParam PP_ENUMCONTAINERS: invalid dwFlags=" + text(flags)},
+            {});
+    attachTokens({});
+    prov = acquire();
+    expectFailure(get(PP_ENUMCONTAINERS, 33, CRYPT_FIRST), ERROR_NO_MORE_ITEMS,
+                  head(PP_ENUMCONTAINERS) + Lines{end + "0"}, {});
+}
+
+constexpr struct {
+    ALG_ID id;
+    DWORD minimum, maximum, usual, protocols;
+    const char *name, *longName;
+} ALGORITHMS[] = {{0x6602, 40, 128, 128, 0, "RC2", "RSA Data Security's RC2"},
+                  {0x6801, 40, 128, 128, 0, "RC4", "RSA Data Security's RC4"},
+                  {0x6601, 56, 56, 56, 0, "DES", "Data Encryption Standard (DES)"},
+                  {0x6609, 112, 112, 112, 0, "3DES TWO KEY", "Two Key Triple DES"},
+                  {0x6603, 168, 168, 168, 0, "3DES", "Three Key Triple DES"},
+                  {0x8004, 160, 160, 160, 0x20, "SHA-1", "Secure Hash Algorithm (SHA-1)"},
+                  {0x800C, 256, 256, 256, 0x20, "SHA-256", "Secure Hash Algorithm 256 (SHA-256)"},
+                  {0x800D, 384, 384, 384, 0x20, "SHA-384", "Secure Hash Algorithm 384 (SHA-384)"},
+                  {0x800E, 512, 512, 512, 0x20, "SHA-512", "Secure Hash Algorithm 512 (SHA-512)"},
+                  {0x8008, 288, 288, 288, 0, "SSL3 SHAMD5", "SSL3 SHAMD5"},
+                  {0x8005, 0, 0, 0, 0, "MAC", "Message Authentication Code"},
+                  {0x2400, 1024, 4096, 2048, 0x30, "RSA-Sign", "RSA Signature"},
+                  {0xA400, 1024, 4096, 2048, 0x30, "RSA-KeyX", "RSA Key Exchange"},
+                  {0x8009, 0, 0, 0, 0, "HMAC", "Hugo's MAC (HMAC)"},
+                  {0x660E, 128, 128, 128, 0, "AES-128", "Advanced Encryption Standard 128-bit"},
+                  {0x660F, 192, 192, 192, 0, "AES-192", "Advanced Encryption Standard 192-bit"},
+                  {0x6610, 256, 256, 256, 0, "AES-256", "Advanced Encryption Standard 256-bit"}};
+
+// The record of `algorithm` byte for byte, in its short or its long form.
+template <class Algorithm>
+Bytes recordOf(const Algorithm& algorithm, bool isLong) {
+    Bytes record = word(algorithm.id) + word(algorithm.usual);
+    const auto name = [&](const std::string& value, std::size_t room) {
+        record = record + word(static_cast<DWORD>(value.size())) + Bytes(value.begin(), value.end()) +
+                 Bytes(room - value.size());
+    };
+    if (isLong)
+        record = record + word(algorithm.minimum) + word(algorithm.maximum) + word(algorithm.protocols);
+    name(algorithm.name, 20);
+    if (isLong)
+        name(algorithm.longName, 40);
+    return record;
+}
+
+TEST_F(CspProviderParamTest, AlgorithmsAreEnumeratedInBothForms) {
+    for (const bool isLong : {false, true}) {
+        const DWORD param = isLong ? PP_ENUMALGS_EX : PP_ENUMALGS, needed = isLong ? 88 : 32;
+        const std::string entry = isLong ? "CPGetProvParam PP_ENUMALGS_EX: " : "CPGetProvParam PP_ENUMALGS: ";
+        const Lines start =
+            head(param) + Lines{isLong ? "DEBUG CPGetProvParam: PP_ENUMALGS_EX" : "DEBUG CPGetProvParam: PP_ENUMALGS"};
+        // 0 goes on too, and the other cursor is the same.
+        const DWORD nexts[] = {CRYPT_NEXT, 0, CRYPT_NEXT | 4, 4};
+        DWORD flags = CRYPT_FIRST | 4;
+        std::size_t index = 0;
+        for (const auto& algorithm : ALGORITHMS) {
+            expectSuccess(get(param, needed + index % 2, flags),
+                          start + Lines{std::string("DEBUG CPGetProvParam: returned ") + (isLong ? "EX " : "") +
+                                        "algorithm -> " + algorithm.name},
+                          {});
+            EXPECT_EQ(size, needed);
+            EXPECT_TRUE(holds(recordOf(algorithm, isLong))) << algorithm.name;
+            flags = nexts[index++ % 4];
+        }
+        for (const std::size_t past : {17u, 18u})
+            expectFailure(get(param, 200, CRYPT_NEXT), ERROR_NO_MORE_ITEMS,
+                          start + Lines{"ERROR " + entry + "no more algorithms, index=" + text(past)}, {});
+        for (const DWORD wrong : {3u, 8u, 9u, 0x80000002u})
+            expectFailure(get(param, 200, wrong | 4), ERROR_INVALID_PARAMETER,
+                          start + Lines{"ERROR " + entry + "invalid dwFlags=" + text(wrong)}, {});
+        // Size queries and short buffers take a row each.
+        expectMoreData(get(param, 0, CRYPT_FIRST, false), needed, start);
+        for (const DWORD room : {DWORD{0}, needed - 1}) {
+            expectFailure(get(param, room, CRYPT_NEXT), ERROR_MORE_DATA,
+                          start + Lines{"ERROR " + entry + "output buffer too small, required=" + text(needed)}, {});
+            EXPECT_EQ(size, needed);
+            EXPECT_TRUE(holds({}));
+        }
+        EXPECT_TRUE(get(isLong ? PP_ENUMALGS : PP_ENUMALGS_EX, 200, CRYPT_NEXT)());
+        EXPECT_TRUE(holds(recordOf(ALGORITHMS[3], !isLong)));
+    }
+}
+
+TEST_F(CspProviderParamTest, ChainsAreFoundByThePublicKey) {
+    const TalvikKeyPair one = scripted::keyPair(0x11), two = scripted::keyPair(0x22);
+    const auto attach = [&](const std::vector<TalvikKeyPair>& keys, const std::vector<Bytes>& ders) {
+        scripted::Token token{scripted::tokenInfo("one"), keys, {}, {}};
+        for (const Bytes& der : ders)
+            token.certificates.push_back(scripted::certificateOf(one, der));
+        scripted::attach({{DEVICE, token}});
+    };
+    const auto modulusOf = [](const TalvikKeyPair& key) { return Bytes(key.modulus, key.modulus + 256); };
+    const auto details = [](const std::string& der) {
+        return "talvik_getCertificateDetails(" + der + ", 1, out, null)";
+    };
+    const Lines lists = {KEY_LIST, "talvik_getCertificateList(\"T1\", null)"};
+    const Lines missing = {"ERROR CPGetProvParam PP_CERTCHAIN: container not found, containerName=" + TWO};
+    const auto match = [](const std::string& name) {
+        return Lines{"DEBUG Public key match found; container=" + name, "DEBUG [ERROR] Cannot parse leaf cert"};
+    };
+    attach({}, {});
+    expectFailure(get(PP_CERTCHAIN, 200), NTE_NO_KEY, head(9) + missing, lists);
+    attach({one, two}, {{1}, {2}});
+    scripted::next("talvik_getCertificateDetails", {5, modulusOf(two)});
+    scripted::next("talvik_getCertificateDetails", {.output = modulusOf(one)});
+    expectFailure(get(PP_CERTCHAIN, 200), NTE_NO_KEY, head(9) + match(ONE) + missing,
+                  lists + Lines{details("01"), details("02")});
+    // All of the modulus counts.
+    Bytes almost = modulusOf(two);
+    almost.back() ^= 1;
+    for (const Bytes& other : {almost, Bytes(almost.begin(), almost.end() - 1)}) {
+        scripted::next("talvik_getCertificateDetails", {.output = other});
+        scripted::next("talvik_getCertificateDetails", {.output = Bytes{}});
+        expectFailure(get(PP_CERTCHAIN, 200), NTE_NO_KEY, head(9) + missing,
+                      lists + Lines{details("01"), details("02")});
+    }
+    scripted::next("talvik_getCertificateDetails", {.output = almost});
+    scripted::next("talvik_getCertificateDetails", {.output = modulusOf(two)});
+    expectFailure(get(PP_CERTCHAIN, 200), NTE_BAD_KEY,
+                  head(9) + match(TWO) + Lines{"ERROR Failed creating leaf certificate"},
+                  lists + Lines{details("01"), details("02")});
+    EXPECT_EQ(size, 200u);
+}
+
+TEST_F(CspProviderParamTest, Refusals) {
+    const std::string noContext = ": context is null or not initialized";
+    const auto refused = [](HCRYPTPROV context, DWORD param) {
+        return [=] { return CPGetProvParam(context, param, nullptr, nullptr, 0); };
+    };
+    // Here the context comes before the entry's own line.
+    for (const HCRYPTPROV context : {HCRYPTPROV{0}, invalid}) {
+        expectFailure(refused(context, PP_NAME), NTE_BAD_UID, {"ERROR CPGetProvParam" + noContext}, {});
+        expectFailure([&] { return CPSetProvParam(context, 33, nullptr, 0); }, NTE_BAD_UID,
+                      {"ERROR CPSetProvParam" + noContext}, {});
+    }
+    for (const DWORD param : {0u, 7u, 10u, 15u, 18u, 21u, 23u, 26u, 28u, 30u, 34u, 35u, 37u, 41u, 0xFFFFFFFFu}) {
+        expectFailure(get(param, 200, CRYPT_FIRST), NTE_BAD_TYPE,
+                      head(param) + Lines{"ERROR CPGetProvParam: unsupported dwParam=" + text(param)}, {});
+        EXPECT_TRUE(holds({}));
+    }
+    for (const DWORD param : {0u, 2u, 31u, 34u, 37u, 39u, 0xFFFFFFFFu})
+        expectFailure(set(param, "1234"), NTE_BAD_TYPE,
+                      {"DEBUG CPSetProvParam", "DEBUG CPSetProvParam - input param : " + text(param),
+                       "ERROR CPSetProvParam: unsupported dwParam=" + text(param)},
+                      {});
+    for (const DWORD param : {PP_NAME, PP_KEYSPEC, PP_ENUMALGS, PP_CERTCHAIN}) {
+        log.mark();
+        EXPECT_FALSE(refused(prov, param)());
+        EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+        EXPECT_THAT(ofLevel(log.take(), "ERROR"), SizeIs(1));
+    }
+}
+
+TEST_F(CspProviderParamTest, ThePinIsValidatedAndKept) {
+    const std::string longPin(300, '7');
+    for (const DWORD param : {PP_KEYEXCHANGE_PIN, PP_SIGNATURE_PIN}) {
+        const Lines start = {"DEBUG CPSetProvParam", "DEBUG CPSetProvParam - input param : " + text(param)};
+        clearDevicePassword(DEVICE);
+        for (const std::string& pin : {std::string("1234"), std::string(), longPin, std::string("5678")}) {
+            const Lines calls = {"talvik_validatePassword(\"T1\", \"" + pin + "\", 1, 0, null)"};
+            const Lines lines = start + Lines{"DEBUG CPSetProvParam - passwordLength : " + text(pin.size())};
+            const std::string before = getDevicePassword(DEVICE).c_str();
+            scripted::next("talvik_validatePassword", {.status = 5, .length = 2});
+            expectFailure(set(param, pin.c_str()), NTE_KEYSET_ENTRY_BAD,
+                          lines + Lines{"ERROR CPSetProvParam - Token password validation failed : 5"}, calls);
+            EXPECT_EQ(getDevicePassword(DEVICE).c_str(), before);
+            expectSuccess(set(param, pin.c_str()), lines, calls);
+            EXPECT_EQ(getDevicePassword(DEVICE).c_str(), pin);
+        }
+        expectFailure(set(param, nullptr), ERROR_INVALID_PARAMETER,
+                      start + Lines{"ERROR CPSetProvParam: NULL PIN data"}, {});
+    }
+    EXPECT_THAT(robot.finish(), IsEmpty());
+}
+
+TEST_F(CspProviderParamTest, WindowAndRandomSource) {
+    const auto start = [](DWORD param) {
+        return Lines{"DEBUG CPSetProvParam", "DEBUG CPSetProvParam - input param : " + text(param)};
+    };
+    const std::uint64_t window = 0x1122334455667788;
+    const auto& context = *reinterpret_cast<csp::CspContext*>(prov);
+    expectSuccess(set(PP_CLIENT_HWND, &window), start(1), {});
+    EXPECT_EQ(context.clientWindow, window);
+    expectSuccess(set(PP_CLIENT_HWND, nullptr), start(1), {});
+    EXPECT_EQ(context.clientWindow, 0u);
+    for (const auto& [given, kept] : {std::pair<DWORD, DWORD>{5, 1}, {0, 0}, {0x80000000, 1}}) {
+        expectSuccess(set(PP_USE_HARDWARE_RNG, &given),
+                      start(38) + Lines{"DEBUG CPSetProvParam: PP_USE_HARDWARE_RNG set to " + text(kept)}, {});
+        EXPECT_TRUE(get(PP_USE_HARDWARE_RNG, 4)());
+        EXPECT_TRUE(holds(word(kept)));
+    }
+    expectFailure(set(PP_USE_HARDWARE_RNG, nullptr), ERROR_INVALID_PARAMETER,
+                  start(38) + Lines{"ERROR CPSetProvParam: NULL data for PP_USE_HARDWARE_RNG"}, {});
+}
+
+// --- CPGenRandom, and what is not supported --------------------------------------------------------------------------
+
+TEST_F(CspProviderParamTest, RandomBytesComeFromTheChosenSource) {
+    const auto draw = [&](DWORD length) {
+        return [=, this] {
+            data = filled(200, 0xCD);
+            return CPGenRandom(prov, length, data.data());
+        };
+    };
+    struct {
+        DWORD contextFlags, hardware;
+        std::string device, source, lineBefore, failed;
+    } const rows[] = {
+        {0, 1, "T1", "false", "", "Random number generation failed: "},
+        {0, 0, "T1", "true", "", "Random number generation failed: "},
+        {CRYPT_VERIFYCONTEXT, 1, "", "true", "DEBUG CPGenRandom: no token, using software RNG",
+         "CPGenRandom: software RNG failed: "},
+    };
+    for (const auto& row : rows) {
+        prov = acquire("", row.contextFlags);
+        EXPECT_TRUE(set(PP_USE_HARDWARE_RNG, &row.hardware)());
+        const Lines lines = row.lineBefore.empty() ? Lines{} : Lines{row.lineBefore};
+        const Lines calls = {"talvik_generateRamdomNumber(\"" + row.device + "\", 7, out, " + row.source + ", null)"};
+        scripted::next("talvik_generateRamdomNumber", {.output = bytes(7)});
+        expectSuccess(draw(7), lines, calls);
+        EXPECT_TRUE(holds(bytes(7)));
+        scripted::next("talvik_generateRamdomNumber", {.status = 3});
+        expectFailure(draw(7), NTE_PROVIDER_DLL_FAIL, lines + Lines{"ERROR " + row.failed + "3"}, calls);
+    }
+    for (const HCRYPTPROV context : {HCRYPTPROV{0}, invalid})
+        expectFailure([&] { return CPGenRandom(context, 0, nullptr); }, NTE_BAD_UID,
+                      {"ERROR CPGenRandom: context is null or not initialized"}, {});
+    const std::string noRoom = "ERROR CPGenRandom: invalid buffer or length, cbLen=";
+    expectFailure(draw(0), ERROR_INVALID_PARAMETER, {noRoom + "0"}, {});
+    expectFailure([&] { return CPGenRandom(prov, 7, nullptr); }, ERROR_INVALID_PARAMETER, {noRoom + "7"}, {});
+}
+
+TEST_F(CspProviderParamTest, DerivedAndHashedSessionKeysAreNotSupported) {
+    HCRYPTKEY derived = UNTOUCHED_HANDLE;
+    expectRefusals("CPDeriveKey", {{[&] { return CPDeriveKey(prov, CALG_AES_128, 5, 6, &derived); }, NTE_NOT_SUPPORTED,
+                                    "CPDeriveKey: not supported"}});
+    EXPECT_EQ(derived, UNTOUCHED_HANDLE);
+    expectRefusals("CPHashSessionKey", {{[&] { return CPHashSessionKey(prov, 5, 6, 7); }, ERROR_CALL_NOT_IMPLEMENTED,
+                                         "CPHashSessionKey: not supported, hHash=5 hKey=6 dwFlags=7"}});
+}
+
+}  // namespace
