@@ -32,10 +32,20 @@ struct Header {
 
 std::atomic<std::size_t> used{0};
 
+std::atomic<unsigned char*> reserved{nullptr};
+
+// Not a local static: the guard of its initialisation would allocate.
 unsigned char* arena() {
-    static auto* const begin =
-        static_cast<unsigned char*>(VirtualAlloc(nullptr, arenaSize, MEM_RESERVE, PAGE_NOACCESS));
-    return begin;
+    if (unsigned char* const present = reserved) {
+        return present;
+    }
+    auto* const fresh = static_cast<unsigned char*>(VirtualAlloc(nullptr, arenaSize, MEM_RESERVE, PAGE_NOACCESS));
+    unsigned char* other = nullptr;
+    if (reserved.compare_exchange_strong(other, fresh)) {
+        return fresh;
+    }
+    VirtualFree(fresh, 0, MEM_RELEASE);
+    return other;
 }
 
 bool isOurs(const void* memory) {
@@ -70,13 +80,10 @@ void* allocate(std::size_t size) noexcept {
     return first + pages * pageSize - occupied(size);
 }
 
-// The header is in the page where the block begins, or, when the block begins with its page, in the one before.
+// Between the header's end and the block there is less than a page.
 unsigned char* firstPageOf(void* memory, Header& header) {
-    auto page = reinterpret_cast<std::uintptr_t>(memory) / pageSize * pageSize;
-    if (page == reinterpret_cast<std::uintptr_t>(memory)) {
-        page -= pageSize;
-    }
-    auto* const first = reinterpret_cast<unsigned char*>(page);
+    const auto at = reinterpret_cast<std::uintptr_t>(memory) - sizeof(Header);
+    auto* const first = reinterpret_cast<unsigned char*>(at / pageSize * pageSize);
     std::memcpy(&header, first, sizeof header);
     if (header.pages == 0 || first + header.pages * pageSize - occupied(header.size) != memory) {
         stop("released twice, or something else wrote over the beginning of a block");

@@ -1,7 +1,7 @@
 // That the guard works, and what the unit tests do not call: registration.
 #include <windows.h>
 
-#include <csignal>
+#include <cstdint>
 #include <cstdlib>
 #include <gtest/gtest.h>
 #include <memory>
@@ -11,22 +11,22 @@ extern "C" HRESULT WINAPI DllUnregisterServer();
 
 namespace {
 
-bool isReadable(const volatile unsigned char* at) {
+bool isReadable(std::uintptr_t at) {
     MEMORY_BASIC_INFORMATION region{};
-    VirtualQuery(const_cast<const unsigned char*>(at), &region, sizeof region);
+    VirtualQuery(reinterpret_cast<const void*>(at), &region, sizeof region);
     return region.State == MEM_COMMIT;
 }
 
 TEST(GuardedHeap, EndsBlocksAtAGuardAndTakesThemAway) {
     for (const std::size_t size : {std::size_t{1}, std::size_t{13}, std::size_t{4096 - 16}, std::size_t{4099}}) {
         auto block = std::make_unique<unsigned char[]>(size);
-        const volatile unsigned char* const begin = block.get();
+        const volatile auto begin = reinterpret_cast<std::uintptr_t>(block.get());
         EXPECT_TRUE(isReadable(begin + size - 1));
         EXPECT_FALSE(isReadable(begin + size)) << size;
         block.reset();
         EXPECT_FALSE(isReadable(begin)) << size;
         void* const allocated = std::malloc(size);
-        EXPECT_FALSE(isReadable(static_cast<unsigned char*>(allocated) + size)) << size;
+        EXPECT_FALSE(isReadable(reinterpret_cast<std::uintptr_t>(allocated) + size)) << size;
         std::free(allocated);
     }
 }
