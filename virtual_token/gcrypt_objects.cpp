@@ -1,5 +1,10 @@
 #include "gcrypt_objects.h"
 
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <malloc.h>
+
 #include "status.h"
 
 namespace virtual_token {
@@ -11,7 +16,34 @@ constexpr std::size_t tagLength = 16;
 // The library writes hints about the machine's disks to the standard error of whatever program has loaded us.
 void ignoreLogLine(void*, int, const char*, va_list) {}
 
+// The library wipes the numbers that it releases but not the expressions, in which padded plaintexts and private keys
+// travel. Whatever it releases is wiped here.
+void* allocate(std::size_t size) {
+    return std::malloc(size);
+}
+
+int isSecure(const void*) {
+    return 0;
+}
+
+void release(void* memory) {
+    if (memory != nullptr) {
+        SecureZeroMemory(memory, _msize(memory));
+        std::free(memory);
+    }
+}
+
+void* reallocate(void* memory, std::size_t size) {
+    void* const moved = std::malloc(size);
+    if (moved != nullptr && memory != nullptr) {
+        std::memcpy(moved, memory, std::min(size, _msize(memory)));
+        release(memory);
+    }
+    return moved;
+}
+
 bool initialise() {
+    gcry_set_allocation_handler(allocate, allocate, isSecure, reallocate, release);
     require(gcry_check_version(GCRYPT_VERSION) != nullptr, Status::InternalError);
     gcry_set_log_handler(ignoreLogLine, nullptr);
     // The locked memory pool has one lock for all threads and room for few keys; freed numbers are wiped without it.

@@ -136,6 +136,11 @@ void Token::forget(const Snapshot& fresh) {
 
 SnapshotPointer Token::store(TokenState state, std::shared_ptr<ObjectSet> objects) {
     const std::string text = writeTokenText(state, objects->objects());
+    if (state.signOn != SignOn::On) {
+        // Of the sign-on that ends, or of one that was cut off: they open the token without its PIN.
+        deleteFile(siblingPath(L".session"));
+        deleteFile(siblingPath(L".session.new"));
+    }
     const FileStamp stamp = replaceFile(path_, viewOf(text), false);
     return install({std::move(state), std::move(objects), stamp});
 }
@@ -296,7 +301,6 @@ void Token::endSignOn(SignOn how) {
         TokenState state = now.state;
         state.signOn = how;
         store(std::move(state), now.objects);
-        deleteFile(siblingPath(L".session"));
     });
 }
 

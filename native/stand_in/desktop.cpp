@@ -121,6 +121,11 @@ UINT WINAPI GetDlgItemTextA(HWND window, INT, LPSTR buffer, INT size) {
     return static_cast<UINT>(length);
 }
 
+BOOL WINAPI SetDlgItemTextA(HWND window, INT, LPCSTR text) {
+    dialogOf(window).pin = text;
+    return TRUE;
+}
+
 INT WINAPI MessageBoxA(HWND, LPCSTR text, LPCSTR caption, UINT) {
     if (User* const user = seated) {
         user->message(caption, text);

@@ -1,6 +1,7 @@
 #include "token/pin_dialog.h"
 
 #include <mutex>
+#include <string>
 #include <utility>
 
 #include "log/log.h"
@@ -39,6 +40,18 @@ void takePin(HWND dialog) {
     SecureZeroMemory(pin, sizeof pin);
 }
 
+// The edit control releases its text as it is; what it releases then is as many asterisks.
+void blotOut(HWND dialog) {
+    const LRESULT length = SendDlgItemMessageA(dialog, IDC_USER_PIN, WM_GETTEXTLENGTH, 0, 0);
+    const std::string filler(static_cast<std::size_t>(length), '*');
+    SetDlgItemTextA(dialog, IDC_USER_PIN, filler.c_str());
+}
+
+void endDialog(HWND dialog) {
+    blotOut(dialog);
+    EndDialog(dialog, 0);
+}
+
 INT_PTR onCommand(HWND dialog, WORD control, WORD notification) {
     switch (control) {
         case IDC_USER_PIN:
@@ -55,7 +68,7 @@ INT_PTR onCommand(HWND dialog, WORD control, WORD notification) {
         default:
             break;
     }
-    EndDialog(dialog, 0);
+    endDialog(dialog);
     return TRUE;
 }
 
@@ -67,7 +80,7 @@ INT_PTR CALLBACK pinDialogProcedure(HWND dialog, UINT message, WPARAM wParam, LP
         case WM_COMMAND:
             return onCommand(dialog, LOWORD(wParam), HIWORD(wParam));
         case WM_CLOSE:
-            EndDialog(dialog, 0);
+            endDialog(dialog);
             return TRUE;
         default:
             return FALSE;
@@ -91,6 +104,10 @@ void showPinDialog(HWND owner) {
 SecretText getEnteredPin() {
     const std::lock_guard guard(enteredPinLock);
     return enteredPin;
+}
+
+void forgetEnteredPin() {
+    setEnteredPin({});
 }
 
 void showTokenMessage(const char* message) {

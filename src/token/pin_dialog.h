@@ -13,6 +13,9 @@ void showPinDialog(HWND owner);
 
 SecretText getEnteredPin();
 
+// Nothing of the PIN stays here once whoever asked for it has it.
+void forgetEnteredPin();
+
 // Tells the user something in a message box of the product's caption.
 void showTokenMessage(const char* message);
 

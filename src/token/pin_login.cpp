@@ -29,6 +29,7 @@ bool hasValidatedPin(const std::string& deviceId) {
 SecretText askForPin(HWND owner, const LoginTexts& texts) {
     showPinDialog(owner);
     SecretText pin = getEnteredPin();
+    forgetEnteredPin();
     if (pin.empty()) {
         logDebug(texts.cancelled);
     }

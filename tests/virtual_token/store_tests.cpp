@@ -5,6 +5,7 @@
 #include <set>
 #include <thread>
 
+#include "soak/power_cut.h"
 #include "virtual_token/fixture.h"
 
 namespace talvik_test {
@@ -24,9 +25,8 @@ int runAsChild(const std::string& role) {
         }
         return status;
     }
-    if (role == "generate-forever") {
-        while (generate(TALVIK_KEY_EC_P256, TALVIK_USAGE_SIGN).status == 0) {
-        }
+    if (role.starts_with("cut:")) {
+        return workUntilCut(role.substr(4));
     }
     return -1;
 }
@@ -89,27 +89,6 @@ TEST_F(VirtualTokenTest, ProcessesShareAToken) {
         EXPECT_EQ(maker->wait(), 0u);
     }
     EXPECT_EQ(storedIds().size(), 15u);
-}
-
-// Killed again and again in the middle of its work, a process loses nothing and leaves no lock behind.
-TEST_F(VirtualTokenTest, KillsLoseNothing) {
-    std::set<std::string> before;
-    for (int round = 0; round < 6; ++round) {
-        ChildProcess maker(thisProgram() + L" --as generate-forever");
-        const std::size_t goal = before.size() + 3;
-        while (storedIds().size() < goal) {
-            SwitchToThread();
-        }
-        const std::set<std::string> seen = storedIds();
-        maker.kill();
-        const std::set<std::string> after = storedIds();
-        EXPECT_TRUE(std::ranges::includes(after, seen));
-        EXPECT_TRUE(std::ranges::includes(seen, before));
-        before = after;
-    }
-    EXPECT_EQ(login(pin), 0);
-    EXPECT_EQ(generate(TALVIK_KEY_EC_P256, TALVIK_USAGE_SIGN).status, 0);
-    EXPECT_EQ(storedIds().size(), before.size() + 1);
 }
 
 // Readers copy lists while a writer changes the token.

@@ -1,0 +1,115 @@
+#include "soak/watch.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <sstream>
+#include <tlhelp32.h>
+
+namespace soak {
+
+namespace {
+
+constexpr std::uintptr_t highestHandle = 0x20000;
+
+std::size_t heapBytesInUse() {
+    std::vector<HANDLE> heaps(GetProcessHeaps(0, nullptr));
+    heaps.resize(std::min<std::size_t>(heaps.size(), GetProcessHeaps(static_cast<DWORD>(heaps.size()), heaps.data())));
+    std::size_t bytes = 0;
+    for (const HANDLE heap : heaps) {
+        HeapLock(heap);
+        PROCESS_HEAP_ENTRY entry{};
+        while (HeapWalk(heap, &entry)) {
+            bytes += (entry.wFlags & PROCESS_HEAP_ENTRY_BUSY) != 0 ? entry.cbData : 0;
+        }
+        HeapUnlock(heap);
+    }
+    return bytes;
+}
+
+std::size_t committedPrivateBytes() {
+    std::size_t bytes = 0;
+    MEMORY_BASIC_INFORMATION region{};
+    for (const unsigned char* at = nullptr; VirtualQuery(at, &region, sizeof region) != 0;
+         at = static_cast<const unsigned char*>(region.BaseAddress) + region.RegionSize) {
+        bytes += region.State == MEM_COMMIT && region.Type == MEM_PRIVATE ? region.RegionSize : 0;
+    }
+    return bytes;
+}
+
+unsigned openHandles() {
+    unsigned count = 0;
+    for (std::uintptr_t value = 4; value < highestHandle; value += 4) {
+        DWORD flags = 0;
+        count += GetHandleInformation(reinterpret_cast<HANDLE>(value), &flags) != FALSE;
+    }
+    return count;
+}
+
+unsigned runningThreads() {
+    unsigned count = 0;
+    const HANDLE list = CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
+    THREADENTRY32 entry{};
+    entry.dwSize = sizeof entry;
+    for (BOOL more = Thread32First(list, &entry); more; more = Thread32Next(list, &entry)) {
+        count += entry.th32OwnerProcessID == GetCurrentProcessId();
+    }
+    CloseHandle(list);
+    return count;
+}
+
+}  // namespace
+
+Footprint footprint() {
+    return {heapBytesInUse(), committedPrivateBytes(), openHandles(), runningThreads()};
+}
+
+std::string difference(const Footprint& before, const Footprint& after) {
+    std::ostringstream text;
+    text << "heap in use " << before.heapBytes << " -> " << after.heapBytes << ", private memory "
+         << before.committedBytes << " -> " << after.committedBytes << ", handles " << before.handles << " -> "
+         << after.handles << ", threads " << before.threads << " -> " << after.threads;
+    return text.str();
+}
+
+bool isFlat(const Footprint& before, const Footprint& after) {
+    return before.heapBytes != 0 && before.handles != 0 && after.heapBytes <= before.heapBytes + (256u << 10) &&
+           after.committedBytes <= before.committedBytes + (4u << 20) && after.handles <= before.handles + 8 &&
+           after.threads <= before.threads;
+}
+
+Watchdog::Watchdog(std::size_t threads, ULONGLONG longestMilliseconds)
+    : places_(threads), longest_(longestMilliseconds), thread_([this] {
+          while (!stop_) {
+              look();
+              Sleep(100);
+          }
+      }) {}
+
+Watchdog::~Watchdog() {
+    stop_ = true;
+    thread_.join();
+}
+
+void Watchdog::enters(std::size_t thread, const char* operation) {
+    places_[thread].since = GetTickCount64();
+    places_[thread].operation = operation;
+}
+
+void Watchdog::look() const {
+    const ULONGLONG now = GetTickCount64();
+    for (const Place& place : places_) {
+        if (place.operation == nullptr || now < place.since + longest_) {
+            continue;
+        }
+        for (std::size_t i = 0; i < places_.size(); ++i) {
+            const char* const operation = places_[i].operation;
+            std::fprintf(stderr, "thread %u: %s for %llu ms\n", static_cast<unsigned>(i),
+                         operation != nullptr ? operation : "at rest", now - places_[i].since);
+        }
+        std::fflush(stderr);
+        TerminateProcess(GetCurrentProcess(), 3);
+    }
+}
+
+}  // namespace soak

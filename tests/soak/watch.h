@@ -1,0 +1,55 @@
+// What a long run is watched by: who is in which operation for how long, and what the process holds.
+#pragma once
+
+#include <windows.h>
+
+#include <atomic>
+#include <cstddef>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace soak {
+
+// Counted one by one: Wine answers 0 when it is asked for a process's private bytes or number of handles. For a moment
+// when the other threads are at rest.
+struct Footprint {
+    std::size_t heapBytes = 0;       // in use, of all heaps
+    std::size_t committedBytes = 0;  // private memory
+    unsigned handles = 0;
+    unsigned threads = 0;
+};
+Footprint footprint();
+
+// "1 -> 2" for each of them.
+std::string difference(const Footprint& before, const Footprint& after);
+
+// Whether nothing has grown, but for what the heap needs to arrange itself.
+bool isFlat(const Footprint& before, const Footprint& after);
+
+// Each thread says what it is about to do. When one of them is at it for too long, everybody's operation is printed and
+// the process ends with exit code 3.
+class Watchdog {
+  public:
+    explicit Watchdog(std::size_t threads, ULONGLONG longestMilliseconds = 60000);
+    ~Watchdog();
+    Watchdog(const Watchdog&) = delete;
+    Watchdog& operator=(const Watchdog&) = delete;
+
+    void enters(std::size_t thread, const char* operation);
+    void rests(std::size_t thread) { enters(thread, nullptr); }
+
+  private:
+    struct Place {
+        std::atomic<const char*> operation{nullptr};
+        std::atomic<ULONGLONG> since{0};
+    };
+    void look() const;
+
+    std::vector<Place> places_;
+    const ULONGLONG longest_;
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+};
+
+}  // namespace soak
