@@ -74,8 +74,8 @@ void measureKeyCount(const Provider& provider, unsigned int count, Json& rows) {
             const AnsweredQueries answered;
             operation.work();
         };
-        const Timings own = measure({9, 10}, {withoutQueries, copyList});
-        const Timings whole = measure({5, 5}, {operation.work});
+        const Timings own = measure({9, 3, 3}, {withoutQueries, copyList});
+        const Timings whole = measure({3, 2, 3}, {operation.work});
         rows.push_back({{"section", "keys"},
                         {"id", std::string("keys.") + operation.id + "." + std::to_string(count)},
                         {"operation", operation.id},

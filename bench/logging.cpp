@@ -40,7 +40,7 @@ void measureLogging(const BenchToken& token, Json& rows) {
         RegGetValueA(key, nullptr, "logLevel", RRF_RT_ANY, nullptr, level, &size);
     };
     const Work debugLine = [] { logDebug("CPHashData: a line of the usual length, number ", 42); };
-    const Timings suppressed = measure({25, 15}, {debugLine, query});
+    const Timings suppressed = measure({25, 4, 3}, {debugLine, query});
     const Summary perLine = suppressed.speed(1, 0);
     addRow(rows, "log.query", "one query of the open registry key", suppressed.of(1));
     addRow(rows, "log.suppressed", "a suppressed DEBUG line", suppressed.of(0));

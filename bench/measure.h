@@ -22,10 +22,13 @@ struct Summary {
 Summary summarize(std::vector<double> values);
 Json toJson(const Summary& summary);
 
-// How long to measure. A round repeats each way until it has taken the given time, and at least once.
+// How long to measure. In a round each way has several slices, in turn with the others, and its fastest counts: other
+// programs take the processor away in most of a slow one. A slice repeats the way until it has taken the given time,
+// and at least once.
 struct Effort {
-    int rounds = 15;
-    double millisecondsPerRound = 15;
+    int rounds = 11;
+    int slices = 4;
+    double millisecondsPerSlice = 4;
 };
 
 // Microseconds of one run, for each way in each round.

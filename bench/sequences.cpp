@@ -115,7 +115,7 @@ std::vector<Sequence> hashSequences(const BenchToken& token) {
         std::size_t piece;
         std::size_t total;
     };
-    constexpr Chunks chunks[] = {{"csp.hash.1m", "CSP hash, chunks of 1 MiB", mebibyte, 4 * mebibyte},
+    constexpr Chunks chunks[] = {{"csp.hash.1m", "CSP hash, chunks of 1 MiB", mebibyte, 16 * mebibyte},
                                  {"csp.hash.64k", "CSP hash, chunks of 64 KiB", 64u << 10, mebibyte},
                                  {"csp.hash.4k", "CSP hash, chunks of 4 KiB", 4u << 10, mebibyte},
                                  {"csp.hash.512", "CSP hash, chunks of 512 B", 512, mebibyte / 4}};
@@ -291,16 +291,23 @@ std::vector<Sequence> aesSequences(const BenchToken& token) {
         std::copy_n(output, length, buffer.begin());
         std::free(output);
     };
-    const auto decryptDirect = [&token] {
+    const auto decryptDirect = [&token](const Bytes& input) {
         int length = static_cast<int>(buffer.size());
         requireStatus(
-            talvik_decryptSymetric(token.deviceId.c_str(), ciphertext.data(), static_cast<int>(ciphertext.size()),
-                                   buffer.data(), &length, keys.iv.data(), aesBlock, keys.value.data(), 32, nullptr),
+            talvik_decryptSymetric(token.deviceId.c_str(), input.data(), static_cast<int>(input.size()), buffer.data(),
+                                   &length, keys.iv.data(), aesBlock, keys.value.data(), 32, nullptr),
             "talvik_decryptSymetric");
     };
     const auto inPlace = [](const Bytes& input, const Work& work) {
         std::copy(input.begin(), input.end(), buffer.begin());
         work();
+    };
+    const auto decryptInPlaceDirect = [=] {
+        static Bytes aside(ciphertext.size());
+        inPlace(ciphertext, [&] {
+            std::copy_n(buffer.begin(), aside.size(), aside.begin());
+            decryptDirect(aside);
+        });
     };
     const auto cspEncrypt = [&, inPlace] {
         inPlace(plaintext, [&] {
@@ -328,9 +335,9 @@ std::vector<Sequence> aesSequences(const BenchToken& token) {
         {"csp.aes.encrypt", "CSP encrypt: AES-256-CBC, 1 MiB", cspEncrypt, [=] { inPlace(plaintext, encryptDirect); }},
         {"ksp.aes.encrypt", "CNG encrypt: AES-256-CBC, 1 MiB",
          kspCipher(provider.ksp->Encrypt, plaintext, "KSPEncrypt"), encryptDirect},
-        {"csp.aes.decrypt", "CSP decrypt: AES-256-CBC, 1 MiB", cspDecrypt, [=] { inPlace(ciphertext, decryptDirect); }},
+        {"csp.aes.decrypt", "CSP decrypt: AES-256-CBC, 1 MiB", cspDecrypt, decryptInPlaceDirect},
         {"ksp.aes.decrypt", "CNG decrypt: AES-256-CBC, 1 MiB",
-         kspCipher(provider.ksp->Decrypt, ciphertext, "KSPDecrypt"), decryptDirect},
+         kspCipher(provider.ksp->Decrypt, ciphertext, "KSPDecrypt"), [=] { decryptDirect(ciphertext); }},
     };
 }
 
