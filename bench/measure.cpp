@@ -48,6 +48,10 @@ Summary Timings::speed(std::size_t way, std::size_t reference) const {
     return summarize(ratios);
 }
 
+double Timings::undisturbedSpeed(std::size_t way, std::size_t reference) const {
+    return of(reference).minimum / of(way).minimum;
+}
+
 // Every other slice takes the ways in the opposite order: what one way leaves behind weighs on both neighbours alike.
 Timings measure(const Effort& effort, const std::vector<Work>& ways) {
     std::vector<int> runs;

@@ -42,6 +42,9 @@ class Timings {
     // How many times as fast as `reference` a way was, taken round by round.
     Summary speed(std::size_t way, std::size_t reference) const;
 
+    // The same of the fastest slices of all rounds: closest to a machine that does nothing else.
+    double undisturbedSpeed(std::size_t way, std::size_t reference) const;
+
   private:
     std::vector<std::vector<double>> times_;
 };

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <set>
 
 #include "provider.h"
 
@@ -39,12 +40,14 @@ std::string spread(const Json& summary) {
 // `reference` is what the provider stands beside, `ratio` how the two compare.
 void printComparison(const Rows& rows, const char* title, const char* reference, const char* ratio) {
     const std::string ratioWithout = std::string(ratio) + "WithoutQueries";
+    const std::string undisturbed = std::string(ratio) + "Undisturbed";
     std::printf("\n%s\n%-42s %10s %10s %10s   %-26s %-26s %s\n", title, "microseconds, median", "provider", "unqueried",
                 reference, ratio, "without level queries", "queries");
     for (const Json* row : rows) {
-        std::printf("%-42s %10.1f %10.1f %10.1f   %-26s %-26s %ld\n", textOf(*row, "name").c_str(),
+        std::printf("%-42s %10.1f %10.1f %10.1f   %-26s %-26s %5.3f/%5.3f  %ld\n", textOf(*row, "name").c_str(),
                     median(*row, "provider"), median(*row, "providerWithoutQueries"), median(*row, reference),
                     spread(row->at(ratio)).c_str(), spread(row->at(ratioWithout.c_str())).c_str(),
+                    row->at(undisturbed).get<double>(), row->at(undisturbed + "WithoutQueries").get<double>(),
                     row->at("levelQueries").get<long>());
     }
 }
@@ -102,13 +105,10 @@ Summary loadingTimes(const Rows& rows, const char* field) {
 
 void printFootprint(const Rows& footprint, const Rows& loading) {
     std::printf("\nFootprint\n%-42s %10s\n", "", "bytes");
-    const Json* size = nullptr;
+    std::set<std::string> told;  // every loading process has measured the file
     for (const Json* row : footprint) {
-        if (row->at("id") == "size.module") {
-            size = size != nullptr ? nullptr : row;
-            if (size == nullptr) {
-                continue;
-            }
+        if (!told.insert(textOf(*row, "id")).second) {
+            continue;
         }
         std::printf("%-42s %10.0f\n", textOf(*row, "name").c_str(), row->at("bytes").get<double>());
     }

@@ -105,7 +105,9 @@ void compareWithDirect(const Sequence& sequence, Json& rows) {
                     {"providerWithoutQueries", toJson(timings.of(1))},
                     {"direct", toJson(timings.of(2))},
                     {"kept", toJson(timings.speed(0, 2))},
-                    {"keptWithoutQueries", toJson(timings.speed(1, 2))}});
+                    {"keptWithoutQueries", toJson(timings.speed(1, 2))},
+                    {"keptUndisturbed", timings.undisturbedSpeed(0, 2)},
+                    {"keptUndisturbedWithoutQueries", timings.undisturbedSpeed(1, 2)}});
 }
 
 std::vector<Sequence> hashSequences(const BenchToken& token) {

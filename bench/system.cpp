@@ -158,7 +158,9 @@ void measureBesideSystem(const BenchToken& token, Json& rows) {
                         {"providerWithoutQueries", toJson(timings.of(1))},
                         {"system", toJson(timings.of(2))},
                         {"speed", toJson(timings.speed(0, 2))},
-                        {"speedWithoutQueries", toJson(timings.speed(1, 2))}});
+                        {"speedWithoutQueries", toJson(timings.speed(1, 2))},
+                        {"speedUndisturbed", timings.undisturbedSpeed(0, 2)},
+                        {"speedUndisturbedWithoutQueries", timings.undisturbedSpeed(1, 2)}});
     }
 }
 
