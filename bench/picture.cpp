@@ -209,7 +209,7 @@ void drawKeys(Svg& svg, const Json& rows, double left, double top) {
 }  // namespace
 
 std::string drawPicture(const Json& rows) {
-    Svg svg(1500, 720);
+    Svg svg(1500, 740);
     svg.text(30, 38, "start", 20, ink, "What TalvikCSP costs");
     svg.text(
         30, 58, "start", 12, "#555555",

@@ -77,7 +77,7 @@ Outcome encryptAes(const CspContext& context, const KEY_HANDLE& key, BYTE* pbDat
         return fail(NTE_BAD_KEY, "CPEncrypt: unsupported symmetric key length: ", key.aesKeyLen);
     }
     const IvSnapshot iv = sharedIv();
-    LibraryBuffer output(*pdwDataLen + resultMargin);
+    LibraryBuffer output(*pdwDataLen + resultMargin, LibraryBuffer::Content::Ciphertext);
     const int status =
         talvik_encrypt_aes(context.deviceId.c_str(), aesMechanism(key.aesKeyLen, !iv.empty()), key.aesKey,
                            key.aesKeyLen, pbData, static_cast<int>(*pdwDataLen), output.bytesOut(), output.lengthOut(),

@@ -60,7 +60,7 @@ SECURITY_STATUS encryptRsa(const KspProvider& provider, const KspKey& key, ByteV
 SECURITY_STATUS encryptAes(const KspProvider& provider, const KspKey& key, ByteView input, Output out) {
     logDebug("KSP: Symmetric encrypt ", key.useEcb != 0 ? "ECB" : "CBC", " mode");
     const IvSnapshot iv = ivFor(key);
-    LibraryBuffer ciphertext(input.size() + longestAesAddition);
+    LibraryBuffer ciphertext(input.size() + longestAesAddition, LibraryBuffer::Content::Ciphertext);
     const int status =
         talvik_encrypt_aes(provider.deviceId.c_str(), aesEncryption(key), key.symmetricKey,
                            lengthOf(symmetricKeyOf(key)), input.data(), lengthOf(input), ciphertext.bytesOut(),
