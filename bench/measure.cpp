@@ -2,17 +2,33 @@
 
 #include <algorithm>
 #include <chrono>
+#include <limits>
 
 namespace talvik::bench {
 namespace {
 
-double microseconds(int runs, const std::function<void()>& work) {
+double microsecondsPerRun(int runs, const Work& work) {
+    return microsecondsOf([&] {
+               for (int i = 0; i < runs; ++i) {
+                   work();
+               }
+           }) /
+           runs;
+}
+
+// The second of two runs: the first one fills caches, opens files and logs in.
+int runsPerSlice(const Effort& effort, const Work& work) {
+    work();
+    const double once = std::max(microsecondsOf(work), 0.01);
+    return static_cast<int>(std::clamp(effort.millisecondsPerSlice * 1000 / once, 1.0, 1e6));
+}
+
+}  // namespace
+
+double microsecondsOf(const Work& work) {
     const auto start = std::chrono::steady_clock::now();
-    for (int i = 0; i < runs; ++i) {
-        work();
-    }
-    const std::chrono::duration<double, std::micro> taken = std::chrono::steady_clock::now() - start;
-    return taken.count() / runs;
+    work();
+    return std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start).count();
 }
 
 Summary summarize(std::vector<double> values) {
@@ -20,34 +36,42 @@ Summary summarize(std::vector<double> values) {
     return {values.front(), values[values.size() / 2], values.back()};
 }
 
-}  // namespace
-
-Comparison compare(const std::string& name, const Rounds& rounds, const std::function<void()>& provider,
-                   const std::function<void()>& direct) {
-    std::vector<double> providerTimes;
-    std::vector<double> directTimes;
-    std::vector<double> ratios;
-    for (int round = -rounds.warmUp; round < rounds.counted; ++round) {
-        const double providerTime = microseconds(rounds.runsPerRound, provider);
-        const double directTime = microseconds(rounds.runsPerRound, direct);
-        if (round >= 0) {
-            providerTimes.push_back(providerTime);
-            directTimes.push_back(directTime);
-            ratios.push_back(directTime / providerTime);
-        }
-    }
-    return {name, summarize(providerTimes), summarize(directTimes), summarize(ratios)};
+Json toJson(const Summary& summary) {
+    return {{"min", summary.minimum}, {"median", summary.median}, {"max", summary.maximum}};
 }
 
-Summary time(const Rounds& rounds, const std::function<void()>& work) {
-    std::vector<double> times;
-    for (int round = -rounds.warmUp; round < rounds.counted; ++round) {
-        const double taken = microseconds(rounds.runsPerRound, work);
-        if (round >= 0) {
-            times.push_back(taken);
+Summary Timings::speed(std::size_t way, std::size_t reference) const {
+    std::vector<double> ratios;
+    for (std::size_t round = 0; round < times_[way].size(); ++round) {
+        ratios.push_back(times_[reference][round] / times_[way][round]);
+    }
+    return summarize(ratios);
+}
+
+double Timings::undisturbedSpeed(std::size_t way, std::size_t reference) const {
+    return of(reference).minimum / of(way).minimum;
+}
+
+// Every other slice takes the ways in the opposite order: what one way leaves behind weighs on both neighbours alike.
+Timings measure(const Effort& effort, const std::vector<Work>& ways) {
+    std::vector<int> runs;
+    for (const Work& way : ways) {
+        runs.push_back(runsPerSlice(effort, way));
+    }
+    Timings timings(ways.size());
+    for (int round = 0; round < effort.rounds; ++round) {
+        std::vector<double> least(ways.size(), std::numeric_limits<double>::infinity());
+        for (int slice = 0; slice < effort.slices; ++slice) {
+            for (std::size_t turn = 0; turn < ways.size(); ++turn) {
+                const std::size_t way = slice % 2 == 0 ? turn : ways.size() - 1 - turn;
+                least[way] = std::min(least[way], microsecondsPerRun(runs[way], ways[way]));
+            }
+        }
+        for (std::size_t way = 0; way < ways.size(); ++way) {
+            timings.add(way, least[way]);
         }
     }
-    return summarize(times);
+    return timings;
 }
 
 }  // namespace talvik::bench

@@ -1,9 +1,10 @@
 #include "provider.h"
 
-#include <cstring>
+#include <algorithm>
 #include <vector>
 
-#include "token/device_library.h"
+#include "measure.h"
+#include "token/token_records.h"
 
 namespace talvik::bench {
 namespace {
@@ -14,8 +15,27 @@ void find(HMODULE module, Function& function, const char* name) {
     require(function != nullptr, name);
 }
 
-bool isSignatureKey(const TalvikKeyPair& key) {
-    return key.usage == TALVIK_USAGE_SIGN && key.keyType == TALVIK_KEY_RSA_2048;
+bool serves(const TalvikKeyPair& key) {
+    return key.usage == TALVIK_USAGE_BOTH && key.keyType == TALVIK_KEY_RSA_2048;
+}
+
+std::string firstDevice() {
+    const std::vector<std::string> devices = talvik_getConnectedDeviceList(false, nullptr);
+    require(!devices.empty(), "finding a token");
+    return devices.front();
+}
+
+TalvikKeyPair findOrMakeKey(const std::string& deviceId, const std::string& pin) {
+    const std::vector<TalvikKeyPair> keys = talvik_getKeyPairList(deviceId.c_str(), nullptr);
+    const auto found = std::find_if(keys.begin(), keys.end(), serves);
+    if (found != keys.end()) {
+        return *found;
+    }
+    TalvikKeyPair key = {};
+    key.usage = TALVIK_USAGE_BOTH;
+    key.keyType = TALVIK_KEY_RSA_2048;
+    requireStatus(talvik_generateKeyPair(deviceId.c_str(), pin.c_str(), &key, nullptr), "talvik_generateKeyPair");
+    return key;
 }
 
 }  // namespace
@@ -26,56 +46,70 @@ void require(BOOL result, const char* what) {
     }
 }
 
-void requireStatus(int status, const char* what) {
-    if (status != TALVIK_STATUS_OK) {
+void requireStatus(long status, const char* what) {
+    if (status != 0) {
         throw Failure(std::string(what) + " failed, status " + std::to_string(status));
     }
 }
 
-Provider::Provider() : module(LoadLibraryA("TalvikCSP.dll")) {
+Provider::Provider() {
+    loadMicroseconds = microsecondsOf([this] { module = LoadLibraryA("TalvikCSP.dll"); });
     require(module != nullptr, "LoadLibrary TalvikCSP.dll");
     find(module, acquireContext, "CPAcquireContext");
     find(module, releaseContext, "CPReleaseContext");
+    find(module, getProvParam, "CPGetProvParam");
     find(module, setProvParam, "CPSetProvParam");
-    find(module, genKey, "CPGenKey");
     find(module, getUserKey, "CPGetUserKey");
+    find(module, setKeyParam, "CPSetKeyParam");
     find(module, destroyKey, "CPDestroyKey");
+    find(module, importKey, "CPImportKey");
     find(module, createHash, "CPCreateHash");
     find(module, hashData, "CPHashData");
     find(module, getHashParam, "CPGetHashParam");
     find(module, signHash, "CPSignHash");
+    find(module, verifySignature, "CPVerifySignature");
     find(module, destroyHash, "CPDestroyHash");
-    find(module, importKey, "CPImportKey");
     find(module, encrypt, "CPEncrypt");
     find(module, decrypt, "CPDecrypt");
+    find(module, genRandom, "CPGenRandom");
+    using GetInterface = SECURITY_STATUS(WINAPI*)(LPCWSTR, const NCRYPT_KEY_STORAGE_FUNCTION_TABLE**, DWORD);
+    GetInterface getInterface = nullptr;
+    find(module, getInterface, "GetKeyStorageInterface");
+    requireStatus(getInterface(L"Talvik Cryptographic Provider CSP", &ksp, 0), "GetKeyStorageInterface");
 }
 
-TokenContext::TokenContext(const Provider& entryPoints, const std::string& pin) : provider(entryPoints) {
+Context::Context(const Provider& provider, const char* name) : provider_(provider) {
     // The provider tests the system's callbacks for presence and reads nothing in them.
     unsigned char callbacks[64] = {};
-    require(provider.acquireContext(&handle, nullptr, 0, reinterpret_cast<VTableProvStruc*>(callbacks)),
+    require(provider.acquireContext(&handle_, name, 0, reinterpret_cast<VTableProvStruc*>(callbacks)),
             "CPAcquireContext");
-    require(provider.setProvParam(handle, PP_SIGNATURE_PIN, reinterpret_cast<const BYTE*>(pin.c_str()), 0),
-            "CPSetProvParam(PP_SIGNATURE_PIN)");
-    deviceId = talvik_getConnectedDeviceList(false, nullptr).at(0);
-    std::vector<TalvikKeyPair> keys = talvik_getKeyPairList(deviceId.c_str(), nullptr);
-    if (keys.empty() || !isSignatureKey(keys.front())) {
-        HCRYPTKEY key = 0;
-        require(provider.genKey(handle, CALG_RSA_SIGN, 0, &key), "CPGenKey");
-        require(provider.destroyKey(handle, key), "CPDestroyKey");
-        keys = talvik_getKeyPairList(deviceId.c_str(), nullptr);
-    }
-    for (const TalvikKeyPair& key : keys) {
-        if (isSignatureKey(key)) {
-            std::memcpy(keyId, key.keyId, sizeof keyId);
-            return;
-        }
-    }
-    throw Failure("the token lists no RSA-2048 signature key");
 }
 
-TokenContext::~TokenContext() {
-    provider.releaseContext(handle, 0);
+Context::~Context() {
+    provider_.releaseContext(handle_, 0);
+}
+
+BenchToken::BenchToken(const Provider& entryPoints, const std::string& userPin)
+    : provider(entryPoints),
+      pin(userPin),
+      deviceId(firstDevice()),
+      key(findOrMakeKey(deviceId, pin)),
+      containerName(containerNameOf(key)),
+      publicKey(buildRsaPublicKeyDerFromBytes(publicKeyOf(key), Bytes{1, 0, 1})),
+      context(provider, containerName.c_str()) {
+    auto* const pinBytes = reinterpret_cast<BYTE*>(pin.data());
+    require(provider.setProvParam(context, PP_SIGNATURE_PIN, pinBytes, 0), "CPSetProvParam(PP_SIGNATURE_PIN)");
+    requireStatus(provider.ksp->OpenProvider(&kspProvider, nullptr, 0), "KSPOpenProvider");
+    requireStatus(provider.ksp->OpenKey(kspProvider, &kspKey, widened(containerName).c_str(), 0, 0), "KSPOpenKey");
+}
+
+BenchToken::~BenchToken() {
+    provider.ksp->FreeKey(kspProvider, kspKey);
+    provider.ksp->FreeProvider(kspProvider);
+}
+
+std::wstring widened(const std::string& text) {
+    return {text.begin(), text.end()};
 }
 
 }  // namespace talvik::bench

@@ -1,14 +1,18 @@
-// The provider's entry points, taken from the real DLL, and a context on the token that the benchmark may use.
+// The provider's two faces, taken from the real DLL, and a token with a key that the benchmark may use.
 #pragma once
 
 #include <windows.h>
 
 #include <wincrypt.h>
 
+#include <functional>
 #include <stdexcept>
 #include <string>
 
 #include "csp/entry_points.h"
+#include "ksp/ncrypt_provider.h"
+#include "token/device_library.h"
+#include "token/key_encoding.h"
 
 namespace talvik::bench {
 
@@ -18,39 +22,67 @@ struct Failure : std::runtime_error {
 
 // Fails with the last error in its text.
 void require(BOOL result, const char* what);
-void requireStatus(int status, const char* what);
+// For the device library's statuses and CNG's.
+void requireStatus(long status, const char* what);
 
 struct Provider {
     Provider();
 
     HMODULE module;
+    double loadMicroseconds;  // of the module alone: the device library was there before
+    const NCRYPT_KEY_STORAGE_FUNCTION_TABLE* ksp = nullptr;
     decltype(&CPAcquireContext) acquireContext;
     decltype(&CPReleaseContext) releaseContext;
+    decltype(&CPGetProvParam) getProvParam;
     decltype(&CPSetProvParam) setProvParam;
-    decltype(&CPGenKey) genKey;
     decltype(&CPGetUserKey) getUserKey;
+    decltype(&CPSetKeyParam) setKeyParam;
     decltype(&CPDestroyKey) destroyKey;
+    decltype(&CPImportKey) importKey;
     decltype(&CPCreateHash) createHash;
     decltype(&CPHashData) hashData;
     decltype(&CPGetHashParam) getHashParam;
     decltype(&CPSignHash) signHash;
+    decltype(&CPVerifySignature) verifySignature;
     decltype(&CPDestroyHash) destroyHash;
-    decltype(&CPImportKey) importKey;
     decltype(&CPEncrypt) encrypt;
     decltype(&CPDecrypt) decrypt;
+    decltype(&CPGenRandom) genRandom;
 };
 
-// A context on the first token with the PIN given, and an RSA-2048 signature key of that token.
-struct TokenContext {
-    TokenContext(const Provider& provider, const std::string& pin);
-    ~TokenContext();
-    TokenContext(const TokenContext&) = delete;
-    TokenContext& operator=(const TokenContext&) = delete;
+// A context on the container of `name`, or on none when it is null.
+class Context {
+  public:
+    Context(const Provider& provider, const char* name);
+    ~Context();
+    Context(const Context&) = delete;
+    Context& operator=(const Context&) = delete;
+
+    operator HCRYPTPROV() const noexcept { return handle_; }
+
+  private:
+    const Provider& provider_;
+    HCRYPTPROV handle_ = 0;
+};
+
+// The first token, its PIN given to both faces, and an RSA-2048 key on it that signs and decrypts.
+struct BenchToken {
+    BenchToken(const Provider& provider, const std::string& pin);
+    ~BenchToken();
+    BenchToken(const BenchToken&) = delete;
+    BenchToken& operator=(const BenchToken&) = delete;
 
     const Provider& provider;
-    HCRYPTPROV handle = 0;
+    std::string pin;
     std::string deviceId;
-    unsigned char keyId[16] = {};
+    TalvikKeyPair key;
+    std::string containerName;
+    Bytes publicKey;  // DER
+    Context context;
+    NCRYPT_PROV_HANDLE kspProvider = 0;
+    NCRYPT_KEY_HANDLE kspKey = 0;
 };
+
+std::wstring widened(const std::string& text);
 
 }  // namespace talvik::bench

@@ -9,12 +9,15 @@
 
 namespace talvik {
 
-// Receives `unsigned char**` and `int*` outputs of the device library and releases them with free, wiped: they carry
-// plaintexts and keys. The caller says how long an honest result can be at most; a longer or negative length, or one
-// without a buffer, counts as a failed operation.
+// Receives `unsigned char**` and `int*` outputs of the device library and releases them with free, wiped when they
+// carry plaintexts or keys. The caller says how long an honest result can be at most; a longer or negative length, or
+// one without a buffer, counts as a failed operation.
 class LibraryBuffer {
   public:
-    explicit LibraryBuffer(std::size_t longest) noexcept : longest_(longest) {}
+    enum class Content { Secret, Ciphertext };
+
+    explicit LibraryBuffer(std::size_t longest, Content content = Content::Secret) noexcept
+        : longest_(longest), content_(content) {}
     ~LibraryBuffer() { release(); }
     LibraryBuffer(const LibraryBuffer&) = delete;
     LibraryBuffer& operator=(const LibraryBuffer&) = delete;
@@ -35,7 +38,7 @@ class LibraryBuffer {
 
   private:
     void release() noexcept {
-        if (bytes_ != nullptr && isHonest()) {
+        if (content_ == Content::Secret && bytes_ != nullptr && isHonest()) {
             SecureZeroMemory(bytes_, static_cast<SIZE_T>(length_));
         }
         std::free(bytes_);
@@ -44,6 +47,7 @@ class LibraryBuffer {
     }
 
     std::size_t longest_;
+    Content content_;
     unsigned char* bytes_ = nullptr;
     int length_ = 0;
 };

@@ -1,0 +1,167 @@
+// The provider beside the system's own software CSP: the same program through the same CryptoAPI.
+#include <vector>
+
+#include "level_query.h"
+#include "sections.h"
+
+namespace talvik::bench {
+namespace {
+
+struct CryptoApiProvider {
+    const char* provider;
+    DWORD type;
+    const char* container;
+    DWORD flags;
+};
+
+// An application's context with a signature key.
+class Application {
+  public:
+    explicit Application(const CryptoApiProvider& which) : which_(which) {
+        if (CryptAcquireContextA(&context_, which.container, which.provider, which.type, which.flags) == FALSE) {
+            require(CryptAcquireContextA(&context_, which.container, which.provider, which.type,
+                                         which.flags | CRYPT_NEWKEYSET),
+                    "CryptAcquireContext");
+        }
+        if (CryptGetUserKey(context_, AT_SIGNATURE, &key_) == FALSE) {
+            require(CryptGenKey(context_, AT_SIGNATURE, 2048u << 16, &key_), "CryptGenKey");
+        }
+        signature_ = sign();
+    }
+    ~Application() {
+        CryptDestroyKey(key_);
+        CryptReleaseContext(context_, 0);
+    }
+    Application(const Application&) = delete;
+    Application& operator=(const Application&) = delete;
+
+    Bytes sign() const {
+        const Hash hash(context_, signedData_);
+        Bytes signature(512);
+        auto length = static_cast<DWORD>(signature.size());
+        require(CryptSignHashA(hash, AT_SIGNATURE, nullptr, 0, signature.data(), &length), "CryptSignHash");
+        signature.resize(length);
+        return signature;
+    }
+
+    void verify() const {
+        const Hash hash(context_, signedData_);
+        require(CryptVerifySignatureA(hash, signature_.data(), static_cast<DWORD>(signature_.size()), key_, nullptr, 0),
+                "CryptVerifySignature");
+    }
+
+    void hash(const Bytes& piece, std::size_t pieces) const {
+        const Hash hash(context_, piece);
+        for (std::size_t i = 1; i < pieces; ++i) {
+            hash.add(piece);
+        }
+        BYTE digest[64];
+        DWORD length = sizeof digest;
+        require(CryptGetHashParam(hash, HP_HASHVAL, digest, &length, 0), "CryptGetHashParam");
+    }
+
+    void drawRandom() const {
+        BYTE random[1024];
+        require(CryptGenRandom(context_, sizeof random, random), "CryptGenRandom");
+    }
+
+    // A context of its own: CryptoAPI keeps the module for the one that is open.
+    void acquireAndRelease() const {
+        HCRYPTPROV context = 0;
+        require(CryptAcquireContextA(&context, which_.container, which_.provider, which_.type, which_.flags),
+                "CryptAcquireContext");
+        require(CryptReleaseContext(context, 0), "CryptReleaseContext");
+    }
+
+  private:
+    class Hash {
+      public:
+        Hash(HCRYPTPROV context, const Bytes& data) {
+            require(CryptCreateHash(context, CALG_SHA_256, 0, 0, &handle_), "CryptCreateHash");
+            add(data);
+        }
+        ~Hash() { CryptDestroyHash(handle_); }
+        Hash(const Hash&) = delete;
+        Hash& operator=(const Hash&) = delete;
+
+        void add(const Bytes& data) const {
+            require(CryptHashData(handle_, data.data(), static_cast<DWORD>(data.size()), 0), "CryptHashData");
+        }
+        operator HCRYPTHASH() const noexcept { return handle_; }
+
+      private:
+        HCRYPTHASH handle_ = 0;
+    };
+
+    const CryptoApiProvider& which_;
+    const Bytes signedData_ = Bytes(1024, 0x5A);
+    HCRYPTPROV context_ = 0;
+    HCRYPTKEY key_ = 0;
+    Bytes signature_;
+};
+
+struct Task {
+    const char* id;
+    const char* name;
+    std::function<void(const Application&)> run;
+};
+
+std::vector<Task> tasks() {
+    std::vector<Task> list = {
+        {"system.sign", "sign: SHA-256 of 1 KiB, RSA-2048", [](const Application& application) { application.sign(); }},
+        {"system.verify", "verify: SHA-256 of 1 KiB, RSA-2048",
+         [](const Application& application) { application.verify(); }},
+        {"system.random", "random: 1 KiB", [](const Application& application) { application.drawRandom(); }},
+        {"system.context", "context: acquire, release",
+         [](const Application& application) { application.acquireAndRelease(); }},
+    };
+    struct Chunks {
+        const char* id;
+        const char* name;
+        std::size_t piece;
+        std::size_t pieces;
+    };
+    constexpr Chunks chunks[] = {{"system.hash.512", "hash, chunks of 512 B", 512, 512},
+                                 {"system.hash.4k", "hash, chunks of 4 KiB", 4u << 10, 128},
+                                 {"system.hash.64k", "hash, chunks of 64 KiB", 64u << 10, 16},
+                                 {"system.hash.1m", "hash, chunks of 1 MiB", 1u << 20, 2}};
+    for (const Chunks& row : chunks) {
+        list.push_back(
+            {row.id, row.name, [piece = Bytes(row.piece, 0xA5), pieces = row.pieces](const Application& application) {
+                 application.hash(piece, pieces);
+             }});
+    }
+    return list;
+}
+
+}  // namespace
+
+void measureBesideSystem(const BenchToken& token, Json& rows) {
+    const CryptoApiProvider talvik = {"Talvik Cryptographic Provider CSP", PROV_RSA_FULL, token.containerName.c_str(),
+                                      0};
+    const CryptoApiProvider software = {MS_ENH_RSA_AES_PROV_A, PROV_RSA_AES, "talvik_bench", 0};
+    const Application own(talvik);
+    const Application system(software);
+    for (const Task& task : tasks()) {
+        const Work provider = [&] { task.run(own); };
+        const Work withoutQueries = [&] {
+            const AnsweredQueries answered;
+            task.run(own);
+        };
+        const Timings timings = measure({}, {provider, withoutQueries, [&] { task.run(system); }});
+        rows.push_back({{"section", "system"},
+                        {"id", task.id},
+                        {"name", task.name},
+                        {"library", "virtual token"},
+                        {"levelQueries", queriesOf(provider)},
+                        {"provider", toJson(timings.of(0))},
+                        {"providerWithoutQueries", toJson(timings.of(1))},
+                        {"system", toJson(timings.of(2))},
+                        {"speed", toJson(timings.speed(0, 2))},
+                        {"speedWithoutQueries", toJson(timings.speed(1, 2))},
+                        {"speedUndisturbed", timings.undisturbedSpeed(0, 2)},
+                        {"speedUndisturbedWithoutQueries", timings.undisturbedSpeed(1, 2)}});
+    }
+}
+
+}  // namespace talvik::bench
