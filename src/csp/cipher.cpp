@@ -12,7 +12,6 @@
 #include "token/library_buffer.h"
 #include "token/pin_login.h"
 #include "token/public_key.h"
-#include "token/scratch_copy.h"
 #include "token/secret_bytes.h"
 #include "token/session.h"
 #include "token/shared_state.h"
@@ -163,26 +162,19 @@ Outcome decryptRsa(const CspContext& context, const KEY_HANDLE& key, BYTE* pbDat
     return deliverPlaintext(output.view(), pbData, pdwDataLen);
 }
 
-// The token decrypts straight into the caller's buffer, where the ciphertext was: megabytes of plaintext are neither
-// copied nor wiped. What the plaintext does not cover, and all of it after a failure, is what it was.
 Outcome decryptAes(const CspContext& context, const KEY_HANDLE& key, BYTE* pbData, DWORD* pdwDataLen) {
     const IvSnapshot iv = sharedIv();
-    const ScratchCopy copy({pbData, *pdwDataLen});
-    const ByteView ciphertext = copy.view();
-    int length = static_cast<int>(ciphertext.size());
+    SecretBytes output(*pdwDataLen);
+    int length = static_cast<int>(output.size());
     logDebug("CPDecrypt input iv : ", HexBytes{iv.data(), iv.length()});
     logDebug("CPDecrypt input key : ", HexBytes{key.aesKey, key.aesKeyLen});
-    const int status = talvik_decryptSymetric(context.deviceId.c_str(), ciphertext.data(), length, pbData, &length,
+    const int status = talvik_decryptSymetric(context.deviceId.c_str(), pbData, length, output.data(), &length,
                                               iv.data(), iv.length(), key.aesKey, key.aesKeyLen, nullptr);
-    if (status != TALVIK_STATUS_OK || length < 0 || static_cast<std::size_t>(length) > ciphertext.size()) {
-        std::copy(ciphertext.begin(), ciphertext.end(), pbData);
+    if (status != TALVIK_STATUS_OK || length < 0 || static_cast<std::size_t>(length) > output.size()) {
         return fail(NTE_PROVIDER_DLL_FAIL, "Symetric decryption failed : ", status);
     }
-    logDebug("CPDecrypt - decrypted data : ", HexBytes{pbData, length});
-    std::copy(ciphertext.begin() + length, ciphertext.end(), pbData + length);
-    *pdwDataLen = static_cast<DWORD>(length);
-    logDebug("CPDecrypt- return");
-    return success();
+    logDebug("CPDecrypt - decrypted data : ", HexBytes{output.data(), length});
+    return deliverPlaintext(output.first(static_cast<std::size_t>(length)), pbData, pdwDataLen);
 }
 
 Outcome decrypt(HCRYPTPROV hProv, HCRYPTKEY hKey, DWORD dwFlags, BYTE* pbData, DWORD* pdwDataLen) {

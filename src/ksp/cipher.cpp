@@ -1,6 +1,4 @@
 // KSPEncrypt and KSPDecrypt.
-#include <functional>
-#include <optional>
 #include <string>
 
 #include "ksp/algorithms.h"
@@ -116,41 +114,24 @@ SECURITY_STATUS decryptRsa(const KspProvider& provider, const KspKey& key, ByteV
     return answered;
 }
 
-// Whether the token can write straight into the caller's buffer, which spares a copy and a wiping of what may be
-// megabytes: there is room for whatever a ciphertext of this length becomes, and the ciphertext lies elsewhere.
-bool takesWholeResult(const Output& out, ByteView input) {
-    const std::less_equal<const BYTE*> before;
-    return !out.isSizeQuery() && out.room >= input.size() &&
-           (before(out.buffer + input.size(), input.data()) || before(input.data() + input.size(), out.buffer));
-}
-
 SECURITY_STATUS decryptAes(const KspProvider& provider, const KspKey& key, ByteView input, Output out) {
     const IvSnapshot iv = ivFor(key);
     const ByteView keyBytes = symmetricKeyOf(key);
     logDebug("KSP: Symmetric decrypt ", key.useEcb != 0 ? "ECB" : "CBC", " mode");
     logDebug("KSP: Decrypt input iv : ", HexBytes{iv.data(), iv.length()});
     logDebug("KSP: Decrypt input key : ", HexBytes{keyBytes.data(), lengthOf(keyBytes)});
-    std::optional<SecretBytes> own;
-    if (!takesWholeResult(out, input)) {
-        own.emplace(input.size());
-    }
-    unsigned char* const plaintext = own ? own->data() : out.buffer;
+    SecretBytes plaintext(input.size());
     int length = lengthOf(input);
     const int status =
-        talvik_decryptSymetric(provider.deviceId.c_str(), input.data(), lengthOf(input), plaintext, &length, iv.data(),
-                               iv.length(), keyBytes.data(), lengthOf(keyBytes), provider.libraryContext);
+        talvik_decryptSymetric(provider.deviceId.c_str(), input.data(), lengthOf(input), plaintext.data(), &length,
+                               iv.data(), iv.length(), keyBytes.data(), lengthOf(keyBytes), provider.libraryContext);
     if (status != TALVIK_STATUS_OK || length < 0 || length > lengthOf(input)) {
         return fail(NTE_INTERNAL_ERROR, "KSP: Symmetric decryption failed: ", status);
     }
     if (out.isSizeQuery()) {
         logDebug("pbOutput == NULL ");
     }
-    if (!own) {
-        *out.size = static_cast<DWORD>(length);
-        logDebug("KSP: Symmetric decrypt success, length: ", *out.size);
-        return ERROR_SUCCESS;
-    }
-    const SECURITY_STATUS answered = answer(own->first(static_cast<std::size_t>(length)), out,
+    const SECURITY_STATUS answered = answer(plaintext.first(static_cast<std::size_t>(length)), out,
                                             "KSPDecrypt: symmetric output buffer too small, required=");
     if (answered == ERROR_SUCCESS && !out.isSizeQuery()) {
         logDebug("KSP: Symmetric decrypt success, length: ", *out.size);
