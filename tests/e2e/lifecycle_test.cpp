@@ -1,31 +1,16 @@
 // The module in its process: acquired and released, loaded and freed, and left running at the end.
 #include <windows.h>
 
-#include <psapi.h>
-
 #include <cstring>
 
 #include "e2e/surroundings.h"
+#include "soak/watch.h"
 #include "support/dialog_robot.h"
 
 namespace e2e {
 namespace {
 
 class Lifecycle : public Tokens {};
-
-struct Footprint {
-    SIZE_T bytes = 0;
-    DWORD handles = 0;
-};
-
-Footprint footprint() {
-    Footprint now;
-    PROCESS_MEMORY_COUNTERS_EX memory{};
-    K32GetProcessMemoryInfo(GetCurrentProcess(), reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&memory), sizeof memory);
-    GetProcessHandleCount(GetCurrentProcess(), &now.handles);
-    now.bytes = memory.PrivateUsage;
-    return now;
-}
 
 TEST_F(Lifecycle, PinIsRememberedThoughEveryContextWasReleased) {
     DialogRobot robot;
@@ -42,15 +27,17 @@ TEST_F(Lifecycle, ThousandsOfContextsLeaveNothingBehind) {
         for (int i = 0; i < count; ++i) {
             Context context = acquire();
             ASSERT_TRUE(context);
-            ASSERT_TRUE(digest(context, CALG_SHA_256, bytesOf("x")));
+            // To the end: the device library has no call that gives up a hash, and keeps an abandoned one for a while.
+            const Hash hash = digest(context, CALG_SHA_256, bytesOf("x"));
+            DWORD size = 32;
+            ASSERT_TRUE(CryptGetHashParam(hash, HP_HASHVAL, Bytes(size).data(), &size, 0));
         }
     };
     cycles(300);
-    const Footprint before = footprint();
+    const soak::Footprint before = soak::footprint();
     cycles(3000);
-    const Footprint after = footprint();
-    EXPECT_LE(after.handles, before.handles + 8);
-    EXPECT_LE(after.bytes, before.bytes + (1u << 20)) << "bytes per cycle: " << (after.bytes - before.bytes) / 3000;
+    const soak::Footprint after = soak::footprint();
+    EXPECT_TRUE(soak::isFlat(before, after)) << soak::difference(before, after);
 }
 
 TEST_F(Lifecycle, LoadedAndFreedAgainAndAgain) {
