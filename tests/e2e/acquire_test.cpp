@@ -16,18 +16,6 @@ TEST_F(Acquire, VerifyOnlyContextNeedsNoTokenAndOthersDo) {
     EXPECT_TRUE(acquire());
 }
 
-TEST_F(Acquire, UnknownContainerGivesAContextWithoutKeys) {
-    DialogRobot robot;
-    robot.enters(pin);
-    ASSERT_TRUE(generate(acquire()));
-    const Context context = acquire("no such container", CRYPT_NEWKEYSET);
-    ASSERT_TRUE(context);
-    EXPECT_FALSE(userKey(context));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_KEY));
-    EXPECT_TRUE(sign(digest(context, CALG_SHA_256, bytesOf("x"))).empty());
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_NO_KEY));
-}
-
 TEST_F(Acquire, NameGivenToANewKeyFindsItAgain) {
     DialogRobot robot;
     robot.enters(pin);

@@ -24,7 +24,7 @@ class Chain : public Tokens {
 
 TEST_F(Chain, HoldsLeafIntermediateAndRootWhateverTheirOrderOnTheToken) {
     const TalvikKeyPair pair = makeKeyPair(token(), TALVIK_KEY_RSA_2048, TALVIK_USAGE_BOTH);
-    writePem(publicKeyBlob(Bytes(pair.modulus, pair.modulus + 256)), "public.pem");
+    writePublicKey(pair);
     const Bytes root = certificate("Root", "-signkey Root.key");
     const Bytes intermediate = certificate("Intermediate", "-CA Root.pem -CAkey Root.key");
     const Bytes leaf = certificate("Leaf", "-CA Intermediate.pem -CAkey Intermediate.key -force_pubkey public.pem");

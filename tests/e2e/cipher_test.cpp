@@ -20,7 +20,7 @@ TEST_P(Cipher, ReachesTheTokensKeyFromOpensslAndFromCryptoApi) {
     const TalvikKeyPair pair = makeKeyPair(token(), GetParam(), TALVIK_USAGE_EXCHANGE);
     const std::size_t size = pair.modulusLength;
     ASSERT_EQ(size, GetParam() * 128);
-    writePem(publicKeyBlob(Bytes(pair.modulus, pair.modulus + size)), "public.pem");
+    writePublicKey(pair);
     const Context context = acquire(containerOf(pair).c_str());
     presentPin(context);
     const Key key = userKey(context, AT_KEYEXCHANGE);
@@ -53,7 +53,7 @@ TEST_P(Cipher, ReachesTheTokensKeyFromOpensslAndFromCryptoApi) {
 }
 
 // An imported key says nothing of its size: the caller must know how much room its ciphertext needs.
-TEST_P(Cipher, EncryptsWithAnImportedPublicKeyForOpenssl) {
+TEST_P(Cipher, ImportedPublicKeyVerifiesAndEncrypts) {
     const std::size_t size = GetParam() * 128;
     run("genrsa -out key.pem " + std::to_string(size * 8));
     run("rsa -in key.pem -RSAPublicKey_out -outform DER -out public.der");
@@ -70,13 +70,24 @@ TEST_P(Cipher, EncryptsWithAnImportedPublicKeyForOpenssl) {
     EXPECT_TRUE(CryptEncrypt(key, 0, TRUE, 0, nullptr, &needed, 0));
     EXPECT_EQ(needed, 0u);
     for (const auto& padding : paddings) {
-        const Bytes plaintext = pattern(size - padding.overhead);
-        EXPECT_TRUE(encrypt(key, plaintext, size - 1, padding.flags).empty());
-        EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_MORE_DATA));
-        write("cipher", reversed(encrypt(key, plaintext, size, padding.flags)));
-        run("pkeyutl -decrypt -inkey key.pem -in cipher -out plain" + mode(padding.name));
-        EXPECT_EQ(read("plain"), plaintext) << padding.name;
+        for (const std::size_t taken : {std::size_t{1}, size - padding.overhead}) {
+            const Bytes plaintext = pattern(taken);
+            EXPECT_TRUE(encrypt(key, plaintext, size - 1, padding.flags).empty());
+            EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_MORE_DATA));
+            write("cipher", reversed(encrypt(key, plaintext, size, padding.flags)));
+            run("pkeyutl -decrypt -inkey key.pem -in cipher -out plain" + mode(padding.name));
+            EXPECT_EQ(read("plain"), plaintext) << padding.name;
+        }
     }
+    write("data", pattern(1000));
+    run("dgst -sha256 -sign key.pem -out signature data");
+    const Bytes signature = reversed(read("signature"));
+    const auto verifies = [&](const Bytes& data) {
+        return CryptVerifySignatureA(digest(context, CALG_SHA_256, data), signature.data(), static_cast<DWORD>(size),
+                                     key, nullptr, 0);
+    };
+    EXPECT_TRUE(verifies(pattern(1000)));
+    EXPECT_FALSE(verifies(pattern(999)));
 }
 
 INSTANTIATE_TEST_SUITE_P(KeyType, Cipher, ::testing::Values(1, 2, 3, 4), ::testing::PrintToStringParamName());

@@ -1,7 +1,5 @@
 // What the program of the key and data tests does as a second process. The exit status is 0 when the role was played
 // well.
-#include <map>
-
 #include "e2e/objects.h"
 #include "support/dialog_robot.h"
 
@@ -46,11 +44,6 @@ int signingFromTheStore(const std::string& name) {
 
 }  // namespace
 
-int playRole(const std::string& role, const std::string& name) {
-    static const std::map<std::string, int (*)(const std::string&)> roles = {{"unwrap", unwrapping},
-                                                                             {"client", signingFromTheStore}};
-    const auto found = roles.find(role);
-    return found == roles.end() ? 99 : found->second(name);
-}
+const Roles roles = {{"unwrap", unwrapping}, {"client", signingFromTheStore}};
 
 }  // namespace e2e

@@ -41,8 +41,3 @@ TEST(Interchange, RunsOverAnyLibraryWithTheContract) {
 }
 
 }  // namespace
-
-int main(int argc, char** argv) {
-    ::testing::InitGoogleTest(&argc, argv);
-    return RUN_ALL_TESTS();
-}

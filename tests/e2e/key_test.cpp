@@ -1,6 +1,4 @@
 // Keys and their certificates.
-#include <algorithm>
-
 #include "e2e/surroundings.h"
 #include "support/dialog_robot.h"
 
@@ -40,16 +38,6 @@ TEST_F(Keys, GeneratedWithEachAlgorithmAndSize) {
     EXPECT_EQ(robot.finish(), std::vector<std::string>{"PIN"});
 }
 
-TEST_F(Keys, RefusedBeforeAnyPinIsAskedFor) {
-    const Context context = acquire();
-    EXPECT_FALSE(generate(context, AT_SIGNATURE));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_LEN));
-    EXPECT_FALSE(generate(context, CALG_AES_128));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_ALGID));
-    EXPECT_FALSE(userKey(context));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_NO_KEY));
-}
-
 TEST_F(Keys, CertificateIsStoredAndReadBack) {
     DialogRobot robot;
     robot.enters(pin);
@@ -61,14 +49,7 @@ TEST_F(Keys, CertificateIsStoredAndReadBack) {
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_NOT_FOUND));
 
     write("public.der", publicKey(context));
-    ASSERT_EQ(openssl("req -x509 -newkey rsa:2048 -nodes -keyout ca.key -out ca.pem -subj /CN=CA -days 3").exitCode, 0);
-    ASSERT_EQ(openssl("req -new -newkey rsa:2048 -nodes -keyout other.key -out other.csr -subj /CN=Signer").exitCode,
-              0);
-    const OpensslResult issued = openssl(
-        "x509 -req -in other.csr -CA ca.pem -CAkey ca.key -set_serial 7 -days 2 "
-        "-force_pubkey public.der -keyform DER -outform DER -out certificate.der");
-    ASSERT_EQ(issued.exitCode, 0) << issued.output;
-    const Bytes certificate = read("certificate.der");
+    const Bytes certificate = certificateForPublicKey("Signer");
     ASSERT_TRUE(CryptSetKeyParam(key, KP_CERTIFICATE, certificate.data(), 0)) << std::hex << GetLastError();
 
     const Context later = acquire();
@@ -83,36 +64,6 @@ TEST_F(Keys, CertificateIsStoredAndReadBack) {
     ASSERT_TRUE(CryptGetKeyParam(found, KP_CERTIFICATE, stored.data(), &size, 0));
     stored.resize(size);
     EXPECT_EQ(stored, certificate);
-}
-
-TEST_F(Keys, WhatOpensslEncryptedIsDecryptedOnTheToken) {
-    DialogRobot robot;
-    robot.enters(pin);
-    const Context context = acquire();
-    const Key key = generate(context, CALG_RSA_KEYX);
-    ASSERT_TRUE(key);
-    BYTE blob[1024];
-    DWORD size = sizeof blob;
-    ASSERT_TRUE(CryptExportKey(key, 0, PUBLICKEYBLOB, 0, blob, &size));
-    BYTE der[1024];
-    DWORD derSize = sizeof der;
-    ASSERT_TRUE(CryptEncodeObject(X509_ASN_ENCODING, RSA_CSP_PUBLICKEYBLOB, blob, der, &derSize));
-    write("rsa.der", Bytes(der, der + derSize));
-    write("secret", bytesOf("for the token alone"));
-    ASSERT_EQ(openssl("rsa -RSAPublicKey_in -inform DER -in rsa.der -pubout -out public.pem").exitCode, 0);
-
-    for (const auto& [padding, flags] : {std::pair{"pkcs1", 0ul}, std::pair{"oaep", DWORD{CRYPT_OAEP}}}) {
-        const OpensslResult encrypted = openssl(std::string("pkeyutl -encrypt -pubin -inkey public.pem -in secret -out "
-                                                            "encrypted -pkeyopt rsa_padding_mode:") +
-                                                padding);
-        ASSERT_EQ(encrypted.exitCode, 0) << encrypted.output;
-        Bytes data = read("encrypted");
-        std::reverse(data.begin(), data.end());
-        auto length = static_cast<DWORD>(data.size());
-        ASSERT_TRUE(CryptDecrypt(key, 0, TRUE, flags, data.data(), &length)) << padding;
-        data.resize(length);
-        EXPECT_EQ(data, bytesOf("for the token alone")) << padding;
-    }
 }
 
 }  // namespace

@@ -40,13 +40,6 @@ class Login : public Tokens {
     Context context_;
 };
 
-TEST_F(Login, WrongPinThenRight) {
-    DialogRobot robot;
-    robot.enters("9999").enters(pin);
-    EXPECT_TRUE(generate(context()));
-    EXPECT_EQ(robot.finish(), (Seen{"PIN", "Invalid user pin. Remaining attempts(2)", "PIN"}));
-}
-
 TEST_F(Login, LocksAfterThreeWrongPins) {
     DialogRobot robot;
     robot.enters("9999").enters("8888").enters("7777");
@@ -110,18 +103,6 @@ TEST_F(Login, UnpluggedTokenAsksAgain) {
     robot.enters(pin);
     EXPECT_FALSE(sign(digest(acquire(), CALG_SHA_256, bytesOf("a"))).empty());
     EXPECT_EQ(robot.finish(), (Seen{"PIN", "PIN"}));
-}
-
-TEST_F(Login, PinGivenByTheApplicationIsCheckedWithoutADialog) {
-    const auto present = [&](const char* text) {
-        return CryptSetProvParam(context(), PP_SIGNATURE_PIN, reinterpret_cast<const BYTE*>(text), 0);
-    };
-    DialogRobot robot;
-    EXPECT_FALSE(present("9999"));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_KEYSET_ENTRY_BAD));
-    EXPECT_TRUE(present(pin));
-    EXPECT_TRUE(generate(context()));
-    EXPECT_EQ(robot.finish(), Seen{});
 }
 
 }  // namespace

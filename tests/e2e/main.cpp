@@ -5,7 +5,8 @@
 
 int main(int argc, char** argv) {
     if (argc == 4 && std::strcmp(argv[1], "--role") == 0) {
-        return e2e::playRole(argv[2], argv[3]);
+        const auto role = e2e::roles.find(argv[2]);
+        return role == e2e::roles.end() ? 99 : role->second(argv[3]);
     }
     ::testing::InitGoogleTest(&argc, argv);
     useOwnTemporaryFolder();

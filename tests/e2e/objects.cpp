@@ -12,19 +12,6 @@ void append(Bytes& blob, DWORD value) {
     }
 }
 
-void appendTlv(Bytes& der, unsigned char tag, const Bytes& content) {
-    const std::size_t size = content.size();
-    der.push_back(tag);
-    if (size > 255) {
-        der.insert(der.end(), {0x82, static_cast<unsigned char>(size >> 8), static_cast<unsigned char>(size)});
-    } else if (size > 127) {
-        der.insert(der.end(), {0x81, static_cast<unsigned char>(size)});
-    } else {
-        der.push_back(static_cast<unsigned char>(size));
-    }
-    der.insert(der.end(), content.begin(), content.end());
-}
-
 }  // namespace
 
 void presentPin(const Context& context) {
@@ -67,16 +54,6 @@ Bytes keyBlob(BYTE type, ALG_ID algorithm, const Bytes& payload) {
     return blob;
 }
 
-Bytes publicKeyBlob(const Bytes& modulus) {
-    Bytes blob = {PUBLICKEYBLOB, CUR_BLOB_VERSION, 0, 0};
-    for (const DWORD word :
-         {DWORD{CALG_RSA_KEYX}, DWORD{0x31415352}, static_cast<DWORD>(modulus.size() * 8), DWORD{65537}}) {
-        append(blob, word);
-    }
-    blob.insert(blob.end(), modulus.rbegin(), modulus.rend());
-    return blob;
-}
-
 Bytes exported(const Key& key) {
     DWORD size = 0;
     EXPECT_TRUE(CryptExportKey(key, 0, PUBLICKEYBLOB, 0, nullptr, &size));
@@ -86,25 +63,13 @@ Bytes exported(const Key& key) {
     return blob;
 }
 
-void writePem(const Bytes& blob, const std::string& name) {
-    constexpr std::size_t header = 20;
-    Bytes modulus(blob.rbegin(), blob.rend() - header);
-    modulus.insert(modulus.begin(), 0);  // its top bit is set
-    const Bytes exponent = {blob[18], blob[17], blob[16]};
-    Bytes numbers, bits = {0};
-    Bytes content = {0x30, 0x0D, 0x06, 0x09, 0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x01, 0x01, 0x05, 0x00};
-    appendTlv(numbers, 0x02, modulus);
-    appendTlv(numbers, 0x02, exponent);
-    appendTlv(bits, 0x30, numbers);
-    appendTlv(content, 0x03, bits);
-    Bytes der;
-    appendTlv(der, 0x30, content);
-    Bytes base64(2 * der.size());
-    auto size = static_cast<DWORD>(base64.size());
-    EXPECT_TRUE(CryptBinaryToStringA(der.data(), static_cast<DWORD>(der.size()), CRYPT_STRING_BASE64,
-                                     reinterpret_cast<char*>(base64.data()), &size));
-    const std::string lines(base64.begin(), base64.begin() + size);
-    write(name, bytesOf("-----BEGIN PUBLIC KEY-----\n" + lines + "-----END PUBLIC KEY-----\n"));
+void writePublicKey(const Bytes& blob) {
+    talvik_test::writeRsaKey(scratch(), "public", Bytes(blob.rbegin(), blob.rend() - 20),
+                             {blob[18], blob[17], blob[16]});
+}
+
+void writePublicKey(const TalvikKeyPair& pair) {
+    talvik_test::writeRsaKey(scratch(), "public", Bytes(pair.modulus, pair.modulus + pair.modulusLength));
 }
 
 Bytes encrypt(const Key& key, const Bytes& plaintext, std::size_t room, DWORD flags) {
@@ -122,24 +87,6 @@ Bytes decrypt(const Key& key, Bytes ciphertext) {
     auto size = static_cast<DWORD>(ciphertext.size());
     ciphertext.resize(CryptDecrypt(key, 0, TRUE, 0, ciphertext.data(), &size) ? size : 0);
     return ciphertext;
-}
-
-void run(const std::string& arguments) {
-    const OpensslResult ended = openssl(arguments);
-    EXPECT_EQ(ended.exitCode, 0) << "openssl " << arguments << '\n' << ended.output;
-}
-
-Bytes reversed(const Bytes& value) {
-    return {value.rbegin(), value.rend()};
-}
-
-std::string hex(const Bytes& value) {
-    std::string text;
-    for (const unsigned char byte : value) {
-        text += "0123456789ABCDEF"[byte >> 4];
-        text += "0123456789ABCDEF"[byte & 15];
-    }
-    return text;
 }
 
 }  // namespace e2e

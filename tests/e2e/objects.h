@@ -17,20 +17,15 @@ std::string containerOf(const TalvikKeyPair& key);
 // An empty handle, with the last error, when it is refused.
 Key import(const Context& context, const Bytes& blob, const Key* with = nullptr);
 Bytes keyBlob(BYTE type, ALG_ID algorithm, const Bytes& payload);  // of every type but a public key's
-Bytes publicKeyBlob(const Bytes& modulus);                         // most significant byte first, as it is on the token
 Bytes exported(const Key& key);                                    // PUBLICKEYBLOB
 
-// Leaves the public key of a PUBLICKEYBLOB in `name` as PEM, put together without the system's or openssl's help.
-void writePem(const Bytes& blob, const std::string& name);
+// Leave a public key in public.pem and public.der: that of a PUBLICKEYBLOB, put together without the system's help, and
+// that of a key on the token.
+void writePublicKey(const Bytes& blob);
+void writePublicKey(const TalvikKeyPair& pair);
 
 // In place, in a buffer of `room` bytes before a canary; empty, with the last error, when it is refused.
 Bytes encrypt(const Key& key, const Bytes& plaintext, std::size_t room, DWORD flags = 0);
 Bytes decrypt(const Key& key, Bytes ciphertext);
-
-// Runs openssl and expects it to succeed.
-void run(const std::string& arguments);
-
-Bytes reversed(const Bytes& value);
-std::string hex(const Bytes& value);
 
 }  // namespace e2e

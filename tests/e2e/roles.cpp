@@ -1,6 +1,5 @@
 // What this program does as a second process. The exit status is 0 when the role was played well.
 #include <cstring>
-#include <map>
 
 #include "e2e/surroundings.h"
 #include "support/dialog_robot.h"
@@ -80,12 +79,7 @@ int exiting(const std::string& name) {
 
 }  // namespace
 
-int playRole(const std::string& role, const std::string& name) {
-    static const std::map<std::string, int (*)(const std::string&)> roles = {
-        {"enrol", enrolling}, {"sign", signing},     {"load", loading},
-        {"refused", refused}, {"return", returning}, {"exit", exiting}};
-    const auto found = roles.find(role);
-    return found == roles.end() ? 99 : found->second(name);
-}
+const Roles roles = {{"enrol", enrolling}, {"sign", signing},     {"load", loading},
+                     {"refused", refused}, {"return", returning}, {"exit", exiting}};
 
 }  // namespace e2e

@@ -1,6 +1,5 @@
 #include "e2e/surroundings.h"
 
-#include <algorithm>
 #include <fstream>
 #include <iterator>
 
@@ -11,11 +10,6 @@ namespace {
 
 constexpr wchar_t folderVariable[] = L"TALVIK_E2E_FOLDER";
 
-const talvik_test::ScratchFolder& scratch() {
-    static const talvik_test::ScratchFolder folder;
-    return folder;
-}
-
 DWORD tokenTool(const std::string& arguments) {
     wchar_t program[MAX_PATH] = {};
     GetModuleFileNameW(nullptr, program, MAX_PATH);
@@ -25,6 +19,11 @@ DWORD tokenTool(const std::string& arguments) {
 }
 
 }  // namespace
+
+const talvik_test::ScratchFolder& scratch() {
+    static const talvik_test::ScratchFolder folder;
+    return folder;
+}
 
 const fs::path& workFolder() {
     static const fs::path folder = [] {
@@ -98,20 +97,6 @@ DWORD keyParameter(const Key& key, DWORD parameter) {
     return value;
 }
 
-Bytes bytesOf(const std::string& text) {
-    return {text.begin(), text.end()};
-}
-
-Bytes pattern(std::size_t size) {
-    Bytes data(size);
-    unsigned state = 1;
-    for (unsigned char& byte : data) {
-        state = state * 1664525u + 1013904223u;
-        byte = static_cast<unsigned char>(state >> 24);
-    }
-    return data;
-}
-
 void write(const std::string& name, const Bytes& content) {
     std::ofstream file(workFolder() / name, std::ios::binary | std::ios::trunc);
     file.write(reinterpret_cast<const char*>(content.data()), static_cast<std::streamsize>(content.size()));
@@ -123,18 +108,28 @@ Bytes read(const std::string& name) {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-OpensslResult openssl(const std::string& arguments) {
+talvik_test::OpensslResult openssl(const std::string& arguments) {
     return talvik_test::tryOpenssl(scratch(), arguments);
 }
 
-bool opensslAccepts(const Bytes& publicKey, const std::string& option, const Bytes& data, Bytes signature) {
-    std::reverse(signature.begin(), signature.end());
+void run(const std::string& arguments) {
+    const talvik_test::OpensslResult ended = openssl(arguments);
+    EXPECT_EQ(ended.exitCode, 0) << "openssl " << arguments << '\n' << ended.output;
+}
+
+Bytes certificateForPublicKey(const std::string& subject) {
+    run("req -x509 -newkey rsa:2048 -nodes -keyout issuer.key -out issuer.pem -subj /CN=Issuer -days 3");
+    run("req -new -key issuer.key -subj /CN=" + subject + " -out request");
+    run("x509 -req -in request -CA issuer.pem -CAkey issuer.key -set_serial 7 -days 2 -force_pubkey public.der "
+        "-keyform DER -outform DER -out certificate.der");
+    return read("certificate.der");
+}
+
+bool opensslAccepts(const Bytes& publicKey, const std::string& option, const Bytes& data, const Bytes& signature) {
     write("signed", data);
-    write("signature", signature);
+    write("signature", reversed(signature));
     write("public.der", publicKey);
-    const OpensslResult ended =
-        openssl("dgst " + option + " -keyform DER -verify public.der -signature signature signed");
-    return ended.exitCode == 0 && ended.output.find("Verified OK") != std::string::npos;
+    return openssl("dgst " + option + " -keyform DER -verify public.der -signature signature signed").exitCode == 0;
 }
 
 Role::Role(const std::string& role, const std::string& name)

@@ -7,16 +7,16 @@
 
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <map>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "support/openssl.h"
-#include "support/scratch.h"
+#include "support/bytes.h"
 
 namespace e2e {
 
-using talvik_test::Bytes;
+using talvik_test::Bytes, talvik_test::bytesOf, talvik_test::hex, talvik_test::pattern, talvik_test::reversed;
 
 inline constexpr char providerName[] = "Talvik Cryptographic Provider CSP";
 inline constexpr char pin[] = "1234";
@@ -64,26 +64,30 @@ Bytes publicKey(const Context& context);
 
 DWORD keyParameter(const Key& key, DWORD parameter);
 
-Bytes bytesOf(const std::string& text);
-Bytes pattern(std::size_t size);
 void write(const std::string& name, const Bytes& content);  // into workFolder()
 Bytes read(const std::string& name);
 
 // A folder of this run's own, shared with its roles; openssl's current directory.
 const std::filesystem::path& workFolder();
 
-using talvik_test::OpensslResult;
-OpensslResult openssl(const std::string& arguments);
+const talvik_test::ScratchFolder& scratch();  // the same, for this process alone
+
+talvik_test::OpensslResult openssl(const std::string& arguments);
+void run(const std::string& arguments);  // expects openssl to succeed
+
+// DER of a certificate, signed by somebody else, for the key in public.der.
+Bytes certificateForPublicKey(const std::string& subject);
 
 // Whether openssl accepts `signature`, in CryptoAPI's order, over `data`; `option` is "-sha256" and the like.
-bool opensslAccepts(const Bytes& publicKey, const std::string& option, const Bytes& data, Bytes signature);
+bool opensslAccepts(const Bytes& publicKey, const std::string& option, const Bytes& data, const Bytes& signature);
 
-// This program in another process, playing one of the roles of roles.cpp; `name` tells two players of a role apart.
+// This program in another process, playing one of its roles; `name` tells two players of a role apart.
 class Role : public talvik_test::ChildProcess {
   public:
     explicit Role(const std::string& role, const std::string& name = "only");
 };
-int playRole(const std::string& role, const std::string& name);
+using Roles = std::map<std::string, int (*)(const std::string& name)>;  // what each gives is the exit status
+extern const Roles roles;                                               // of this program
 
 // One token, and those that a test adds, in a home of its own for each test. The provider remembers by token identifier
 // what it knows of a token, so the identifiers differ from test to test.

@@ -119,7 +119,7 @@ Bytes keyData(const Bytes& value) {
 
 Bytes digestOf(const Bytes& data, const std::string& algorithm) {
     write("data", data);
-    EXPECT_EQ(openssl("dgst -" + algorithm + " -binary -out digest data").exitCode, 0);
+    run("dgst -" + algorithm + " -binary -out digest data");
     return read("digest");
 }
 
@@ -148,21 +148,10 @@ bool opensslVerifies(const Bytes& publicKey, const std::string& algorithm, const
                      const std::string& options) {
     write("public.der", publicKey);
     write("digest", digest);
-    write("signature", signature);
-    return openssl(
-               "pkeyutl -verify -pubin -keyform DER -inkey public.der -in digest -sigfile signature -pkeyopt "
-               "digest:" +
-               algorithm + options)
-               .exitCode == 0;
-}
-
-Bytes ecdsaDer(const Bytes& signature) {
-    const auto middle = signature.begin() + static_cast<std::ptrdiff_t>(signature.size() / 2);
-    const auto number = [](Bytes::const_iterator first, Bytes::const_iterator last) {
-        first = std::find_if(first, last - 1, [](unsigned char byte) { return byte != 0; });
-        return talvik::derEncodeInteger(Bytes(first, last));
-    };
-    return talvik::derEncodeTlv(0x30, concatenated(number(signature.begin(), middle), number(middle, signature.end())));
+    const bool isRsa = signature.size() % 128 == 0;
+    isRsa ? write("signature", signature) : talvik_test::writeEcdsaSignature(scratch(), "signature", signature);
+    const std::string files = "-keyform DER -inkey public.der -in digest -sigfile signature";
+    return openssl("pkeyutl -verify -pubin " + files + " -pkeyopt digest:" + algorithm + options).exitCode == 0;
 }
 
 }  // namespace e2e

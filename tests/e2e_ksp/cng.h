@@ -41,10 +41,8 @@ Bytes sign(const CngObject& key, Bytes digest, DWORD flags);
 Bytes encrypt(const CngObject& key, Bytes plaintext, DWORD flags);
 Bytes decrypt(const CngObject& key, Bytes ciphertext, DWORD flags = 0);
 
+// An ECDSA signature is r and s side by side.
 bool opensslVerifies(const Bytes& publicKey, const std::string& algorithm, const Bytes& digest, const Bytes& signature,
-                     const std::string& options);
-
-// r and s side by side as the ASN.1 form that openssl takes.
-Bytes ecdsaDer(const Bytes& signature);
+                     const std::string& options = {});
 
 }  // namespace e2e

@@ -1,4 +1,6 @@
 // Properties and parameters of both faces, set and read.
+#include <functional>
+
 #include "fuzz/provider_fuzz.h"
 
 namespace {
@@ -45,34 +47,19 @@ void csp(Input& input) {
     CPCreateHash(tokenContext(), CALG_SHA_256, 0, 0, &hash);
     const Guarded value(input.take<std::uint16_t>() % 4096);
     DWORD size = value.size();
-    switch (input.below(6)) {
-        case 0:
-            CPSetProvParam(tokenContext(), param, given.data(), flags);
-            break;
-        case 1:
-            CPGetProvParam(tokenContext(), param, value.data(), &size, flags);
-            break;
-        case 2:
+    const std::function<void()> operations[] = {
+        [&] { CPSetProvParam(tokenContext(), param, given.data(), flags); },
+        [&] { CPGetProvParam(tokenContext(), param, value.data(), &size, flags); },
+        [&] {
             if (param != KP_CERTIFICATE) {  // has its own target
                 CPSetKeyParam(tokenContext(), key.handle, param, given.data(), flags);
             }
-            break;
-        case 3:
-            CPGetKeyParam(tokenContext(), key.handle, param, value.data(), &size, flags);
-            break;
-        case 4:
-            if (hash != 0) {
-                CPSetHashParam(tokenContext(), hash, param, given.data(), flags & 1);
-            }
-            break;
-        default:
-            if (hash != 0) {
-                CPGetHashParam(tokenContext(), hash, param, value.data(), &size, flags & 1);
-            }
-    }
-    if (hash != 0) {
-        CPDestroyHash(tokenContext(), hash);
-    }
+        },
+        [&] { CPGetKeyParam(tokenContext(), key.handle, param, value.data(), &size, flags); },
+        [&] { CPSetHashParam(tokenContext(), hash, param, given.data(), flags & 1); },
+        [&] { CPGetHashParam(tokenContext(), hash, param, value.data(), &size, flags & 1); }};
+    input.oneOf(operations)();
+    CPDestroyHash(tokenContext(), hash);
 }
 
 }  // namespace

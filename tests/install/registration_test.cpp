@@ -112,11 +112,8 @@ TEST_P(Refused_whole, AnswersTheStatusAndLogsIt) {
 INSTANTIATE_TEST_SUITE_P(
     Registration, Refused_whole,
     ::testing::Values(Refusal{"BCryptRegisterProvider", "C000000D", HRESULT(0xD000000D), "-1073741811", 3, ""},
-                      Refusal{"BCryptRegisterProvider", "C0000022", HRESULT(0xD0000022), "-1073741790", 3, ""},
                       Refusal{"BCryptRegisterProvider", "00000103", HRESULT(0x10000103), "259", 3, ""},
                       Refusal{"BCryptAddContextFunctionProvider", "C000000D", HRESULT(0xD000000D), "-1073741811", 4,
-                              "TalvikCSP.dll"},
-                      Refusal{"BCryptAddContextFunctionProvider", "C0000225", HRESULT(0xD0000225), "-1073741275", 4,
                               "TalvikCSP.dll"}));
 
 TEST_F(Registration_whole, IgnoresWhatRemovalAnswers) {

@@ -1,16 +1,8 @@
 // Every pointer, length and device of every operation: a status, never a crash.
-#include <functional>
-
 #include "virtual_token/fixture.h"
 
 namespace talvik_test {
 namespace {
-
-struct Call {
-    const char* name;
-    std::function<int()> run;
-    int status;
-};
 
 TEST_F(VirtualTokenTest, WrongArguments) {
     TalvikKeyPair pair{};
@@ -27,95 +19,55 @@ TEST_F(VirtualTokenTest, WrongArguments) {
     const auto rsa = EncryptionType::Rsa2048;
     const auto pkcs1 = PaddingMode::Pkcs1;
 
-    const Call calls[] = {
-        {"init null", [&] { return talvik_initDevice(nullptr, false, nullptr); }, InvalidArgument},
-        {"init unknown", [&] { return talvik_initDevice("T9", false, nullptr); }, NoSuchDevice},
-        {"init empty", [&] { return talvik_initDevice("", false, nullptr); }, NoSuchDevice},
-        {"init other case", [&] { return talvik_initDevice("t1", false, nullptr); }, NoSuchDevice},
-        {"init outside", [&] { return talvik_initDevice("..\\tokens\\T1", false, nullptr); }, NoSuchDevice},
-        {"login null pin", [&] { return talvik_validatePassword(device, nullptr, 1, &left, nullptr); },
-         InvalidArgument},
-        {"login null count", [&] { return talvik_validatePassword(device, pin, 1, nullptr, nullptr); },
-         InvalidArgument},
-        {"login unknown", [&] { return talvik_validatePassword("T9", pin, 1, &left, nullptr); }, NoSuchDevice},
-        {"generate null", [&] { return talvik_generateKeyPair(device, pin, nullptr, nullptr); }, InvalidArgument},
-        {"generate null pin", [&] { return talvik_generateKeyPair(device, nullptr, &pair, nullptr); }, InvalidArgument},
-        {"generate no pin", [&] { return talvik_generateKeyPair(device, "", &pair, nullptr); }, PinRequired},
-        {"generate unknown", [&] { return talvik_generateKeyPair("T9", pin, &pair, nullptr); }, NoSuchDevice},
-        {"delete null id", [&] { return talvik_deleteKeyPair(device, nullptr, pin, true, nullptr); }, InvalidArgument},
-        {"delete unknown", [&] { return talvik_deleteKeyPair(device, id, pin, true, nullptr); }, NoSuchObject},
-        {"certificate null", [&] { return talvik_importCertificate(device, pin, nullptr, nullptr); }, InvalidArgument},
-        {"certificate empty", [&] { return talvik_importCertificate(device, pin, &certificate, nullptr); },
-         BadCertificate},
-        {"certificate long", [&] { return talvik_importCertificate(device, pin, &longDer, nullptr); }, InvalidArgument},
-        {"alias long", [&] { return talvik_importCertificate(device, pin, &longAlias, nullptr); }, InvalidArgument},
-        {"aes import null", [&] { return talvik_importAesKey(device, pin, nullptr, nullptr); }, InvalidArgument},
-        {"aes import empty", [&] { return talvik_importAesKey(device, pin, &aes, nullptr); }, BadKey},
-        {"details null", [&] { return talvik_getCertificateDetails(nullptr, 10, details, nullptr); }, InvalidArgument},
-        {"details negative", [&] { return talvik_getCertificateDetails(data, -1, details, nullptr); }, InvalidArgument},
-        {"sign null hash",
-         [&] { return talvik_signHash(device, id, pin, nullptr, 20, data, &length, false, nullptr, false); },
-         InvalidArgument},
-        {"sign negative hash",
-         [&] { return talvik_signHash(device, id, pin, data, -20, data, &length, false, nullptr, false); },
-         InvalidArgument},
-        {"sign null buffer",
-         [&] { return talvik_signHash(device, id, pin, data, 20, nullptr, &length, false, nullptr, false); },
-         InvalidArgument},
-        {"sign null length",
-         [&] { return talvik_signHash(device, id, pin, data, 20, data, nullptr, false, nullptr, false); },
-         InvalidArgument},
-        {"sign unknown key",
-         [&] { return talvik_signHash(device, id, pin, data, 20, data, &length, false, nullptr, false); },
-         NoSuchObject},
-        {"verify null key",
-         [&] { return talvik_verifySignatureHash(2, "", data, 20, nullptr, 9, data, 9, nullptr, false); },
-         InvalidArgument},
-        {"verify negative",
-         [&] { return talvik_verifySignatureHash(2, "", data, 20, data, 9, data, -9, nullptr, false); }, BadKey},
-        {"encrypt null room", [&] { return talvik_encrypt(rsa, pkcs1, data, 9, data, nullptr, data, 9, nullptr); },
-         InvalidArgument},
-        {"encrypt padding",
-         [&] { return talvik_encrypt(rsa, static_cast<PaddingMode>(2), data, 9, data, &length, data, 9, nullptr); },
-         Unsupported},
-        {"decrypt null output",
-         [&] { return talvik_decrypt(device, id, pin, data, 64, nullptr, &length, true, nullptr); }, InvalidArgument},
-        {"decrypt null input",
-         [&] { return talvik_decrypt(device, id, pin, nullptr, 64, &made, &left, true, nullptr); }, InvalidArgument},
-        {"aes null key",
-         [&] {
-             return talvik_encrypt_aes("", aesType, nullptr, 16, data, 9, &made, &left, false, nullptr, 0, nullptr, 0,
-                                       nullptr);
-         },
-         InvalidArgument},
-        {"aes negative input",
-         [&] {
-             return talvik_encrypt_aes("", aesType, data, 16, data, -9, &made, &left, false, nullptr, 0, nullptr, 0,
-                                       nullptr);
-         },
-         InvalidArgument},
-        {"aes decrypt null output",
-         [&] { return talvik_decryptSymetric("", data, 16, nullptr, &length, nullptr, 0, data, 16, nullptr); },
-         InvalidArgument},
-        {"unwrap short id",
-         [&] { return talvik_decrypt_aes(device, id, 15, data, 32, &made, &left, true, nullptr, 0, nullptr); },
-         InvalidArgument},
-        {"unwrap unknown",
-         [&] { return talvik_decrypt_aes(device, id, 16, data, 32, &made, &left, true, nullptr, 0, nullptr); },
-         NoSuchObject},
-        {"random null", [&] { return talvik_generateRamdomNumber("", 9, nullptr, true, nullptr); }, InvalidArgument},
-        {"random negative", [&] { return talvik_generateRamdomNumber("", -9, data, true, nullptr); }, InvalidArgument},
-        {"random by nobody", [&] { return talvik_generateRamdomNumber("", 9, data, false, nullptr); }, NoSuchDevice},
-        {"hash null", [&] { return talvik_initHash("", TALVIK_HASH_SHA1, nullptr, nullptr); }, InvalidArgument},
-        {"update null", [&] { return talvik_updateHash(hash, nullptr, 9, nullptr); }, InvalidArgument},
-        {"update negative", [&] { return talvik_updateHash(hash, data, -9, nullptr); }, InvalidArgument},
-        {"final null", [&] { return talvik_finalHash(hash, nullptr, &length, nullptr); }, InvalidArgument},
-        {"final null room", [&] { return talvik_finalHash(hash, data, nullptr, nullptr); }, InvalidArgument},
-    };
-    for (const Call& call : calls) {
-        EXPECT_EQ(call.run(), call.status) << call.name;
-        EXPECT_EQ(made, nullptr) << call.name;
-    }
+    EXPECT_EQ(talvik_initDevice(nullptr, false, nullptr), InvalidArgument);
+    EXPECT_EQ(talvik_initDevice("T9", false, nullptr), NoSuchDevice);
+    EXPECT_EQ(talvik_initDevice("t1", false, nullptr), NoSuchDevice);
+    EXPECT_EQ(talvik_initDevice("..\\tokens\\T1", false, nullptr), NoSuchDevice);
+    EXPECT_EQ(talvik_validatePassword(device, nullptr, 1, &left, nullptr), InvalidArgument);
+    EXPECT_EQ(talvik_validatePassword(device, pin, 1, nullptr, nullptr), InvalidArgument);
+    EXPECT_EQ(talvik_validatePassword("T9", pin, 1, &left, nullptr), NoSuchDevice);
+    EXPECT_EQ(talvik_generateKeyPair(device, pin, nullptr, nullptr), InvalidArgument);
+    EXPECT_EQ(talvik_generateKeyPair(device, nullptr, &pair, nullptr), InvalidArgument);
+    EXPECT_EQ(talvik_generateKeyPair(device, "", &pair, nullptr), PinRequired);
+    EXPECT_EQ(talvik_generateKeyPair("T9", pin, &pair, nullptr), NoSuchDevice);
+    EXPECT_EQ(talvik_deleteKeyPair(device, nullptr, pin, true, nullptr), InvalidArgument);
+    EXPECT_EQ(talvik_deleteKeyPair(device, id, pin, true, nullptr), NoSuchObject);
+    EXPECT_EQ(talvik_importCertificate(device, pin, nullptr, nullptr), InvalidArgument);
+    EXPECT_EQ(talvik_importCertificate(device, pin, &certificate, nullptr), BadCertificate);
+    EXPECT_EQ(talvik_importCertificate(device, pin, &longDer, nullptr), InvalidArgument);
+    EXPECT_EQ(talvik_importCertificate(device, pin, &longAlias, nullptr), InvalidArgument);
+    EXPECT_EQ(talvik_importAesKey(device, pin, nullptr, nullptr), InvalidArgument);
+    EXPECT_EQ(talvik_importAesKey(device, pin, &aes, nullptr), BadKey);
+    EXPECT_EQ(talvik_getCertificateDetails(nullptr, 10, details, nullptr), InvalidArgument);
+    EXPECT_EQ(talvik_getCertificateDetails(data, -1, details, nullptr), InvalidArgument);
+    EXPECT_EQ(talvik_signHash(device, id, pin, nullptr, 20, data, &length, false, nullptr, false), InvalidArgument);
+    EXPECT_EQ(talvik_signHash(device, id, pin, data, -20, data, &length, false, nullptr, false), InvalidArgument);
+    EXPECT_EQ(talvik_signHash(device, id, pin, data, 20, nullptr, &length, false, nullptr, false), InvalidArgument);
+    EXPECT_EQ(talvik_signHash(device, id, pin, data, 20, data, nullptr, false, nullptr, false), InvalidArgument);
+    EXPECT_EQ(talvik_signHash(device, id, pin, data, 20, data, &length, false, nullptr, false), NoSuchObject);
+    EXPECT_EQ(talvik_verifySignatureHash(2, "", data, 20, nullptr, 9, data, 9, nullptr, false), InvalidArgument);
+    EXPECT_EQ(talvik_verifySignatureHash(2, "", data, 20, data, 9, data, -9, nullptr, false), BadKey);
+    EXPECT_EQ(talvik_encrypt(rsa, pkcs1, data, 9, data, nullptr, data, 9, nullptr), InvalidArgument);
+    EXPECT_EQ(talvik_encrypt(rsa, static_cast<PaddingMode>(2), data, 9, data, &length, data, 9, nullptr), Unsupported);
+    EXPECT_EQ(talvik_decrypt(device, id, pin, data, 64, nullptr, &length, true, nullptr), InvalidArgument);
+    EXPECT_EQ(talvik_decrypt(device, id, pin, nullptr, 64, &made, &left, true, nullptr), InvalidArgument);
+    EXPECT_EQ(
+        talvik_encrypt_aes("", aesType, nullptr, 16, data, 9, &made, &left, false, nullptr, 0, nullptr, 0, nullptr),
+        InvalidArgument);
+    EXPECT_EQ(talvik_encrypt_aes("", aesType, data, 16, data, -9, &made, &left, false, nullptr, 0, nullptr, 0, nullptr),
+              InvalidArgument);
+    EXPECT_EQ(talvik_decryptSymetric("", data, 16, nullptr, &length, nullptr, 0, data, 16, nullptr), InvalidArgument);
+    EXPECT_EQ(talvik_decrypt_aes(device, id, 15, data, 32, &made, &left, true, nullptr, 0, nullptr), InvalidArgument);
+    EXPECT_EQ(talvik_decrypt_aes(device, id, 16, data, 32, &made, &left, true, nullptr, 0, nullptr), NoSuchObject);
+    EXPECT_EQ(talvik_generateRamdomNumber("", 9, nullptr, true, nullptr), InvalidArgument);
+    EXPECT_EQ(talvik_generateRamdomNumber("", -9, data, true, nullptr), InvalidArgument);
+    EXPECT_EQ(talvik_generateRamdomNumber("", 9, data, false, nullptr), NoSuchDevice);
+    EXPECT_EQ(talvik_initHash("", TALVIK_HASH_SHA1, nullptr, nullptr), InvalidArgument);
+    EXPECT_EQ(talvik_updateHash(hash, nullptr, 9, nullptr), InvalidArgument);
+    EXPECT_EQ(talvik_updateHash(hash, data, -9, nullptr), InvalidArgument);
+    EXPECT_EQ(talvik_finalHash(hash, nullptr, &length, nullptr), InvalidArgument);
+    EXPECT_EQ(talvik_finalHash(hash, data, nullptr, nullptr), InvalidArgument);
+    EXPECT_EQ(made, nullptr);
     EXPECT_TRUE(talvik_getKeyPairList(nullptr, nullptr).empty());
     EXPECT_TRUE(talvik_getCertificateList("T9", nullptr).empty());
     EXPECT_EQ(talvik_getTokenInfo(nullptr, nullptr).tokenId, "");

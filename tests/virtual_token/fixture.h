@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 #include <string>
 
-#include "support/openssl.h"
+#include "support/bytes.h"
 #include "token/device_library.h"
 
 namespace talvik_test {
@@ -14,36 +14,18 @@ inline constexpr char pin[] = "1234";
 inline constexpr char adminPin[] = "12345678";
 
 // Statuses of the virtual token, as docs/virtual-token.md lists them.
-enum VirtualStatus {
-    InvalidArgument = 1,
-    NoSuchDevice = 2,
-    DeviceDetached = 3,
-    NoSuchObject = 4,
-    WrongPin = 5,
-    PinLocked = 6,
-    PinRequired = 7,
-    UsageForbidden = 8,
-    BufferTooSmall = 9,
-    Unsupported = 10,
-    BadKey = 11,
-    BadSignature = 12,
-    BadData = 13,
-    BadInitialVector = 14,
-    BadCertificate = 15,
-    BadHashHandle = 16,
-};
+inline constexpr int InvalidArgument = 1, NoSuchDevice = 2, DeviceDetached = 3, NoSuchObject = 4, WrongPin = 5,
+                     PinLocked = 6, PinRequired = 7, UsageForbidden = 8, BufferTooSmall = 9, Unsupported = 10,
+                     BadKey = 11, BadSignature = 12, BadData = 13, BadInitialVector = 14, BadCertificate = 15,
+                     BadHashHandle = 16;
 
 struct Result {
     int status;
     Bytes bytes;
 };
 
-Bytes bytesOf(const std::string& text);
-Bytes pattern(std::size_t length);  // 0, 1, 2...
-std::string hexOf(const Bytes& bytes);
-
-// Runs talvik.exe; gives its exit code.
-int talvik(const std::string& arguments);
+// Runs talvik.exe, with its output into `output` if that is given; gives its exit code.
+int talvik(const std::string& arguments, const std::filesystem::path& output = {});
 
 struct Key {
     int status;

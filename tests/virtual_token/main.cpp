@@ -17,31 +17,14 @@ Result takeOver(int status, unsigned char* output, int length) {
 
 }  // namespace
 
-Bytes bytesOf(const std::string& text) {
-    return Bytes(text.begin(), text.end());
-}
-
-Bytes pattern(std::size_t length) {
-    Bytes bytes(length);
-    for (std::size_t i = 0; i < length; ++i) {
-        bytes[i] = static_cast<unsigned char>(i * 7 + i / 251);
+int talvik(const std::string& arguments, const std::filesystem::path& output) {
+    std::wstring line = thisProgram();
+    line.replace(line.rfind(L'\\') + 1, std::wstring::npos, L"talvik.exe\" ");
+    line += std::wstring(arguments.begin(), arguments.end());
+    if (!output.empty()) {
+        line = L"cmd /c \"" + line + L" > \"" + output.wstring() + L"\"\"";
     }
-    return bytes;
-}
-
-std::string hexOf(const Bytes& bytes) {
-    std::string text;
-    for (const unsigned char byte : bytes) {
-        text += "0123456789abcdef"[byte >> 4];
-        text += "0123456789abcdef"[byte & 15];
-    }
-    return text;
-}
-
-int talvik(const std::string& arguments) {
-    std::wstring program = thisProgram();
-    program.replace(program.rfind(L'\\') + 1, std::wstring::npos, L"talvik.exe\" ");
-    return static_cast<int>(ChildProcess(program + std::wstring(arguments.begin(), arguments.end())).wait());
+    return static_cast<int>(ChildProcess(line).wait());
 }
 
 Key generate(std::uint32_t type, std::uint32_t usage, const char* withPin) {
@@ -120,17 +103,14 @@ VirtualTokenTest::VirtualTokenTest() {
 }
 
 Bytes VirtualTokenTest::publicKeyFile(const Key& key) const {
-    Bytes info(key.record.modulus, key.record.modulus + key.record.modulusLength);
+    const Bytes stored(key.record.modulus, key.record.modulus + key.record.modulusLength);
     if (key.record.keyType <= TALVIK_KEY_RSA_4096) {
-        const std::string script = "asn1=SEQUENCE:key\n[key]\nn=INTEGER:0x" + hexOf(info) + "\ne=INTEGER:65537\n";
-        scratch.write("rsa.cnf", bytesOf(script));
-        openssl(scratch, "asn1parse -genconf rsa.cnf -noout -out rsa.der");
-        openssl(scratch, "rsa -RSAPublicKey_in -inform DER -in rsa.der -pubout -outform DER -out key.der");
-        info = scratch.read("key.der");
+        writeRsaKey(scratch, "key", stored);
+        return scratch.read("key.der");
     }
-    scratch.write("key.der", info);
+    scratch.write("key.der", stored);
     openssl(scratch, "pkey -pubin -inform DER -in key.der -out key.pem");
-    return info;
+    return stored;
 }
 
 }  // namespace talvik_test

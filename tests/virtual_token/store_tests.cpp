@@ -36,7 +36,7 @@ namespace {
 std::set<std::string> storedIds() {
     std::set<std::string> ids;
     for (const TalvikKeyPair& key : std::vector<TalvikKeyPair>(talvik_getKeyPairList(device, nullptr))) {
-        ids.insert(hexOf(Bytes(key.keyId, key.keyId + 16)));
+        ids.insert(hex(Bytes(key.keyId, key.keyId + 16)));
     }
     return ids;
 }
@@ -130,18 +130,16 @@ TEST_F(VirtualTokenTest, AesKeySizesAndTypes) {
         std::uint32_t type;
         int status;
         std::uint32_t stored;
-    } rows[] = {
-        {16, TALVIK_KEY_AES_128, 0, TALVIK_KEY_AES_128},
-        {24, TALVIK_KEY_AES_192, 0, TALVIK_KEY_AES_192},
-        {24, TALVIK_KEY_AES_256, 0, TALVIK_KEY_AES_192},
-        {32, TALVIK_KEY_AES_256, 0, TALVIK_KEY_AES_256},
-        {32, TALVIK_KEY_AES_128, BadKey, 0},
-        {16, TALVIK_KEY_AES_256, BadKey, 0},
-        {20, TALVIK_KEY_AES_128, BadKey, 0},
-        {0, TALVIK_KEY_AES_128, BadKey, 0},
-        {129, TALVIK_KEY_AES_128, InvalidArgument, 0},
-        {-1, TALVIK_KEY_AES_128, InvalidArgument, 0},
-    };
+    } rows[] = {{16, TALVIK_KEY_AES_128, 0, TALVIK_KEY_AES_128},
+                {24, TALVIK_KEY_AES_192, 0, TALVIK_KEY_AES_192},
+                {24, TALVIK_KEY_AES_256, 0, TALVIK_KEY_AES_192},
+                {32, TALVIK_KEY_AES_256, 0, TALVIK_KEY_AES_256},
+                {32, TALVIK_KEY_AES_128, BadKey, 0},
+                {16, TALVIK_KEY_AES_256, BadKey, 0},
+                {20, TALVIK_KEY_AES_128, BadKey, 0},
+                {0, TALVIK_KEY_AES_128, BadKey, 0},
+                {129, TALVIK_KEY_AES_128, InvalidArgument, 0},
+                {-1, TALVIK_KEY_AES_128, InvalidArgument, 0}};
     for (const auto& row : rows) {
         TalvikSymmetricKey key{};
         key.keyIdLength = row.length;

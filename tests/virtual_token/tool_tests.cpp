@@ -44,12 +44,7 @@ TEST_F(VirtualTokenTest, ToolExitCodes) {
 
 // The output of talvik.exe, as a script sees it.
 nlohmann::json jsonOf(const ScratchFolder& scratch, const std::string& arguments) {
-    std::wstring program = thisProgram();
-    program.replace(program.rfind(L'\\') + 1, std::wstring::npos, L"talvik.exe\"");
-    const std::wstring output = (scratch.path() / "out.json").wstring();
-    const std::wstring line =
-        L"cmd /c \"" + program + L" " + std::wstring(arguments.begin(), arguments.end()) + L" > \"" + output + L"\"\"";
-    EXPECT_EQ(ChildProcess(line).wait(), 0u);
+    EXPECT_EQ(talvik(arguments, scratch.path() / "out.json"), 0);
     return nlohmann::json::parse(scratch.read("out.json"));
 }
 
