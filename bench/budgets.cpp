@@ -41,17 +41,17 @@ Budget atLeast(const Json& rows, const char* id, const char* text, double least,
             reached >= least};
 }
 
-// Two threads where the machine itself gives `machine` times the work of one: 0.95 of that.
+// Two threads do nearly twice the work of one. What a loop that only computes gains on the machine stands beside it:
+// nothing can gain more.
 Budget threadsBudget(const Json& rows, const char* id, const char* text) {
-    constexpr double share = 0.95;
+    constexpr double least = 1.9;
     const Json& row = rowOf(rows, id);
     const auto gain = [&](const char* way) { return row.at(way).at("2").at("median").get<double>(); };
-    const double machine = gain("machine");
     const double reached = gain("provider");
     return {text,
             format("%.2f, at least %.2f (the machine gives %.2f); device library %.2f, without level queries %.2f",
-                   reached, share * machine, machine, gain("direct"), gain("providerWithoutQueries")),
-            reached >= share * machine};
+                   reached, least, gain("machine"), gain("direct"), gain("providerWithoutQueries")),
+            reached >= least};
 }
 
 std::string keysId(const char* operation, unsigned int count) {
