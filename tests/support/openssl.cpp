@@ -17,9 +17,8 @@ void startShell(const ScratchFolder& folder, const std::string& script) {
     PROCESS_INFORMATION process{};
     std::wstring line = std::wstring(shell) + L" -c \"" + std::wstring(script.begin(), script.end()) + L"\"";
     if (!CreateProcessW(shell, line.data(), nullptr, nullptr, FALSE, 0, nullptr, folder.path().c_str(), &startup,
-                        &process)) {
+                        &process))
         throw std::runtime_error("cannot start the shell, system error " + std::to_string(GetLastError()));
-    }
     CloseHandle(process.hProcess);
     CloseHandle(process.hThread);
 }
@@ -29,9 +28,8 @@ void startShell(const ScratchFolder& folder, const std::string& script) {
 int waitForExitCode(const ScratchFolder& folder) {
     const auto deadline = std::chrono::steady_clock::now() + longestRun;
     while (!std::filesystem::exists(folder.path() / exitFile)) {
-        if (std::chrono::steady_clock::now() > deadline) {
+        if (std::chrono::steady_clock::now() > deadline)
             throw std::runtime_error("openssl did not end");
-        }
         Sleep(1);
     }
     const Bytes code = folder.read(exitFile);
@@ -52,9 +50,8 @@ OpensslResult tryOpenssl(const ScratchFolder& folder, const std::string& argumen
 
 std::string openssl(const ScratchFolder& folder, const std::string& arguments) {
     const OpensslResult result = tryOpenssl(folder, arguments);
-    if (result.exitCode != 0) {
+    if (result.exitCode != 0)
         throw std::runtime_error("openssl " + arguments + ": " + result.output);
-    }
     return result.output;
 }
 

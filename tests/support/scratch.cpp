@@ -27,16 +27,14 @@ ScratchFolder::~ScratchFolder() {
 void ScratchFolder::write(const std::string& name, std::span<const unsigned char> content) const {
     std::ofstream file(path_ / name, std::ios::binary);
     file.write(reinterpret_cast<const char*>(content.data()), static_cast<std::streamsize>(content.size()));
-    if (!file.flush()) {
+    if (!file.flush())
         throw std::runtime_error("cannot write " + name);
-    }
 }
 
 Bytes ScratchFolder::read(const std::string& name) const {
     std::ifstream file(path_ / name, std::ios::binary);
-    if (!file) {
+    if (!file)
         throw std::runtime_error("no file " + name);
-    }
     Bytes content(std::filesystem::file_size(path_ / name));
     file.read(reinterpret_cast<char*>(content.data()), static_cast<std::streamsize>(content.size()));
     return content;
@@ -46,9 +44,8 @@ ChildProcess::ChildProcess(const std::wstring& commandLine) {
     STARTUPINFOW startup{};
     startup.cb = sizeof startup;
     std::wstring line = commandLine;
-    if (!CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process_)) {
+    if (!CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process_))
         throw std::runtime_error("cannot start a program, system error " + std::to_string(GetLastError()));
-    }
 }
 
 ChildProcess::~ChildProcess() {
@@ -60,9 +57,8 @@ ChildProcess::~ChildProcess() {
 DWORD ChildProcess::wait() {
     DWORD code = 0;
     if (WaitForSingleObject(process_.hProcess, longestWait) != WAIT_OBJECT_0 ||
-        !GetExitCodeProcess(process_.hProcess, &code)) {
+        !GetExitCodeProcess(process_.hProcess, &code))
         throw std::runtime_error("a program did not end");
-    }
     return code;
 }
 

@@ -1,6 +1,7 @@
 #include "support/scripted_library.h"
 
 #include <algorithm>
+#include <concepts>
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
@@ -41,6 +42,12 @@ Script& script() {
     return instance;
 }
 
+// The script while it is locked: for the length of one expression.
+struct Locked {
+    Script* operator->() const { return &script(); }
+    const std::lock_guard<std::mutex> guard{scriptLock};
+};
+
 // --- arguments as text -----------------------------------------------------------------------------------------------
 
 struct In {
@@ -61,17 +68,9 @@ std::string text(const char* value) {
 std::string text(bool value) {
     return value ? "true" : "false";
 }
-std::string text(int value) {
-    return std::to_string(value);
-}
-std::string text(unsigned int value) {
-    return std::to_string(value);
-}
-std::string text(EncryptionType value) {
-    return std::to_string(static_cast<int>(value));
-}
-std::string text(PaddingMode value) {
-    return std::to_string(static_cast<int>(value));
+template <class Number>
+requires std::integral<Number> || std::is_enum_v<Number> std::string text(Number value) {
+    return std::to_string(static_cast<std::int64_t>(value));
 }
 std::string text(const int* value) {
     return value ? std::to_string(*value) : "null";
@@ -232,38 +231,31 @@ void reset() {
 }
 
 void attach(const std::vector<std::pair<std::string, Token>>& tokens) {
-    const std::lock_guard guard(scriptLock);
-    script().tokens = tokens;
+    Locked()->tokens = tokens;
 }
 
 void next(const std::string& operation, const Outcome& outcome) {
-    const std::lock_guard guard(scriptLock);
-    script().queued[operation].push_back(outcome);
+    Locked()->queued[operation].push_back(outcome);
 }
 
 void always(const std::string& operation, const Outcome& outcome) {
-    const std::lock_guard guard(scriptLock);
-    script().standing[operation] = outcome;
+    Locked()->standing[operation] = outcome;
 }
 
 void before(const std::string& operation, std::function<void()> hook) {
-    const std::lock_guard guard(scriptLock);
-    script().hooks[operation] = std::move(hook);
+    Locked()->hooks[operation] = std::move(hook);
 }
 
 void generates(const TalvikKeyPair& key) {
-    const std::lock_guard guard(scriptLock);
-    script().generated = key;
+    Locked()->generated = key;
 }
 
 std::vector<std::string> takeCalls() {
-    const std::lock_guard guard(scriptLock);
-    return std::exchange(script().calls, {});
+    return std::exchange(Locked()->calls, {});
 }
 
 int callCount(const std::string& operation) {
-    const std::lock_guard guard(scriptLock);
-    return script().counts[operation];
+    return Locked()->counts[operation];
 }
 
 bool waitForPolls(int count, std::chrono::milliseconds bound) {
@@ -273,8 +265,7 @@ bool waitForPolls(int count, std::chrono::milliseconds bound) {
 }
 
 int pollCount() {
-    const std::lock_guard guard(scriptLock);
-    return script().polls;
+    return Locked()->polls;
 }
 
 }  // namespace scripted
@@ -293,16 +284,11 @@ int talvik_initDevice(const char* deviceId, bool refresh, void* reserved) {
 
 TokenInfo talvik_getTokenInfo(const char* deviceId, void* reserved) {
     answer(__func__, deviceId, reserved);
-    const std::lock_guard guard(scriptLock);
-    return script().token(deviceId).info;
+    return Locked()->token(deviceId).info;
 }
 
 std::vector<std::string> talvik_getConnectedDeviceList(bool all, void* reserved) {
-    bool recorded;
-    {
-        const std::lock_guard guard(scriptLock);
-        recorded = script().recordedThread == std::this_thread::get_id();
-    }
+    const bool recorded = Locked()->recordedThread == std::this_thread::get_id();
     if (recorded)
         answer(__func__, all, reserved);
     const std::lock_guard guard(scriptLock);
@@ -439,10 +425,8 @@ int talvik_generateRamdomNumber(const char* deviceId, int length, unsigned char*
 
 int talvik_initHash(const char* deviceId, int algorithm, void** hashHandle, void* reserved) {
     const Outcome outcome = answer(__func__, deviceId, algorithm, Out{hashHandle}, reserved);
-    if (outcome.status == 0) {
-        const std::lock_guard guard(scriptLock);
-        *hashHandle = reinterpret_cast<void*>(++script().lastHashHandle);
-    }
+    if (outcome.status == 0)
+        *hashHandle = reinterpret_cast<void*>(++Locked()->lastHashHandle);
     return outcome.status;
 }
 

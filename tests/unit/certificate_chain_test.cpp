@@ -1,7 +1,5 @@
 #include "token/certificate_chain.h"
 
-#include <algorithm>
-
 #include "support/openssl.h"
 #include "unit/provider_test.h"
 
@@ -34,7 +32,7 @@ struct Certificates {
     Bytes issue(const std::string& subject, const std::string& issuer) {
         const std::string name = subject.substr(4);
         openssl("req -new -key key -subj " + subject + " -out request");
-        openssl("x509 -req -in request -CA " + issuer + " -CAkey key -set_serial " + std::to_string(++serial_) +
+        openssl("x509 -req -in request -CA " + issuer + " -CAkey key -set_serial " + number(++serial_) +
                 " -days 9 -out " + name);
         return der(name);
     }
@@ -97,17 +95,15 @@ TEST_F(CertificateChainTest, EndsWhereNoIssuerIsOrACertificateRepeats) {
         const char* name;
         Chain token, chain;
         Lines lines;
-    } rows[] = {
-        {"issuer not on the token", {of.leaf, of.root}, {of.leaf}, {}},
-        {"root missing", {of.leaf, of.intermediate}, {of.leaf, of.intermediate}, {}},
-        {"alone", {of.orphan}, {of.orphan}, {}},
-        {"undecodable leaf", {GARBAGE, of.root}, {GARBAGE}, {"DEBUG [ERROR] Cannot parse leaf cert"}},
-        {"empty leaf", {Bytes(), of.root}, {Bytes()}, {"DEBUG [ERROR] Cannot parse leaf cert"}},
-        {"self-signed leaf", {of.root, of.intermediate}, {of.root}, {}},
-        {"self-signed leaf twice", {of.root, of.root}, {of.root, of.root}, {ROOT_FOUND}},
-        {"each the other's issuer", {of.one, of.two}, {of.one, of.two}, {}},
-        {"a loop above the leaf", {of.one, of.two, of.one}, {of.one, of.two, of.one}, {}},
-    };
+    } rows[] = {{"issuer not on the token", {of.leaf, of.root}, {of.leaf}, {}},
+                {"root missing", {of.leaf, of.intermediate}, {of.leaf, of.intermediate}, {}},
+                {"alone", {of.orphan}, {of.orphan}, {}},
+                {"undecodable leaf", {GARBAGE, of.root}, {GARBAGE}, {"DEBUG [ERROR] Cannot parse leaf cert"}},
+                {"empty leaf", {Bytes(), of.root}, {Bytes()}, {"DEBUG [ERROR] Cannot parse leaf cert"}},
+                {"self-signed leaf", {of.root, of.intermediate}, {of.root}, {}},
+                {"self-signed leaf twice", {of.root, of.root}, {of.root, of.root}, {ROOT_FOUND}},
+                {"each the other's issuer", {of.one, of.two}, {of.one, of.two}, {}},
+                {"a loop above the leaf", {of.one, of.two, of.one}, {of.one, of.two, of.one}, {}}};
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         EXPECT_EQ(ordered(row.token, 0), row.chain);

@@ -1,9 +1,4 @@
-#include <climits>
-#include <cstring>
-
 #include "csp/key.h"
-#include "token/session.h"
-#include "token/shared_state.h"
 #include "unit/provider_test.h"
 
 using namespace testing;
@@ -11,16 +6,7 @@ using namespace talvik;
 
 namespace {
 
-constexpr char VALIDATED[] = "DEBUG PIN already validated -- no need to ask again";
-constexpr char NOT_VALIDATED[] = "DEBUG Password not validated or empty -- ask for PIN";
 const Bytes INPUT = bytes(20);
-
-std::string text(std::size_t value) {
-    return std::to_string(value);
-}
-Bytes reversed(const Bytes& value) {
-    return {value.rbegin(), value.rend()};
-}
 
 // A key handle of 2048 bits over a buffer whose every byte that should not change is a canary.
 class CspCipherTest : public ProviderTest {
@@ -76,8 +62,6 @@ class CspCipherTest : public ProviderTest {
     }
 };
 
-// --- RSA -------------------------------------------------------------------------------------------------------------
-
 // The mechanism compares bytes with bits: no real key's length meets it, so the rows that do have made-up ones.
 TEST_F(CspCipherTest, EncryptsWithThePublicKeyInTheCallersByteOrder) {
     struct {
@@ -99,8 +83,8 @@ TEST_F(CspCipherTest, EncryptsWithThePublicKeyInTheCallersByteOrder) {
                                isDer ? "DEBUG CSP: Public key is already DER encoded"
                                      : "DEBUG CSP: Public key is raw modulus, converting to DER",
                                "DEBUG CPEncrypt - return success"},
-                              {"talvik_encrypt(" + text(row.mechanism) + ", " + text(padding) + ", " + hex(INPUT) +
-                               ", 20, out, 0, " + hex(der) + ", " + text(der.size()) + ", null)"});
+                              {"talvik_encrypt(" + number(row.mechanism) + ", " + number(padding) + ", " + hex(INPUT) +
+                               ", 20, out, 0, " + hex(der) + ", " + number(der.size()) + ", null)"});
                 EXPECT_EQ(delivered(), reversed(ciphertext));
                 EXPECT_TRUE(isUntouchedFrom(256));
             }
@@ -114,13 +98,12 @@ TEST_F(CspCipherTest, SizeQueriesAndShortBuffersGoByTheKeysBits) {
             key.keyBits = bits;
             key.aesKeyLen = aesLength;
             size = UNTOUCHED;
-            expectSuccess([&] { return CPEncrypt(prov, handle(), 0, TRUE, 0, nullptr, &size, 0); }, {"DEBUG CPEncrypt"},
-                          {});
+            expectSuccess([&] { return CPEncrypt(prov, handle(), 0, TRUE, 0, nullptr, &size, 0); },
+                          {"DEBUG CPEncrypt"});
             EXPECT_EQ(size, required);
             expectFailure(encrypting(required - 1), ERROR_MORE_DATA,
-                          {"DEBUG CPEncrypt", "ERROR CPEncrypt: buffer too small, cbBufLen=" + text(required - 1) +
-                                                  " requiredSize=" + text(required)},
-                          {});
+                          {"DEBUG CPEncrypt", "ERROR CPEncrypt: buffer too small, cbBufLen=" + number(required - 1) +
+                                                  " requiredSize=" + number(required)});
             EXPECT_EQ(size, required);
             EXPECT_TRUE(isInputIntact());
         }
@@ -129,9 +112,7 @@ TEST_F(CspCipherTest, SizeQueriesAndShortBuffersGoByTheKeysBits) {
     key.aesKeyLen = 0;
     key.keyBits = 0;
     scripted::always("talvik_encrypt", {.output = bytes(256)});
-    EXPECT_FALSE(encrypting(255)());
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_MORE_DATA));
-    EXPECT_EQ(log.entries().back(), "ERROR CPEncrypt: output buffer too small, required=256");
+    expectError(encrypting(255), ERROR_MORE_DATA, "ERROR CPEncrypt: output buffer too small, required=256");
     EXPECT_EQ(size, 256u);
     EXPECT_TRUE(isInputIntact());
     EXPECT_TRUE(encrypting(256)());
@@ -146,9 +127,7 @@ TEST_F(CspCipherTest, ARefusedOrLyingEncryptionDeliversNothing) {
         for (const scripted::Outcome& outcome :
              {scripted::Outcome{21}, {21, bytes(16)}, {49}, {0, bytes(16), -1}, {0, bytes(16), 5000}}) {
             scripted::next(operation, outcome);
-            EXPECT_FALSE(encrypting(1200)());
-            EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_PROVIDER_DLL_FAIL));
-            EXPECT_EQ(log.entries().back(), "ERROR " + failed + text(outcome.status));
+            expectError(encrypting(1200), NTE_PROVIDER_DLL_FAIL, "ERROR " + failed + number(outcome.status));
             EXPECT_TRUE(isInputIntact());
         }
     }
@@ -159,8 +138,6 @@ TEST_F(CspCipherTest, DecryptsOnTheTokenAndAsksAgainWhenTheSignOnExpired) {
         return "talvik_decrypt(\"T1\", " + hex(filled(16, 0xAB)) + ", \"" + pin + "\", " + hex(reversed(INPUT)) +
                ", 20, out, out, true, null)";
     };
-    const std::string info = "talvik_getTokenInfo(\"T1\", null)";
-    const std::string validation = "talvik_validatePassword(\"T1\", \"5678\", 1, 0, null)";
     const Lines head = {"DEBUG CPDecrypt", "DEBUG CPDecrypt - dwFlags : 7",
                         "DEBUG CPDecrypt - key id : ABABABABABABABABABABABABABABABAB", "DEBUG CPDecrypt - usage : 3"};
     const Lines before = head + Lines{VALIDATED, "DEBUG Before reversing encrypted data",
@@ -183,31 +160,30 @@ TEST_F(CspCipherTest, DecryptsOnTheTokenAndAsksAgainWhenTheSignOnExpired) {
     for (const scripted::Outcome& outcome : {scripted::Outcome{13}, {0, bytes(3), -1}, {0, bytes(3), INT_MAX}}) {
         scripted::next("talvik_decrypt", outcome);
         expectFailure(decrypting(), NTE_PROVIDER_DLL_FAIL,
-                      before + Lines{after[0], "ERROR Decrypt data failed : " + text(outcome.status)}, {call("1234")});
+                      before + Lines{after[0], "ERROR Decrypt data failed : " + number(outcome.status)},
+                      {call("1234")});
         EXPECT_TRUE(isInputIntact());
     }
     scripted::next("talvik_decrypt", {.status = 49});
     scripted::next("talvik_decrypt", {.output = bytes(9)});
     robot.enters("5678");
-    expectSuccess(decrypting(), expired + after, {call("1234"), info, validation, call("5678")});
+    expectSuccess(decrypting(), expired + after, {call("1234"), TOKEN_INFO, validation("5678"), call("5678")});
     scripted::always("talvik_decrypt", {.status = 49});
     robot.enters("5678");
     expectFailure(decrypting(), NTE_PROVIDER_DLL_FAIL, expired + Lines{after[0], "ERROR Decrypt data failed : 49"},
-                  {call("5678"), info, validation, call("5678")});
+                  {call("5678"), TOKEN_INFO, validation("5678"), call("5678")});
     robot.cancels();
     expectFailure(decrypting(), NTE_FAIL,
                   expired + Lines{"DEBUG User cancelled password dialog", "ERROR Password validation failed",
                                   "ERROR CPDecrypt: ensurePasswordValidated failed after SSO expiry"},
-                  {call("5678"), info});
+                  {call("5678"), TOKEN_INFO});
     robot.cancels();
     expectFailure(decrypting(), NTE_FAIL,
-                  head + Lines{NOT_VALIDATED} + dialogShown +
+                  head + NOT_VALIDATED + dialogShown +
                       Lines{"DEBUG User cancelled password dialog", "ERROR Password validation failed",
                             "ERROR CPDecrypt: ensurePasswordValidated failed"},
-                  {info});
+                  {TOKEN_INFO});
 }
-
-// --- AES -------------------------------------------------------------------------------------------------------------
 
 TEST_F(CspCipherTest, AesGoesByKeyLengthAndVector) {
     struct {
@@ -224,11 +200,11 @@ TEST_F(CspCipherTest, AesGoesByKeyLengthAndVector) {
                               : "";
             scripted::next("talvik_encrypt_aes", {.output = bytes(32)});
             expectSuccess(encrypting(32),
-                          {"DEBUG CPEncrypt", "DEBUG CPEncrypt: symmetric encryption, keyLen=" + text(row.length),
+                          {"DEBUG CPEncrypt", "DEBUG CPEncrypt: symmetric encryption, keyLen=" + number(row.length),
                            "DEBUG CPEncrypt: symmetric encryption success, length=32"},
-                          {"talvik_encrypt_aes(\"T1\", " + text(ivLength != 0 ? row.chained : row.plain) + ", " +
-                           value + ", " + text(row.length) + ", " + hex(INPUT) + ", 20, out, out, false, " + iv + ", " +
-                           text(ivLength) + ", null, 0, null)"});
+                          {"talvik_encrypt_aes(\"T1\", " + number(ivLength != 0 ? row.chained : row.plain) + ", " +
+                           value + ", " + number(row.length) + ", " + hex(INPUT) + ", 20, out, out, false, " + iv +
+                           ", " + number(ivLength) + ", null, 0, null)"});
             EXPECT_EQ(delivered(), bytes(32));
             EXPECT_TRUE(isUntouchedFrom(32));
 
@@ -239,30 +215,26 @@ TEST_F(CspCipherTest, AesGoesByKeyLengthAndVector) {
                            "DEBUG CPDecrypt input key : " + talvik::bytesToHexString(bytes(32).data(), row.length),
                            "DEBUG CPDecrypt - decrypted data : AB0C", "DEBUG CPDecrypt- return"},
                           {"talvik_decryptSymetric(\"T1\", " + hex(INPUT) + ", 20, out, 20, " + iv + ", " +
-                           text(ivLength) + ", " + value + ", " + text(row.length) + ", null)"});
+                           number(ivLength) + ", " + value + ", " + number(row.length) + ", null)"});
             EXPECT_EQ(delivered(), Bytes({0xAB, 0x0C}));
             EXPECT_TRUE(isUntouchedFrom(20));
         }
     }
     for (const scripted::Outcome& outcome : {scripted::Outcome{13}, {0, bytes(3), -1}, {0, bytes(3), 21}}) {
         scripted::next("talvik_decryptSymetric", outcome);
-        EXPECT_FALSE(decrypting()());
-        EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_PROVIDER_DLL_FAIL));
-        EXPECT_EQ(log.entries().back(), "ERROR Symetric decryption failed : " + text(outcome.status));
+        expectError(decrypting(), NTE_PROVIDER_DLL_FAIL,
+                    "ERROR Symetric decryption failed : " + number(outcome.status));
         EXPECT_TRUE(isInputIntact());
     }
     scripted::next("talvik_encrypt_aes", {.output = bytes(32)});
-    EXPECT_FALSE(encrypting(31)());
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_MORE_DATA));
-    EXPECT_EQ(log.entries().back(), "ERROR CPEncrypt: symmetric output buffer too small, required=32");
+    expectError(encrypting(31), ERROR_MORE_DATA, "ERROR CPEncrypt: symmetric output buffer too small, required=32");
     EXPECT_EQ(size, 32u);
     EXPECT_TRUE(isInputIntact());
     for (const int length : {1, 15, 17, 20, 31}) {
         useAes(length);
         expectFailure(encrypting(1200), NTE_BAD_KEY,
-                      {"DEBUG CPEncrypt", "DEBUG CPEncrypt: symmetric encryption, keyLen=" + text(length),
-                       "ERROR CPEncrypt: unsupported symmetric key length: " + text(length)},
-                      {});
+                      {"DEBUG CPEncrypt", "DEBUG CPEncrypt: symmetric encryption, keyLen=" + number(length),
+                       "ERROR CPEncrypt: unsupported symmetric key length: " + number(length)});
     }
 }
 

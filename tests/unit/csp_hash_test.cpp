@@ -1,5 +1,3 @@
-#include <cstring>
-
 #include "csp/hash.h"
 #include "unit/provider_test.h"
 
@@ -20,14 +18,14 @@ constexpr Algorithm algorithms[] = {{CALG_SHA1, 2, 20, "DEBUG Crete hash algorit
                                     {CALG_SHA_512, 5, 64, "DEBUG Crete hash algorithm 512"}};
 
 std::string initHash(unsigned int mechanism) {
-    return "talvik_initHash(\"T1\", " + std::to_string(mechanism) + ", out, null)";
+    return "talvik_initHash(\"T1\", " + number(mechanism) + ", out, null)";
 }
 std::string finalHash(const std::string& handle, DWORD preset) {
-    return "talvik_finalHash(" + handle + ", out, " + std::to_string(preset) + ", null)";
+    return "talvik_finalHash(" + handle + ", out, " + number(preset) + ", null)";
 }
 Lines paramLog(DWORD param, unsigned int mechanism) {
-    return {"DEBUG CPGetHashParam", "DEBUG CPGetHashParam dwParam : " + std::to_string(param),
-            "DEBUG CPGetHashParam mechanism : " + std::to_string(mechanism)};
+    return {"DEBUG CPGetHashParam", "DEBUG CPGetHashParam dwParam : " + number(param),
+            "DEBUG CPGetHashParam mechanism : " + number(mechanism)};
 }
 class CspHashTest : public ProviderTest {
   protected:
@@ -64,41 +62,27 @@ TEST_F(CspHashTest, EveryAlgorithmOpensItsDeviceHash) {
     for (const Algorithm& row : algorithms) {
         HCRYPTHASH hash = 0;
         expectSuccess([&] { return CPCreateHash(prov, row.id, 99, 0, &hash); },
-                      {"DEBUG CPCreateHash", "DEBUG Crete hash algorithm input : " + std::to_string(row.id), row.line,
-                       "DEBUG Crete hash algorithm : " + std::to_string(row.mechanism)},
+                      {"DEBUG CPCreateHash", "DEBUG Crete hash algorithm input : " + number(row.id), row.line,
+                       "DEBUG Crete hash algorithm : " + number(row.mechanism)},
                       {initHash(row.mechanism)});
         const csp::HASH_CONTEXT& record = *csp::hashOf(owned(hash));
-        EXPECT_EQ(record.hashAlgWord, 0u);
-        EXPECT_EQ(record.mechanism, row.mechanism);
-        EXPECT_EQ(record.mechanismCopy, row.mechanism);
-        EXPECT_EQ(record.hashSize, row.size);
-        EXPECT_EQ(record.hashValueLen, 0u);
-        EXPECT_EQ(record.isValid, 1);
-        EXPECT_EQ(record.isFinalized, 0);
+        EXPECT_EQ(std::tuple(record.hashAlgWord, record.mechanism, record.mechanismCopy, record.hashSize,
+                             record.hashValueLen, record.isValid, record.isFinalized),
+                  std::tuple(0u, row.mechanism, row.mechanism, row.size, 0u, 1, 0));
     }
-}
-
-TEST_F(CspHashTest, AVerifyOnlyContextHashesWithoutADevice) {
-    const HCRYPTPROV verifyOnly = acquire("", CRYPT_VERIFYCONTEXT);
-    HCRYPTHASH hash = 0;
-    EXPECT_TRUE(CPCreateHash(verifyOnly, CALG_SHA1, 0, 0, &hash));
-    EXPECT_EQ(scripted::takeCalls(), Lines({"talvik_initHash(\"\", 2, out, null)"}));
-    owned(hash);
 }
 
 TEST_F(CspHashTest, CreationRefusals) {
     HCRYPTHASH hash = UNTOUCHED_HANDLE;
     const std::string parameters = "CPCreateHash: invalid parameter - phHash=";
-    std::vector<Refusal> refusals = {
-        {[&] { return CPCreateHash(prov, CALG_SHA1, 0, 1, nullptr); }, ERROR_INVALID_PARAMETER,
-         parameters + "0 hProv=" + number(prov)},
-        {[&] { return CPCreateHash(0, CALG_SHA1, 0, 1, &hash); }, ERROR_INVALID_PARAMETER,
-         parameters + number(&hash) + " hProv=0"},
-        {[&] { return CPCreateHash(invalid, CALG_MD5, 0, 0x0000ABC1, &hash); }, NTE_BAD_FLAGS,
-         "CPCreateHash: invalid dwFlags=0x0000ABC1"},
-        {[&] { return CPCreateHash(invalid, CALG_MD5, 0, 0, &hash); }, NTE_BAD_UID,
-         "CPCreateHash: context not initialized"},
-    };
+    std::vector<Refusal> refusals = {{[&] { return CPCreateHash(prov, CALG_SHA1, 0, 1, nullptr); },
+                                      ERROR_INVALID_PARAMETER, parameters + "0 hProv=" + number(prov)},
+                                     {[&] { return CPCreateHash(0, CALG_SHA1, 0, 1, &hash); }, ERROR_INVALID_PARAMETER,
+                                      parameters + number(&hash) + " hProv=0"},
+                                     {[&] { return CPCreateHash(invalid, CALG_MD5, 0, 0x0000ABC1, &hash); },
+                                      NTE_BAD_FLAGS, "CPCreateHash: invalid dwFlags=0x0000ABC1"},
+                                     {[&] { return CPCreateHash(invalid, CALG_MD5, 0, 0, &hash); }, NTE_BAD_UID,
+                                      "CPCreateHash: context not initialized"}};
     const std::pair<ALG_ID, const char*> unsupported[] = {
         {CALG_MD5, "00008003"}, {CALG_HMAC, "00008009"}, {CALG_SSL3_SHAMD5, "00008008"}, {0, "00000000"},
         {CALG_MAC, "00008005"}, {2, "00000002"},         {0xFFFF800C, "FFFF800C"}};
@@ -193,21 +177,20 @@ TEST_F(CspHashTest, WordParametersFollowTheSizeRule) {
                 size = room;
                 expectFailure(get(hash, param, value, size), ERROR_MORE_DATA,
                               paramLog(param, row.mechanism) +
-                                  Lines{std::string("ERROR CPGetHashParam: ") + name + " buffer too small"},
-                              {});
+                                  Lines{std::string("ERROR CPGetHashParam: ") + name + " buffer too small"});
                 EXPECT_EQ(size, 4u);
                 EXPECT_EQ(value, filled(4, 0xCD));
             }
             size = UNTOUCHED;
             expectSuccess([&, param = param] { return CPGetHashParam(prov, hash, param, nullptr, &size, 0); },
-                          paramLog(param, row.mechanism), {});
+                          paramLog(param, row.mechanism));
             EXPECT_EQ(size, 4u);
             Bytes value = filled(8, 0xCD);
             size = 8;
             Lines lines = paramLog(param, row.mechanism);
             if (param == HP_HASHSIZE)
-                lines.push_back("DEBUG Get hash param hashSize : " + std::to_string(row.size));
-            expectSuccess(get(hash, param, value, size), lines + Lines{"DEBUG Get hash param success"}, {});
+                lines.push_back("DEBUG Get hash param hashSize : " + number(row.size));
+            expectSuccess(get(hash, param, value, size), lines + "DEBUG Get hash param success");
             EXPECT_EQ(size, 4u);
             DWORD answered;
             std::memcpy(&answered, value.data(), 4);
@@ -225,7 +208,7 @@ TEST_F(CspHashTest, TheDigestIsFinishedOnceAndThenCached) {
         scripted::always("talvik_finalHash", {.output = digest});
         size = UNTOUCHED;
         expectSuccess([&] { return CPGetHashParam(prov, hash, HP_HASHVAL, nullptr, &size, 0); },
-                      paramLog(HP_HASHVAL, row.mechanism), {});
+                      paramLog(HP_HASHVAL, row.mechanism));
         EXPECT_EQ(size, row.size);
         for (const bool finalised : {false, true}) {
             Bytes value = filled(10, 0xCD);
@@ -240,7 +223,7 @@ TEST_F(CspHashTest, TheDigestIsFinishedOnceAndThenCached) {
         }
         Bytes value = filled(row.size + 1, 0xCD);
         size = row.size + 1;
-        expectSuccess(get(hash, HP_HASHVAL, value, size), paramLog(HP_HASHVAL, row.mechanism), {});
+        expectSuccess(get(hash, HP_HASHVAL, value, size), paramLog(HP_HASHVAL, row.mechanism));
         EXPECT_EQ(size, row.size);
         EXPECT_EQ(Bytes(value.begin(), value.end() - 1), digest);
         EXPECT_EQ(value.back(), 0xCD);
@@ -254,13 +237,11 @@ TEST_F(CspHashTest, AFailedDigestIsAskedForAgain) {
     const HCRYPTHASH hash = create();
     scripted::next("talvik_finalHash", {.status = 3});
     scripted::always("talvik_finalHash", {.output = bytes(32)});
-    Bytes value(32);
-    size = 32;
+    Bytes value(size = 32);
     expectFailure(get(hash, HP_HASHVAL, value, size), NTE_FAIL,
-                  paramLog(HP_HASHVAL, 3) + Lines{"ERROR CPGetHashParam: talvik_finalHash failed, ret=3"},
+                  paramLog(HP_HASHVAL, 3) + "ERROR CPGetHashParam: talvik_finalHash failed, ret=3",
                   {finalHash("#1", 32)});
-    EXPECT_EQ(size, 32u);
-    EXPECT_EQ(csp::hashOf(hash)->isFinalized, 0);
+    EXPECT_EQ(std::tuple(size, csp::hashOf(hash)->isFinalized), std::tuple(32u, 0));
     expectSuccess(get(hash, HP_HASHVAL, value, size), paramLog(HP_HASHVAL, 3), {finalHash("#1", 32)});
     EXPECT_EQ(value, bytes(32));
 }
@@ -282,20 +263,6 @@ TEST_F(CspHashTest, ALyingDigestLengthIsAFailure) {
     }
 }
 
-TEST_F(CspHashTest, ADigestMadeElsewhereIsTakenWhole) {
-    for (const Algorithm& row : algorithms) {
-        const HCRYPTHASH hash = create(row.id);
-        const Bytes digest = bytes(row.size, 0x80);
-        expectSuccess([&] { return CPSetHashParam(prov, hash, HP_HASHVAL, digest.data(), 0); },
-                      {"DEBUG CPSetHashParam", "DEBUG Set hash param dwParam : 2", "DEBUG Set hash param dwFlags : 0"},
-                      {});
-        Bytes value(row.size);
-        size = row.size;
-        expectSuccess(get(hash, HP_HASHVAL, value, size), paramLog(HP_HASHVAL, row.mechanism), {});
-        EXPECT_EQ(value, digest);
-    }
-}
-
 TEST_F(CspHashTest, HmacInfoReplacesTheDeviceHashAndIsNeverReadBack) {
     const HCRYPTHASH hash = create();
     const Bytes info = bytes(40, 3);
@@ -310,7 +277,7 @@ TEST_F(CspHashTest, HmacInfoReplacesTheDeviceHashAndIsNeverReadBack) {
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_TYPE));
     scripted::next("talvik_initHash", {.status = 9});
     expectFailure([&] { return CPSetHashParam(prov, hash, HP_HMAC_INFO, info.data(), 0); }, NTE_FAIL,
-                  lines + Lines{"ERROR CPSetHashParam: talvik_initHash failed for HP_HMAC_INFO, ret=9"}, {initHash(3)});
+                  lines + "ERROR CPSetHashParam: talvik_initHash failed for HP_HMAC_INFO, ret=9", {initHash(3)});
 }
 
 TEST_F(CspHashTest, ACopyStartsAnEmptyDeviceHash) {
@@ -326,9 +293,8 @@ TEST_F(CspHashTest, ACopyStartsAnEmptyDeviceHash) {
                   static_cast<unsigned long long>(hash), static_cast<unsigned long long>(copy));
     EXPECT_EQ(log.entries(), Lines({"DEBUG CPDuplicateHash", line}));
     EXPECT_EQ(scripted::takeCalls(), Lines({initHash(4)}));
-    EXPECT_EQ(csp::hashOf(copy)->mechanismCopy, 0u);
-    EXPECT_EQ(csp::hashOf(copy)->mechanism, 4u);
-    EXPECT_EQ(csp::hashOf(copy)->hashSize, 48u);
+    EXPECT_EQ(std::tuple(csp::hashOf(copy)->mechanismCopy, csp::hashOf(copy)->mechanism, csp::hashOf(copy)->hashSize),
+              std::tuple(0u, 4u, 48u));
     EXPECT_TRUE(CPHashData(prov, copy, bytes(1).data(), 1, 0));
     EXPECT_EQ(scripted::takeCalls(), Lines({"talvik_updateHash(#2, 01, 1, null)"}));
 
@@ -337,7 +303,7 @@ TEST_F(CspHashTest, ACopyStartsAnEmptyDeviceHash) {
     owned(copy);
     Bytes value(48);
     size = 48;
-    expectSuccess(get(copy, HP_HASHVAL, value, size), paramLog(HP_HASHVAL, 4), {});
+    expectSuccess(get(copy, HP_HASHVAL, value, size), paramLog(HP_HASHVAL, 4));
     EXPECT_EQ(value, bytes(48, 7));
 }
 
@@ -375,7 +341,7 @@ TEST_F(CspHashTest, DestructionAsksNothingOfTheDevice) {
                     {[&] { return CPDestroyHash(invalid, 0); }, NTE_BAD_UID, context},
                     {[&] { return CPDestroyHash(prov, 0); }, NTE_BAD_HASH, "CPDestroyHash: pHashHandle is NULL"}});
     csp::hashOf(hash)->isValid = 0;
-    expectSuccess([&] { return CPDestroyHash(prov, hash); }, {"DEBUG CPDestroyHash"}, {});
+    expectSuccess([&] { return CPDestroyHash(prov, hash); }, {"DEBUG CPDestroyHash"});
 }
 
 }  // namespace

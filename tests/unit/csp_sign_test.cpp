@@ -1,9 +1,5 @@
-#include <cstring>
-
 #include "csp/hash.h"
 #include "csp/key.h"
-#include "token/key_encoding.h"
-#include "token/session.h"
 #include "unit/provider_test.h"
 
 using namespace testing;
@@ -11,15 +7,7 @@ using namespace talvik;
 
 namespace {
 
-constexpr char KEY_LIST[] = "talvik_getKeyPairList(\"T1\", null)";
-constexpr char VALIDATED[] = "DEBUG PIN already validated -- no need to ask again";
-constexpr char NOT_VALIDATED[] = "DEBUG Password not validated or empty -- ask for PIN";
 constexpr char FINAL[] = "talvik_finalHash(#1, out, 128, null)";
-const std::string ONE = "11111111111111111111111111111111";
-
-Bytes reversed(const Bytes& value) {
-    return {value.rbegin(), value.rend()};
-}
 
 class CspSignTest : public ProviderTest {
   protected:
@@ -27,18 +15,13 @@ class CspSignTest : public ProviderTest {
         setDevicePassword(DEVICE, "1234");
         scripted::always("talvik_finalHash", {.output = digest});
     }
-    ~CspSignTest() override {
-        if (hash) {
-            EXPECT_TRUE(CPDestroyHash(prov, hash));
-        }
-    }
+    ~CspSignTest() override { letGo(); }
+    void letGo() { EXPECT_TRUE(!hash || CPDestroyHash(prov, hash)); }
 
     // A context and a SHA-256 hash over these keys; an earlier hash is let go.
     void open(const std::vector<TalvikKeyPair>& keys, const std::string& container = "") {
         attachTokens(keys);
-        if (hash) {
-            EXPECT_TRUE(CPDestroyHash(prov, hash));
-        }
+        letGo();
         prov = acquire(container);
         EXPECT_TRUE(CPCreateHash(prov, CALG_SHA_256, 0, 0, &hash));
         forgetSoFar();
@@ -53,11 +36,11 @@ class CspSignTest : public ProviderTest {
     }
     static std::string signCall(unsigned char key, const std::string& pin, const Bytes& hashValue, DWORD room) {
         return "talvik_signHash(\"T1\", " + hex(filled(16, key)) + ", \"" + pin + "\", " + hex(hashValue) + ", " +
-               std::to_string(hashValue.size()) + ", out, " + std::to_string(room) + ", false, null, false)";
+               number(hashValue.size()) + ", out, " + number(room) + ", false, null, false)";
     }
     static Lines parameters(unsigned int keyType, unsigned int mechanismCopy = 3) {
-        return {"DEBUG CPSignHash dwFlags : 5", "DEBUG CPSignHash hashAlgorithm : " + std::to_string(mechanismCopy),
-                "DEBUG CPSignHash key mechanism : " + std::to_string(keyType)};
+        return {"DEBUG CPSignHash dwFlags : 5", "DEBUG CPSignHash hashAlgorithm : " + number(mechanismCopy),
+                "DEBUG CPSignHash key mechanism : " + number(keyType)};
     }
 
     const Bytes digest = bytes(32, 0x40);
@@ -74,7 +57,7 @@ TEST_F(CspSignTest, SigningTurnsTheTokensSignature) {
     expectSuccess(sign(), Lines{"DEBUG CPSignHash", VALIDATED} + parameters(2),
                   {FINAL, KEY_LIST, signCall(0x11, "1234", digest, 600)});
     EXPECT_EQ(size, 256u);
-    EXPECT_EQ(Bytes(signature.begin(), signature.begin() + 256), reversed(signatureOfToken));
+    EXPECT_EQ(content(signature.data(), 256), reversed(signatureOfToken));
     EXPECT_EQ(signature[256], 0xCD);
 
     // Again: neither the digest nor the key is asked for, even if the key has gone since.
@@ -103,10 +86,9 @@ TEST_F(CspSignTest, TheKeysTypeReplacesTheMechanism) {
             record().mechanism = type;
             expectFailure([&, param = param] { return CPGetHashParam(prov, hash, param, signature.data(), &size, 0); },
                           NTE_BAD_ALGID,
-                          {"DEBUG CPGetHashParam", "DEBUG CPGetHashParam dwParam : " + std::to_string(param),
-                           "DEBUG CPGetHashParam mechanism : " + std::to_string(type),
-                           "ERROR CPGetHashParam: " + name + " unsupported mechanism=" + std::to_string(type)},
-                          {});
+                          {"DEBUG CPGetHashParam", "DEBUG CPGetHashParam dwParam : " + number(param),
+                           "DEBUG CPGetHashParam mechanism : " + number(type),
+                           "ERROR CPGetHashParam: " + name + " unsupported mechanism=" + number(type)});
             EXPECT_EQ(size, 600u);
         }
 }
@@ -145,16 +127,13 @@ TEST_F(CspSignTest, TheContainerChoosesTheKey) {
         {"named, nothing can sign", {exchange3, unused4}, scripted::containerName(unused4), 0},
         {"no such name", {sign1, both2}, "nobody", 0},
         {"a label is no name", {sign1}, "label 1", 0},
-        {"no keys", {}, "", 0},
-    };
+        {"no keys", {}, "", 0}};
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         open(row.keys, row.container);
         size = UNTOUCHED;
         if (row.signs == 0) {
-            EXPECT_FALSE(querySize()());
-            EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_NO_KEY));
-            EXPECT_EQ(log.entries().back(), "ERROR CPSignHash: sign key not found for container=" + row.container);
+            expectError(querySize(), NTE_NO_KEY, "ERROR CPSignHash: sign key not found for container=" + row.container);
             EXPECT_EQ(size, UNTOUCHED);
             EXPECT_EQ(record().signKeyIdLen, 0u);
         } else {
@@ -198,66 +177,40 @@ TEST_F(CspSignTest, SignRefusals) {
     }
     scripted::next("talvik_signHash", {.status = 50});
     expectFailure(sign(), NTE_PROVIDER_DLL_FAIL,
-                  Lines{"DEBUG CPSignHash", VALIDATED} + parameters(2) + Lines{"ERROR Sign hash failed : 50"},
+                  Lines{"DEBUG CPSignHash", VALIDATED} + parameters(2) + "ERROR Sign hash failed : 50",
                   {"talvik_finalHash(#2, out, 128, null)", KEY_LIST, signCall(0x11, "1234", digest, 600)});
     EXPECT_EQ(size, 600u);
     EXPECT_EQ(signature, filled(600, 0xCD));
     EXPECT_STREQ(getDevicePassword(DEVICE).c_str(), "1234");
 }
 
-TEST_F(CspSignTest, WithoutAPinThereIsNoSignature) {
-    open({scripted::keyPair(0x11)});
-    clearDevicePassword(DEVICE);
-    robot.cancels();
-    expectFailure(sign(), NTE_FAIL,
-                  Lines{"DEBUG CPSignHash", NOT_VALIDATED} + dialogShown +
-                      Lines{"DEBUG User cancelled password dialog", "ERROR Password validation failed",
-                            "ERROR CPSignHash: ensurePasswordValidated failed"},
-                  {FINAL, KEY_LIST, "talvik_getTokenInfo(\"T1\", null)"});
-    EXPECT_EQ(size, 600u);
-}
-
 TEST_F(CspSignTest, AnExpiredSignOnIsRenewedOnce) {
-    const std::string info = "talvik_getTokenInfo(\"T1\", null)";
-    const std::string validation = "talvik_validatePassword(\"T1\", \"5678\", 1, 0, null)";
     const Lines first = Lines{"DEBUG CPSignHash", VALIDATED} + parameters(2) +
-                        Lines{"DEBUG CPSignHash: SSO expired, re-prompting for PIN", NOT_VALIDATED} + dialogShown;
+                        "DEBUG CPSignHash: SSO expired, re-prompting for PIN" + NOT_VALIDATED + dialogShown;
     const std::string again = signCall(0x11, "5678", digest, 600);
+    const Lines cancelled = {"DEBUG User cancelled password dialog", "ERROR Password validation failed"};
 
     open({scripted::keyPair(0x11)});
     scripted::next("talvik_signHash", {.status = 49, .length = 3});
     scripted::next("talvik_signHash", {.output = signatureOfToken});
-    robot.enters("5678");
-    expectSuccess(sign(), first, {FINAL, KEY_LIST, signCall(0x11, "1234", digest, 600), info, validation, again});
-    EXPECT_EQ(Bytes(signature.begin(), signature.begin() + 256), reversed(signatureOfToken));
+    robot.enters("5678").enters("5678").cancels().cancels();
+    expectSuccess(sign(), first,
+                  {FINAL, KEY_LIST, signCall(0x11, "1234", digest, 600), TOKEN_INFO, validation("5678"), again});
+    EXPECT_EQ(content(signature.data(), 256), reversed(signatureOfToken));
 
     size = 600;
     scripted::always("talvik_signHash", {.status = 49});
-    robot.enters("5678");
-    expectFailure(sign(), NTE_PROVIDER_DLL_FAIL, first + Lines{"ERROR Sign hash failed : 49"},
-                  {again, info, validation, again});
-
-    robot.cancels();
+    expectFailure(sign(), NTE_PROVIDER_DLL_FAIL, first + "ERROR Sign hash failed : 49",
+                  {again, TOKEN_INFO, validation("5678"), again});
     expectFailure(sign(), NTE_FAIL,
-                  first + Lines{"DEBUG User cancelled password dialog", "ERROR Password validation failed",
-                                "ERROR CPSignHash: ensurePasswordValidated failed after SSO expiry"},
-                  {again, info});
+                  first + cancelled + "ERROR CPSignHash: ensurePasswordValidated failed after SSO expiry",
+                  {again, TOKEN_INFO});
+    expectFailure(sign(), NTE_FAIL,
+                  Lines{"DEBUG CPSignHash", NOT_VALIDATED} + dialogShown + cancelled +
+                      "ERROR CPSignHash: ensurePasswordValidated failed",
+                  {TOKEN_INFO});
     EXPECT_EQ(size, 600u);
-    EXPECT_EQ(robot.finish(), Lines({"PIN", "PIN", "PIN"}));
-}
-
-TEST_F(CspSignTest, SingleSignOnSignsWithAnEmptyPinAndNeverAsks) {
-    setDevicePassword(DEVICE, "");
-    open({scripted::keyPair(0x11)});
-    attachTokens({scripted::keyPair(0x11)}, true);
-    scripted::always("talvik_signHash", {.output = signatureOfToken});
-    EXPECT_TRUE(querySize()());
-    for (int i = 0; i < 3; ++i) {
-        size = 600;
-        expectSuccess(sign(), Lines{"DEBUG CPSignHash", NOT_VALIDATED} + parameters(2),
-                      {"talvik_getTokenInfo(\"T1\", null)", signCall(0x11, "", digest, 600)});
-    }
-    EXPECT_THAT(robot.finish(), IsEmpty());
+    EXPECT_EQ(robot.finish(), Lines(4, "PIN"));
 }
 
 // What the token produces goes to the caller only as far as it fits.
@@ -267,15 +220,13 @@ TEST_F(CspSignTest, AShortBufferIsNeverOverrun) {
     for (const DWORD room : {0, 1, 128, 255}) {
         size = room;
         SetLastError(UNTOUCHED_ERROR);
-        EXPECT_FALSE(sign()());
-        EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_MORE_DATA));
-        EXPECT_EQ(log.entries().back(), "ERROR CPSignHash: signature buffer too small, required=256");
+        expectError(sign(), ERROR_MORE_DATA, "ERROR CPSignHash: signature buffer too small, required=256");
         EXPECT_EQ(size, 256u);
         EXPECT_EQ(signature, filled(600, 0xCD));
     }
     size = 256;
     EXPECT_TRUE(sign()());
-    EXPECT_EQ(Bytes(signature.begin(), signature.begin() + 256), reversed(signatureOfToken));
+    EXPECT_EQ(content(signature.data(), 256), reversed(signatureOfToken));
 }
 
 TEST_F(CspSignTest, ALyingSignatureLengthIsAFailure) {
@@ -294,21 +245,13 @@ TEST_F(CspSignTest, ALyingSignatureLengthIsAFailure) {
     EXPECT_EQ(size, 0u);
 }
 
-// --- CPVerifySignature -----------------------------------------------------------------------------------------------
-
 class CspVerifyTest : public CspSignTest {
   protected:
     CspVerifyTest() { open({pair}); }
-    ~CspVerifyTest() override {
-        if (key) {
-            EXPECT_TRUE(CPDestroyKey(prov, key));
-        }
-    }
+    ~CspVerifyTest() override { EXPECT_TRUE(!key || CPDestroyKey(prov, key)); }
 
     csp::KEY_HANDLE& keyRecord() {
-        if (!key) {
-            EXPECT_TRUE(CPGetUserKey(prov, AT_SIGNATURE, &key));
-        }
+        EXPECT_TRUE(key || CPGetUserKey(prov, AT_SIGNATURE, &key));
         return *csp::keyOf(key);
     }
     Call verify() {
@@ -318,14 +261,14 @@ class CspVerifyTest : public CspSignTest {
 
     std::string verifyCall(const Bytes& der) const {
         return "talvik_verifySignatureHash(2, \"T1\", " + hex(digest) + ", 32, " + hex(der) + ", " +
-               std::to_string(der.size()) + ", 030201, 3, null, false)";
+               number(der.size()) + ", 030201, 3, null, false)";
     }
     static Lines facts(std::size_t keyLength) {
         return {"DEBUG pContext->serialNumber: T1", "DEBUG pHashContext->hashLength: 32",
-                "DEBUG PublicKeyLength: " + std::to_string(keyLength), "DEBUG Signature Length: 3"};
+                "DEBUG PublicKeyLength: " + number(keyLength), "DEBUG Signature Length: 3"};
     }
     static Bytes derOf(const TalvikKeyPair& of, std::size_t length) {
-        return buildRsaPublicKeyDer(hex(Bytes(of.modulus, of.modulus + length)), "010001");
+        return buildRsaPublicKeyDer(hex(content(of.modulus, length)), "010001");
     }
 
     const TalvikKeyPair pair = scripted::keyPair(0x11);
@@ -340,7 +283,7 @@ TEST_F(CspVerifyTest, TheDigestIsFetchedOnceAndTheSignatureTurned) {
                         "DEBUG CPGetHashParam mechanism : 3"};
     const Lines converted = {"DEBUG key handle available", "DEBUG Public key is not DER encoded, converting to DER"};
     expectSuccess(verify(),
-                  Lines{"DEBUG CPVerifySignature"} + read + read + Lines{"DEBUG Hash obtained using CPGetHashParam"} +
+                  Lines{"DEBUG CPVerifySignature"} + read + read + "DEBUG Hash obtained using CPGetHashParam" +
                       converted + facts(der.size()),
                   {"talvik_finalHash(#1, out, 32, null)", verifyCall(der)});
     EXPECT_EQ(claim, Bytes({1, 2, 3}));
@@ -348,7 +291,7 @@ TEST_F(CspVerifyTest, TheDigestIsFetchedOnceAndTheSignatureTurned) {
         scripted::next("talvik_verifySignatureHash", {.status = refusal});
         expectFailure(verify(), NTE_BAD_SIGNATURE,
                       Lines{"DEBUG CPVerifySignature"} + converted + facts(der.size()) +
-                          Lines{"ERROR VERIFY SIGNATURE FAILED :: " + std::to_string(refusal)},
+                          Lines{"ERROR VERIFY SIGNATURE FAILED :: " + number(refusal)},
                       {verifyCall(der)});
     }
     EXPECT_STREQ(getDevicePassword(DEVICE).c_str(), "1234");
@@ -376,14 +319,12 @@ TEST_F(CspVerifyTest, WithoutAKeyHandleTheTokensKeyServes) {
         std::vector<TalvikKeyPair> keys;
         std::string container;
         std::optional<Bytes> der;
-    } const rows[] = {
-        {"first that signs", {exchange, likeDer, pair}, "", derOf(likeDer, 256)},
-        {"named", {likeDer, pair}, ONE, der},
-        {"lying", {lying}, "", derOf(lying, 1024)},
-        {"none that signs", {exchange}, "", std::nullopt},
-        {"named, but no signing key", {pair, exchange}, scripted::containerName(exchange), std::nullopt},
-        {"none", {}, "x", std::nullopt},
-    };
+    } const rows[] = {{"first that signs", {exchange, likeDer, pair}, "", derOf(likeDer, 256)},
+                      {"named", {likeDer, pair}, ONE, der},
+                      {"lying", {lying}, "", derOf(lying, 1024)},
+                      {"none that signs", {exchange}, "", std::nullopt},
+                      {"named, but no signing key", {pair, exchange}, scripted::containerName(exchange), std::nullopt},
+                      {"none", {}, "x", std::nullopt}};
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         open(row.keys, row.container);
@@ -393,10 +334,10 @@ TEST_F(CspVerifyTest, WithoutAKeyHandleTheTokensKeyServes) {
         if (row.der) {
             expectSuccess(verify(), lines + facts(row.der->size()), {KEY_LIST, verifyCall(*row.der)});
         } else {
-            expectFailure(verify(), NTE_BAD_KEY,
-                          lines + Lines{"ERROR CPVerifySignature: container not found in key list, containerName=" +
-                                        row.container},
-                          {KEY_LIST});
+            expectFailure(
+                verify(), NTE_BAD_KEY,
+                lines + ("ERROR CPVerifySignature: container not found in key list, containerName=" + row.container),
+                {KEY_LIST});
         }
     }
     open({pair});
@@ -416,14 +357,12 @@ TEST_F(CspVerifyTest, Refusals) {
     struct {
         std::function<void()> arrange;
         const char* text;
-    } const digests[] = {
-        {[&] { record().mechanism = 9; }, "CPGetHashParam failed to get hash size"},
-        {[&] { record().mechanism = 5; }, "Hash size larger than expected"},
-        {[&] { record().mechanism = 3, scripted::next("talvik_finalHash", {.status = 4}); },
-         "CPGetHashParam failed to get hash value"},
-        {[&] { scripted::next("talvik_finalHash", {.output = digest, .length = -4}); },
-         "CPGetHashParam failed to get hash value"},
-    };
+    } const digests[] = {{[&] { record().mechanism = 9; }, "CPGetHashParam failed to get hash size"},
+                         {[&] { record().mechanism = 5; }, "Hash size larger than expected"},
+                         {[&] { record().mechanism = 3, scripted::next("talvik_finalHash", {.status = 4}); },
+                          "CPGetHashParam failed to get hash value"},
+                         {[&] { scripted::next("talvik_finalHash", {.output = digest, .length = -4}); },
+                          "CPGetHashParam failed to get hash value"}};
     for (const auto& row : digests) {
         row.arrange();
         log.mark();

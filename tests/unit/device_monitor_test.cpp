@@ -1,6 +1,5 @@
 #include "token/device_monitor.h"
 
-#include "token/session.h"
 #include "unit/provider_test.h"
 
 using namespace testing;

@@ -1,15 +1,10 @@
-#include <cstdlib>
-
 #include "ksp/entry_points.h"
 #include "unit/ksp_test.h"
 
 using namespace testing;
+using namespace talvik;
 
 namespace {
-
-constexpr char INIT[] = "talvik_init(0, null, 2)";
-constexpr char DEVICES[] = "talvik_getConnectedDeviceList(false, null)";
-constexpr char MONITOR[] = "DEBUG Monitor thread already running, not starting again.";
 
 class KspProvider : public KspTest {};
 
@@ -64,8 +59,7 @@ TEST_F(KspProvider, EveryFunctionRefusesAProviderThatIsNullOrNotOpen) {
          [&](Provider p) { return ksp.ExportKey(p, key, 0, L"PUBLICBLOB", nullptr, nullptr, 0, &size, 0); }},
         {"KSPSignHash", [&](Provider p) { return ksp.SignHash(p, key, nullptr, data, 8, data, 8, &size, 0); }},
         {"KSPVerifySignature", [&](Provider p) { return ksp.VerifySignature(p, key, nullptr, data, 8, data, 8, 0); }},
-        {"KSPPromptUser", [&](Provider p) { return ksp.PromptUser(p, key, L"", 0); }},
-    };
+        {"KSPPromptUser", [&](Provider p) { return ksp.PromptUser(p, key, L"", 0); }}};
     const NCRYPT_PROV_HANDLE closed = neverOpened();
     for (const auto& [name, function] : functions)
         for (const NCRYPT_PROV_HANDLE provider : {NCRYPT_PROV_HANDLE{0}, closed})
@@ -82,14 +76,14 @@ TEST_F(KspProvider, OpensOnTheFirstToken) {
     expect(ERROR_SUCCESS, "KSPOpenProvider", [&] { return ksp.OpenProvider(&first, nullptr, 0); },
            {MONITOR, "DEBUG KSP: Provider firmware=7.1", "ERROR KSP: Init device failed for T1 : 5",
             "DEBUG KSP: Provider opened successfully"},
-           {INIT, DEVICES, "talvik_getTokenInfo(\"T1\", null)", INIT, "talvik_initDevice(\"T1\", false, null)", INIT,
+           {INIT, DEVICES, TOKEN_INFO, INIT, "talvik_initDevice(\"T1\", false, null)", INIT,
             "talvik_initDevice(\"T2\", false, null)"});
     // The one that failed is tried again, the other is not.
     expect(ERROR_SUCCESS, "KSPOpenProvider", [&] { return ksp.OpenProvider(&second, nullptr, 0); },
            {MONITOR, "DEBUG KSP: Provider firmware=7.1", "DEBUG KSP: Provider opened successfully"},
-           {INIT, DEVICES, "talvik_getTokenInfo(\"T1\", null)", INIT, "talvik_initDevice(\"T1\", false, null)"});
+           {INIT, DEVICES, TOKEN_INFO, INIT, "talvik_initDevice(\"T1\", false, null)"});
     for (const NCRYPT_PROV_HANDLE provider : {first, second})
-        expect(ERROR_SUCCESS, "KSPFreeProvider", [&] { return ksp.FreeProvider(provider); }, {}, {});
+        expect(ERROR_SUCCESS, "KSPFreeProvider", [&] { return ksp.FreeProvider(provider); });
     expectRefused("KSPOpenProvider", {{[&] { return ksp.OpenProvider(nullptr, nullptr, 0); }, NTE_INVALID_PARAMETER,
                                        "KSPOpenProvider: phProvider is null"}});
 }
@@ -98,7 +92,7 @@ TEST_F(KspProvider, OpensWithoutAToken) {
     scripted::attach({});
     expect(ERROR_SUCCESS, "KSPOpenProvider", [&] { return ksp.OpenProvider(&hProv, nullptr, 0); },
            {MONITOR, "DEBUG KSP: No token connected, opening provider without device"}, {INIT, DEVICES});
-    const talvik::ksp::KspProvider& provider = *talvik::ksp::providerOf(hProv);
+    const talvik::ksp::KspProvider& provider = *providerOf(hProv);
     EXPECT_EQ(provider.deviceId + provider.firmwareVersion, "");
     NCRYPT_KEY_HANDLE key = 0;
     expect(NTE_NO_KEY, "KSPOpenKey", [&] { return ksp.OpenKey(hProv, &key, L"x", 0, 0); },
@@ -122,15 +116,13 @@ TEST_F(KspProvider, AnExceptionOfTheLibraryStaysInside) {
 TEST_F(KspProvider, ReadsItsProperties) {
     open();
     const DWORD nine = 9, version = 0x100, longest = 256, none = 0;
-    const auto word = [](DWORD value) { return Bytes(bytesOf(value), bytesOf(value) + sizeof value); };
-    const std::pair<const wchar_t*, Bytes> rows[] = {
-        {L"Name", utf16(L"Talvik Cryptographic Provider CSP")},
-        {L"Impl Type", word(nine)},
-        {L"Version", word(version)},
-        {L"Algorithm Name", utf16(L"RSA")},
-        {L"Max Name Length", word(longest)},
-        {L"Security Descr Support", word(none)},
-    };
+    const auto word = [](DWORD value) { return content(bytesOf(value), sizeof value); };
+    const std::pair<const wchar_t*, Bytes> rows[] = {{L"Name", utf16(L"Talvik Cryptographic Provider CSP")},
+                                                     {L"Impl Type", word(nine)},
+                                                     {L"Version", word(version)},
+                                                     {L"Algorithm Name", utf16(L"RSA")},
+                                                     {L"Max Name Length", word(longest)},
+                                                     {L"Security Descr Support", word(none)}};
     for (const auto& [name, value] : rows)
         EXPECT_EQ(readBySizeRule([&](BYTE* buffer, DWORD room, DWORD* size) {
                       return ksp.GetProviderProperty(hProv, name, buffer, room, size, 0);
@@ -159,7 +151,7 @@ TEST_F(KspProvider, ReadsItsProperties) {
 
 TEST_F(KspProvider, TakesTheWindowThatOwnsTheDialog) {
     open();
-    const HWND& owner = talvik::ksp::providerOf(hProv)->hwnd;
+    const HWND& owner = providerOf(hProv)->hwnd;
     HWND window = reinterpret_cast<HWND>(0x1122334455667788);
     const auto set = [&](BYTE* value, DWORD size) {
         EXPECT_EQ(ksp.SetProviderProperty(hProv, L"HWND Handle", value, size, 0), ERROR_SUCCESS);
@@ -186,20 +178,19 @@ TEST_F(KspProvider, HasAPinVerifiedAndRemembersIt) {
     const std::pair<std::string, Act> setters[] = {
         {"KSPSetProviderProperty",
          [&] { return ksp.SetProviderProperty(hProv, L"SmartCardPin", (BYTE*)L"987654", 0, 0); }},
-        {"KSPSetKeyProperty", [&] { return ksp.SetKeyProperty(hProv, key, L"SmartCardPin", (BYTE*)"987654", 0, 0); }},
-    };
+        {"KSPSetKeyProperty", [&] { return ksp.SetKeyProperty(hProv, key, L"SmartCardPin", (BYTE*)"987654", 0, 0); }}};
     for (const auto& [entryPoint, act] : setters) {
         const bool isWide = entryPoint == "KSPSetProviderProperty";
         const std::string pin = isWide ? "9" : "987654";
         const Lines asked = {"talvik_validatePassword(\"T1\", \"" + pin + "\", 1, 0, null)"};
-        talvik::clearDevicePassword(DEVICE);
+        clearDevicePassword(DEVICE);
         scripted::next("talvik_validatePassword", {.status = 7, .length = 2});
         expect(NTE_VALIDATION_FAILED, entryPoint, act,
                {"DEBUG KSP: Setting PIN via property", "ERROR KSP: PIN validation failed: 7"}, asked);
-        EXPECT_FALSE(talvik::isPasswordValidated(DEVICE));
+        EXPECT_FALSE(isPasswordValidated(DEVICE));
         expect(ERROR_SUCCESS, entryPoint, act, {"DEBUG KSP: Setting PIN via property"}, asked);
-        EXPECT_TRUE(talvik::isPasswordValidated(DEVICE));
-        EXPECT_EQ(talvik::getDevicePassword(DEVICE).c_str(), pin);
+        EXPECT_TRUE(isPasswordValidated(DEVICE));
+        EXPECT_EQ(getDevicePassword(DEVICE).c_str(), pin);
     }
 }
 
@@ -212,10 +203,9 @@ TEST_F(KspProvider, PromptsUnlessThePinIsKnown) {
     expect(
         NTE_FAIL, "KSPPromptUser", prompt,
         asking + Lines{"DEBUG KSP: User cancelled password dialog", "ERROR KSPPromptUser: password validation failed"},
-        {"talvik_getTokenInfo(\"T1\", null)"});
-    expect(ERROR_SUCCESS, "KSPPromptUser", prompt, asking,
-           {"talvik_getTokenInfo(\"T1\", null)", "talvik_validatePassword(\"T1\", \"1234\", 1, 0, null)"});
-    expect(ERROR_SUCCESS, "KSPPromptUser", prompt, PIN_KNOWN, {});
+        {TOKEN_INFO});
+    expect(ERROR_SUCCESS, "KSPPromptUser", prompt, asking, {TOKEN_INFO, validation("1234")});
+    expect(ERROR_SUCCESS, "KSPPromptUser", prompt, PIN_KNOWN);
     EXPECT_EQ(robot.finish(), Lines({"PIN", "PIN"}));
 }
 
@@ -235,12 +225,12 @@ TEST_F(KspProvider, ListsAlgorithms) {
         NCryptAlgorithmName* list = nullptr;
         expect(ERROR_SUCCESS, "KSPEnumAlgorithms",
                [&] { return ksp.EnumAlgorithms(hProv, operations, &count, &list, 0); },
-               {"DEBUG KSP: Enumerated " + std::to_string(expected.size()) + " algorithms"}, {});
+               {"DEBUG KSP: Enumerated " + number(expected.size()) + " algorithms"});
         Lines found;
         for (DWORD i = 0; i < count; ++i) {
             const std::wstring name = list[i].pszName;
-            found.push_back(std::string(name.begin(), name.end()) + " " + std::to_string(list[i].dwClass) + " " +
-                            std::to_string(list[i].dwAlgOperations));
+            found.push_back(std::string(name.begin(), name.end()) + " " + number(list[i].dwClass) + " " +
+                            number(list[i].dwAlgOperations));
             EXPECT_EQ(list[i].dwFlags, 0u);
         }
         EXPECT_EQ(found, expected);
@@ -252,13 +242,13 @@ TEST_F(KspProvider, ListsAlgorithms) {
     expectRefused("KSPEnumAlgorithms",
                   {{[&] { return ksp.EnumAlgorithms(hProv, 0, nullptr, &list, 0); }, NTE_INVALID_PARAMETER, missing},
                    {[&] { return ksp.EnumAlgorithms(hProv, 0, &count, nullptr, 0); }, NTE_INVALID_PARAMETER, missing}});
-    expect(ERROR_SUCCESS, "KSPFreeBuffer", [&] { return ksp.FreeBuffer(nullptr); }, {}, {});
+    expect(ERROR_SUCCESS, "KSPFreeBuffer", [&] { return ksp.FreeBuffer(nullptr); });
 }
 
 TEST_F(KspProvider, KnowsWhatItSupportsWithoutAHandle) {
     for (const wchar_t* name :
          {L"RSA", L"ECDSA_P256", L"ECDSA_P384", L"ECDSA_P521", L"SHA1", L"SHA256", L"SHA384", L"SHA512"})
-        expect(ERROR_SUCCESS, "KSPIsAlgSupported", [&] { return ksp.IsAlgSupported(0, name, 0); }, {}, {});
+        expect(ERROR_SUCCESS, "KSPIsAlgSupported", [&] { return ksp.IsAlgSupported(0, name, 0); });
     const auto refused = [&](const wchar_t* name) {
         return KspRefusal{[=, this] { return ksp.IsAlgSupported(0, name, 0); }, NTE_NOT_SUPPORTED,
                           "KSPIsAlgSupported: algorithm not supported"};
@@ -272,7 +262,7 @@ TEST_F(KspProvider, KnowsWhatItSupportsWithoutAHandle) {
     notOffered("KSPNotifyChangeKey", [&] { return ksp.NotifyChangeKey(0, nullptr, 0); });
     notOffered("KSPSecretAgreement", [&] { return ksp.SecretAgreement(0, 0, 0, nullptr, 0); });
     notOffered("KSPDeriveKey", [&] { return ksp.DeriveKey(0, 0, nullptr, nullptr, nullptr, 0, nullptr, 0); });
-    expect(ERROR_SUCCESS, "KSPFreeSecret", [&] { return ksp.FreeSecret(0, 1); }, {}, {});
+    expect(ERROR_SUCCESS, "KSPFreeSecret", [&] { return ksp.FreeSecret(0, 1); });
 }
 
 }  // namespace

@@ -1,10 +1,10 @@
 #include "unit/ksp_test.h"
 
 using namespace testing;
+using namespace talvik;
 
 namespace {
 
-const std::string KEY_ID = "abababababababababababababababab";
 const std::string EXPIRED = "DEBUG KSP: SignHash SSO expired, re-prompting for PIN";
 
 std::string signCall(const std::string& pin = PIN, bool pss = false) {
@@ -38,12 +38,11 @@ TEST_F(KspSign, SignsWithThePaddingOfTheFlags) {
         {0, false}, {BCRYPT_PAD_PKCS1, false}, {BCRYPT_PAD_PSS, true}, {BCRYPT_PAD_PSS | BCRYPT_PAD_PKCS1, false}};
     for (const auto& [flags, pss] : rows) {
         scripted::next("talvik_signHash", {.output = filled(256, 0x5A)});
-        expect(
-            ERROR_SUCCESS, "KSPSignHash", signing(key, flags, 256),
-            PIN_KNOWN + signLines(pss ? "PSS" : "PKCS1") + Lines{"DEBUG KSP: SignHash success, signature length=256"},
-            {signCall(PIN, pss)});
+        expect(ERROR_SUCCESS, "KSPSignHash", signing(key, flags, 256),
+               PIN_KNOWN + signLines(pss ? "PSS" : "PKCS1") + "DEBUG KSP: SignHash success, signature length=256",
+               {signCall(PIN, pss)});
         EXPECT_EQ(size, 256u);
-        EXPECT_THAT(Bytes(signature.begin(), signature.begin() + 256), Each(0x5A));
+        EXPECT_THAT(content(signature.data(), 256), Each(0x5A));
         EXPECT_EQ(signature[256], 0xCD);
     }
 }
@@ -58,15 +57,15 @@ TEST_F(KspSign, AnswersTheSizeFirstAndTheTrueLengthAfterwards) {
         const NCRYPT_KEY_HANDLE key = openOnlyKey(keyType, 64);
         expect(ERROR_SUCCESS, "KSPSignHash",
                [&] { return ksp.SignHash(hProv, key, nullptr, nullptr, 0, nullptr, 0, &size, 0); },
-               {"DEBUG KSP: SignHash size query, returning " + std::to_string(told)}, {});
+               {"DEBUG KSP: SignHash size query, returning " + number(told)});
         EXPECT_EQ(size, told);
         const std::string tooSmall = "ERROR KSPSignHash: signature buffer too small, required=";
-        expect(NTE_BUFFER_TOO_SMALL, "KSPSignHash", signing(key, 0, told - 1), {tooSmall + std::to_string(told)}, {});
+        expect(NTE_BUFFER_TOO_SMALL, "KSPSignHash", signing(key, 0, told - 1), {tooSmall + number(told)});
         EXPECT_EQ(size, told);
         scripted::always("talvik_signHash", {.output = filled(made, 0x5A)});
         if (made > told) {
             expect(NTE_BUFFER_TOO_SMALL, "KSPSignHash", signing(key, 0, made - 1),
-                   PIN_KNOWN + signLines("PKCS1") + Lines{tooSmall + std::to_string(made)}, {signCall()});
+                   PIN_KNOWN + signLines("PKCS1") + (tooSmall + number(made)), {signCall()});
             EXPECT_EQ(size, made);
             EXPECT_THAT(signature, Each(0xCD));
         }
@@ -101,7 +100,7 @@ TEST_F(KspSign, RefusesWhatIsMissing) {
                    {verify(key, hash, 32, nullptr, 1), NTE_INVALID_PARAMETER, missing},
                    {verify(key, hash, 32, buffer, 0), NTE_INVALID_PARAMETER, missing},
                    {verify(key, hash, 32, buffer, 0xFFFFFFFF), NTE_INVALID_PARAMETER, missing}});
-    talvik::ksp::keyOf(key)->publicKeyLength = 0;
+    keyOf(key)->publicKeyLength = 0;
     expectRefused("KSPVerifySignature",
                   {{verify(key, hash, 32, buffer, 1), NTE_BAD_KEY, "KSP: No public key for verification"}});
 }
@@ -111,7 +110,7 @@ TEST_F(KspSign, ALibraryThatFailsOrLiesAboutTheLengthIsAnInternalError) {
     for (const scripted::Outcome& outcome : {scripted::Outcome{12}, {.length = -1}, {.length = 1025}}) {
         scripted::next("talvik_signHash", outcome);
         expect(NTE_INTERNAL_ERROR, "KSPSignHash", signing(key),
-               PIN_KNOWN + signLines("PKCS1") + Lines{"ERROR KSP: Sign hash failed: " + std::to_string(outcome.status)},
+               PIN_KNOWN + signLines("PKCS1") + ("ERROR KSP: Sign hash failed: " + number(outcome.status)),
                {signCall()});
     }
 }
@@ -122,23 +121,20 @@ TEST_F(KspSign, AsksOnceMoreWhenTheSignOnHasExpired) {
     scripted::next("talvik_signHash", {.output = filled(256, 1)});
     robot.enters("5678");
     const Lines asking = Lines{"DEBUG KSP: Password not validated, checking SSO"} + dialogShown;
-    const Lines askCalls = {"talvik_getTokenInfo(\"T1\", null)"};
-    expect(ERROR_SUCCESS, "KSPSignHash", signing(key),
-           PIN_KNOWN + signLines("PKCS1") + Lines{EXPIRED} + asking +
-               Lines{"DEBUG KSP: SignHash success, signature length=256"},
-           Lines{signCall()} + askCalls +
-               Lines{"talvik_validatePassword(\"T1\", \"5678\", 1, 0, null)", signCall("5678")});
+    const Lines askCalls = {TOKEN_INFO};
+    expect(
+        ERROR_SUCCESS, "KSPSignHash", signing(key),
+        PIN_KNOWN + signLines("PKCS1") + EXPIRED + asking + Lines{"DEBUG KSP: SignHash success, signature length=256"},
+        Lines{signCall()} + askCalls + Lines{validation("5678"), signCall("5678")});
     // Only once: the second 49 is an ordinary failure.
     scripted::always("talvik_signHash", {49});
     robot.enters(PIN);
     EXPECT_EQ(signing(key)(), NTE_INTERNAL_ERROR);
     EXPECT_THAT(log.take(), Contains("ERROR KSP: Sign hash failed: 49"));
     robot.cancels();
-    EXPECT_EQ(signing(key)(), NTE_FAIL);
-    EXPECT_EQ(log.take().back(), "ERROR KSPSignHash: password validation failed after SSO expiry");
+    expectError(signing(key), NTE_FAIL, "ERROR KSPSignHash: password validation failed after SSO expiry");
     robot.cancels();
-    EXPECT_EQ(signing(key)(), NTE_FAIL);
-    EXPECT_EQ(log.take().back(), "ERROR KSPSignHash: password validation failed");
+    expectError(signing(key), NTE_FAIL, "ERROR KSPSignHash: password validation failed");
     EXPECT_EQ(robot.finish().size(), 4u);
 }
 
@@ -150,9 +146,9 @@ TEST_F(KspSign, ASilentCallNeverShowsAnything) {
     EXPECT_EQ(silently(), ERROR_SUCCESS);
     scripted::next("talvik_signHash", {49});
     expect(NTE_SILENT_CONTEXT, "KSPSignHash", silently, PIN_KNOWN + signLines("PKCS1") + Lines{EXPIRED, refusal},
-           {signCall(), "talvik_getTokenInfo(\"T1\", null)"});
-    EXPECT_FALSE(talvik::isPasswordValidated(DEVICE));
-    expect(NTE_SILENT_CONTEXT, "KSPSignHash", silently, {refusal}, {"talvik_getTokenInfo(\"T1\", null)"});
+           {signCall(), TOKEN_INFO});
+    EXPECT_FALSE(isPasswordValidated(DEVICE));
+    expect(NTE_SILENT_CONTEXT, "KSPSignHash", silently, {refusal}, {TOKEN_INFO});
     attachTokens({}, true);
     EXPECT_EQ(silently(), ERROR_SUCCESS);
     EXPECT_THAT(scripted::takeCalls(), Contains(signCall("")));
@@ -162,7 +158,7 @@ TEST_F(KspSign, ASilentCallNeverShowsAnything) {
 // Between the silent test and the password check the user may have signed off.
 TEST_F(KspSign, ASilentCallShowsNothingWhenTheSignOnEndsInBetween) {
     const NCRYPT_KEY_HANDLE key = openOnlyKey();
-    talvik::clearDevicePassword(DEVICE);
+    clearDevicePassword(DEVICE);
     attachTokens({}, true);
     scripted::before("talvik_getTokenInfo", [] {
         if (scripted::callCount("talvik_getTokenInfo") > 2)
@@ -189,7 +185,7 @@ TEST_F(KspSign, PssNeedsFirmware2) {
     BYTE signature[1] = {};
     for (const auto& [firmware, allowed] : rows) {
         SCOPED_TRACE(firmware);
-        talvik::ksp::providerOf(hProv)->firmwareVersion = firmware;
+        providerOf(hProv)->firmwareVersion = firmware;
         forgetSoFar();
         EXPECT_EQ(signing(key, BCRYPT_PAD_PSS)(), allowed ? ERROR_SUCCESS : NTE_NOT_SUPPORTED);
         if (!allowed) {
@@ -222,21 +218,21 @@ TEST_F(KspSign, VerifiesWithTheKeysOwnCodeAndPublicKey) {
         const NCRYPT_KEY_HANDLE key = openKey(hProv, record);
         Bytes modulus = filled(128, 0xAB);
         modulus[0] = record.modulus[0];
-        const Bytes der = isDer ? modulus : talvik::buildRsaPublicKeyDerFromBytes(modulus, Bytes{1, 0, 1});
+        const Bytes der = isDer ? modulus : buildRsaPublicKeyDerFromBytes(modulus, Bytes{1, 0, 1});
         for (const auto& [flags, pss] : {std::pair<DWORD, bool>{0, false}, {BCRYPT_PAD_PSS | BCRYPT_PAD_PKCS1, true}}) {
             const Lines lines = {isDer ? "DEBUG KSP: Public key is already DER encoded"
                                        : "DEBUG KSP: Public key is raw modulus, converting to DER",
                                  "DEBUG KSP: VerifySignature - hash length: 32",
-                                 "DEBUG KSP: VerifySignature - public key length: " + std::to_string(der.size()),
+                                 "DEBUG KSP: VerifySignature - public key length: " + number(der.size()),
                                  "DEBUG KSP: VerifySignature - signature length: 5",
                                  std::string("DEBUG KSP: VerifySignature - padding=") + (pss ? "PSS" : "PKCS1")};
             const Lines calls = {"talvik_verifySignatureHash(6, \"T1\", " + hex(HASH) + ", 32, " + hex(der) + ", " +
-                                 std::to_string(der.size()) + ", 0102030405, 5, null, " + (pss ? "true)" : "false)")};
+                                 number(der.size()) + ", 0102030405, 5, null, " + (pss ? "true)" : "false)")};
             expect(ERROR_SUCCESS, "KSPVerifySignature", verifying(key, flags),
-                   lines + Lines{"DEBUG KSP: Verify signature success"}, calls);
+                   lines + "DEBUG KSP: Verify signature success", calls);
             scripted::next("talvik_verifySignatureHash", {3});
             expect(NTE_BAD_SIGNATURE, "KSPVerifySignature", verifying(key, flags),
-                   lines + Lines{"ERROR KSP: Verify signature failed: 3"}, calls);
+                   lines + "ERROR KSP: Verify signature failed: 3", calls);
         }
     }
 }

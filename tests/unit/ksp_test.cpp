@@ -1,10 +1,7 @@
 #include "unit/ksp_test.h"
 
-#include <algorithm>
-
-#include "token/shared_state.h"
-
 using namespace testing;
+using namespace talvik;
 
 namespace {
 
@@ -61,7 +58,7 @@ NCRYPT_KEY_HANDLE KspTest::openOnlyKey(std::uint32_t keyType, std::uint32_t modu
     const TalvikKeyPair record = scripted::keyPair(0xAB, TALVIK_USAGE_BOTH, keyType, modulusBytes);
     attachTokens({record});
     open();
-    talvik::setDevicePassword(DEVICE, PIN);
+    setDevicePassword(DEVICE, PIN);
     return openKey(hProv, record);
 }
 
@@ -73,6 +70,13 @@ void KspTest::expect(SECURITY_STATUS status, const std::string& entryPoint, cons
     EXPECT_EQ(actual, status) << std::hex << actual << " instead of " << status;
     EXPECT_EQ(log.entries(), Lines{"DEBUG " + entryPoint} + lines);
     EXPECT_EQ(scripted::takeCalls(), deviceCalls);
+}
+
+void KspTest::expectError(const Act& act, SECURITY_STATUS status, const std::string& lastLine, Where where) {
+    const ScopedTrace trace(where.file_name(), static_cast<int>(where.line()), "called from here");
+    forgetSoFar();
+    EXPECT_EQ(act(), status);
+    EXPECT_EQ((Lines{""} + log.entries()).back(), lastLine);
 }
 
 void KspTest::expectRefused(const std::string& entryPoint, const std::vector<KspRefusal>& refusals, Where where) {

@@ -5,8 +5,11 @@
 #include "ksp/key.h"
 #include "ksp/ncrypt_provider.h"
 #include "ksp/provider.h"
-#include "token/session.h"
 #include "unit/provider_test.h"
+
+using talvik::ksp::keyOf;
+using talvik::ksp::KspKey;
+using talvik::ksp::providerOf;
 
 inline constexpr char PIN[] = "1234";
 
@@ -29,8 +32,12 @@ class KspTest : public ProviderTest {
 
     // Calls and checks the whole of what can be seen. The entry point's own DEBUG line is not among `lines`.
     using Act = std::function<SECURITY_STATUS()>;
-    void expect(SECURITY_STATUS status, const std::string& entryPoint, const Act& act, const Lines& lines,
-                const Lines& deviceCalls, Where where = Where::current());
+    void expect(SECURITY_STATUS status, const std::string& entryPoint, const Act& act, const Lines& lines = {},
+                const Lines& deviceCalls = {}, Where where = Where::current());
+
+    // A failure, of which only the status and the last line count.
+    void expectError(const Act& act, SECURITY_STATUS status, const std::string& lastLine,
+                     Where where = Where::current());
 
     // Refusals without a device call: one ERROR line, the last.
     struct KspRefusal {
@@ -55,13 +62,9 @@ class KspTest : public ProviderTest {
 // Reads by the size rule: query, one byte short, exact.
 Bytes readBySizeRule(const std::function<SECURITY_STATUS(BYTE*, DWORD, DWORD*)>& read);
 
+inline const std::string KEY_ID = "abababababababababababababababab";  // of the only key
 inline const Bytes HASH = bytes(32);
 inline const Lines PIN_KNOWN = {"DEBUG KSP: PIN already validated"};
-
-inline Bytes operator+(Bytes left, const Bytes& right) {
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
 
 template <class Value>
 Value valueOf(const Bytes& bytes) {

@@ -30,48 +30,34 @@ class LogTest : public Test {
 };
 
 TEST_F(LogTest, RegistryValueChoosesTheLevels) {
+    using namespace std::string_literals;
     struct {
         const char* name;
-        std::function<void()> set;
-        bool debug, error;
-    } const rows[] = {
-        {"absent", [] { setLogLevel(std::nullopt); }, false, true},
-        {"0", [] { setLogLevel(0); }, false, false},
-        {"1", [] { setLogLevel(1); }, false, false},
-        {"2", [] { setLogLevel(2); }, false, true},
-        {"3", [] { setLogLevel(3); }, true, true},
-        {"4", [] { setLogLevel(4); }, false, true},
-        {"0xFFFFFFFF", [] { setLogLevel(0xFFFFFFFF); }, false, true},
-        {"binary 3",
-         [] {
-             setLogLevelValue(REG_BINARY, {"\3\0\0\0\7", 5});
-         },
-         true, true},
-        {"64-bit 1",
-         [] {
-             setLogLevelValue(REG_QWORD, {"\1\0\0\0\0\0\0\0", 8});
-         },
-         false, false},
-        {"text 3",
-         [] {
-             setLogLevelValue(REG_SZ, {"3", 2});
-         },
-         false, true},
-        {"one byte 3", [] { setLogLevelValue(REG_BINARY, "\3"); }, true, true},
-        {"too long", [] { setLogLevelValue(REG_BINARY, "\3" + std::string(40, '\0')); }, false, true},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        row.set();
+        DWORD type;
+        std::string data;
+        Lines logged;
+    } const rows[] = {{"0", REG_DWORD, "\0\0\0\0"s, {}},
+                      {"1", REG_DWORD, "\1\0\0\0"s, {}},
+                      {"2", REG_DWORD, "\2\0\0\0"s, {"ERROR e"}},
+                      {"3", REG_DWORD, "\3\0\0\0"s, {"DEBUG d", "ERROR e"}},
+                      {"4", REG_DWORD, "\4\0\0\0"s, {"ERROR e"}},
+                      {"0xFFFFFFFF", REG_DWORD, std::string(4, '\xFF'), {"ERROR e"}},
+                      {"binary 3", REG_BINARY, "\3\0\0\0\7"s, {"DEBUG d", "ERROR e"}},
+                      {"64-bit 1", REG_QWORD, "\1\0\0\0\0\0\0\0"s, {}},
+                      {"text 3", REG_SZ, "3\0"s, {"ERROR e"}},
+                      {"one byte 3", REG_BINARY, "\3", {"DEBUG d", "ERROR e"}},
+                      {"too long", REG_BINARY, "\3" + std::string(40, '\0'), {"ERROR e"}}};
+    const auto logBoth = [&] {
         log.mark();
         logDebug("d");
         logError("e");
-        Lines expected;
-        if (row.debug)
-            expected.push_back("DEBUG d");
-        if (row.error)
-            expected.push_back("ERROR e");
-        EXPECT_EQ(log.take(), expected);
+        return log.take();
+    };
+    setLogLevel(std::nullopt);
+    EXPECT_EQ(logBoth(), Lines({"ERROR e"}));
+    for (const auto& row : rows) {
+        setLogLevelValue(row.type, row.data);
+        EXPECT_EQ(logBoth(), row.logged) << row.name;
     }
 }
 
@@ -177,10 +163,6 @@ TEST_F(LogTest, TheFolderWalkMakesOneLevelACall) {
     std::ofstream(path + "file");
     EXPECT_FALSE(Utils().isFolderExists((path + "file").c_str()));
     useOwnTemporaryFolder();
-}
-
-TEST_F(LogTest, TheProcessNameHasItsExtension) {
-    EXPECT_EQ(Utils().getProcessName(), "unit_tests.exe");
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 
 #include "module.h"
 #include "token/pin_dialog.h"
-#include "token/session.h"
 #include "unit/provider_test.h"
 
 using namespace testing;
@@ -10,13 +9,7 @@ using namespace talvik;
 
 namespace {
 
-constexpr char ASK[] = "DEBUG Password not validated or empty -- ask for PIN";
 constexpr char KSP_ASK[] = "DEBUG KSP: Password not validated, checking SSO";
-constexpr char TOKEN_INFO[] = "talvik_getTokenInfo(\"T1\", null)";
-
-std::string validation(const std::string& pin) {
-    return "talvik_validatePassword(\"T1\", \"" + pin + "\", 1, 0, null)";
-}
 
 class PinLogin : public ProviderTest {
   protected:
@@ -36,28 +29,23 @@ class PinLogin : public ProviderTest {
 
 TEST_F(PinLogin, AValidatedPinIsNotAskedForAgain) {
     setDevicePassword(DEVICE, "1234");
-    expectSuccess(ensure, {"DEBUG PIN already validated -- no need to ask again"}, {});
-    expectSuccess(ensureKsp, {"DEBUG KSP: PIN already validated"}, {});
+    expectSuccess(ensure, {"DEBUG PIN already validated -- no need to ask again"});
+    expectSuccess(ensureKsp, {"DEBUG KSP: PIN already validated"});
     EXPECT_TRUE(canProceedSilently(DEVICE, nullptr));
     EXPECT_THAT(scripted::takeCalls(), IsEmpty());
     EXPECT_THAT(robot.finish(), IsEmpty());
 }
 
 TEST_F(PinLogin, AnAcceptedPinIsRememberedForBothFaces) {
-    robot.enters("987654");
-    expectSuccess(ensure, Lines{ASK} + dialogShown, {TOKEN_INFO, validation("987654")});
-    EXPECT_STREQ(getDevicePassword(DEVICE).c_str(), "987654");
-    EXPECT_TRUE(isPasswordValidated(DEVICE));
-    EXPECT_TRUE(ensureKsp());
-    EXPECT_EQ(robot.finish(), Lines({"PIN"}));
-}
-
-TEST_F(PinLogin, TheCngFaceRemembersItToo) {
-    robot.enters("987654");
-    EXPECT_TRUE(ensureKsp());
-    EXPECT_EQ(log.take(), Lines{KSP_ASK} + dialogShown);
-    EXPECT_EQ(scripted::takeCalls(), Lines({TOKEN_INFO, validation("987654")}));
-    EXPECT_STREQ(getDevicePassword(DEVICE).c_str(), "987654");
+    for (const auto& [login, other, asks] :
+         {std::tuple(ensure, ensureKsp, NOT_VALIDATED), std::tuple(ensureKsp, ensure, KSP_ASK)}) {
+        forgetEverything();
+        robot.enters("987654");
+        expectSuccess(login, Lines{asks} + dialogShown, {TOKEN_INFO, validation("987654")});
+        EXPECT_STREQ(getDevicePassword(DEVICE).c_str(), "987654");
+        EXPECT_TRUE(isPasswordValidated(DEVICE) && other());
+    }
+    EXPECT_EQ(robot.finish(), Lines({"PIN", "PIN"}));
 }
 
 // Only a token that answers and reports both the login and the sign-on counts as logged in.
@@ -69,7 +57,7 @@ TEST_F(PinLogin, SingleSignOnTakesAllThreeFields) {
     } const rows[] = {{"one", 1, 1, true},  {"", 1, 1, false},    {"one", 1, 0, false}, {"one", 0, 1, false},
                       {"one", 2, 1, false}, {"one", 1, 2, false}, {"one", -1, 1, false}};
     for (const auto& row : rows) {
-        SCOPED_TRACE(row.tokenId + std::to_string(row.login) + std::to_string(row.sso));
+        SCOPED_TRACE(row.tokenId + number(row.login) + number(row.sso));
         scripted::Token token{scripted::tokenInfo(row.tokenId), {}, {}, {}};
         token.info.loginState = row.login;
         token.info.ssoState = row.sso;
@@ -79,7 +67,7 @@ TEST_F(PinLogin, SingleSignOnTakesAllThreeFields) {
         EXPECT_FALSE(isPasswordValidated(DEVICE));
         if (row.loggedIn) {
             for (int i = 0; i < 2; ++i)  // asked of the token anew each time
-                expectSuccess(ensure, {ASK}, {TOKEN_INFO});
+                expectSuccess(ensure, {NOT_VALIDATED}, {TOKEN_INFO});
             expectSuccess(ensureKsp, {KSP_ASK}, {TOKEN_INFO});
             EXPECT_TRUE(isPasswordValidated(DEVICE));
             EXPECT_STREQ(getDevicePassword(DEVICE).c_str(), "");
@@ -92,38 +80,26 @@ TEST_F(PinLogin, SingleSignOnTakesAllThreeFields) {
     }
 }
 
-TEST_F(PinLogin, LosingTheSignOnAsksForThePin) {
-    attachTokens({}, true);
-    EXPECT_TRUE(ensure());
-    attachTokens({});
-    robot.enters("1234");
-    EXPECT_TRUE(ensure());
-    EXPECT_EQ(robot.finish(), Lines({"PIN"}));
-}
-
 TEST_F(PinLogin, GivingUpFailsWithoutAskingTheToken) {
-    for (const bool byButton : {true, false}) {
-        byButton ? robot.cancels() : robot.closes();
+    const DialogRobot::Answer cancel = [](const PinDialog& dialog) { dialog.cancel(); };
+    const DialogRobot::Answer close = [](const PinDialog& dialog) { dialog.close(); };
+    for (const auto& giveUp : {cancel, close}) {
+        setDevicePassword(DEVICE, "");  // forgotten by a login that fails
+        robot.does(giveUp);
         expectFailure(ensure, NTE_FAIL,
-                      Lines{ASK} + dialogShown +
-                          Lines{"DEBUG User cancelled password dialog", "ERROR Password validation failed"},
+                      Lines{NOT_VALIDATED} + dialogShown + "DEBUG User cancelled password dialog" +
+                          "ERROR Password validation failed",
                       {TOKEN_INFO});
-        byButton ? robot.cancels() : robot.closes();
+        EXPECT_FALSE(isPasswordValidated(DEVICE));
+        robot.does(giveUp);
         EXPECT_FALSE(ensureKsp());
         EXPECT_EQ(log.take().back(), "DEBUG KSP: User cancelled password dialog");
-        EXPECT_FALSE(isPasswordValidated(DEVICE));
+        robot.does([giveUp](const PinDialog& dialog) {
+            dialog.type("1234");  // typed, but not entered
+            giveUp(dialog);
+        });
+        EXPECT_FALSE(ensure());
     }
-    // What was typed before is not entered.
-    robot.does([](const PinDialog& dialog) {
-        dialog.type("1234");
-        dialog.close();
-    });
-    EXPECT_FALSE(ensure());
-    robot.does([](const PinDialog& dialog) {
-        dialog.type("1234");
-        dialog.cancel();
-    });
-    EXPECT_FALSE(ensure());
     EXPECT_EQ(scripted::callCount("talvik_validatePassword"), 0);
 }
 
@@ -132,7 +108,7 @@ TEST_F(PinLogin, RefusalsAreToldUntilTheTokenAccepts) {
     scripted::next("talvik_validatePassword", {.status = 48, .length = 1});
     scripted::next("talvik_validatePassword", {.status = 48, .length = 7});
     robot.enters("wrong1").enters("wrong2").enters("wrong3").enters("right");
-    expectSuccess(ensure, Lines{ASK} + dialogShown + dialogShown + dialogShown + dialogShown,
+    expectSuccess(ensure, Lines{NOT_VALIDATED} + dialogShown + dialogShown + dialogShown + dialogShown,
                   {TOKEN_INFO, validation("wrong1"), validation("wrong2"), validation("wrong3"), validation("right")});
     const std::string mismatch = "System time mismatch, Kidly login to Token Manager";
     EXPECT_EQ(robot.finish(),
@@ -150,14 +126,13 @@ TEST_F(PinLogin, ALockedPinEndsTheLogin) {
         {{.status = -1, .length = 0}, "User pin locked, re-initialise device", "User pin locked, re-initialise device"},
         {{.status = 48, .length = 0},
          "System time mismatch, Kidly login to Token Manager",
-         "System time mismatch, Kindly login to Token Manager"},
-    };
+         "System time mismatch, Kindly login to Token Manager"}};
     Lines seen;
     for (const auto& row : rows) {
         scripted::always("talvik_validatePassword", row.refusal);
         robot.enters("wrong");
         expectFailure(ensure, NTE_FAIL,
-                      Lines{ASK} + dialogShown +
+                      Lines{NOT_VALIDATED} + dialogShown +
                           Lines{"ERROR loginUser: PIN locked, retryCount=0", "ERROR Password validation failed"},
                       {TOKEN_INFO, validation("wrong")});
         robot.enters("wrong");
@@ -177,13 +152,6 @@ TEST_F(PinLogin, TheCngFaceSpellsTheMismatchRight) {
     EXPECT_FALSE(ensureKsp());
     EXPECT_EQ(robot.finish(), Lines({"PIN", "System time mismatch, Kindly login to Token Manager", "PIN",
                                      "Invalid user pin. Remaining attempts(-2)", "PIN"}));
-}
-
-TEST_F(PinLogin, AFailedLoginForgetsThePinBefore) {
-    setDevicePassword(DEVICE, "");
-    robot.cancels();
-    EXPECT_FALSE(ensure());
-    EXPECT_FALSE(isPasswordValidated(DEVICE));
 }
 
 TEST_F(PinLogin, LoginIsEnabledFrom4To63Characters) {
@@ -241,7 +209,7 @@ TEST_F(PinLogin, TheDialogSaysWhatItWantsAndHidesThePin) {
 TEST_F(PinLogin, ADialogThatCannotBeMadeCountsAsCancelled) {
     recordModuleInstance(GetModuleHandleA("kernel32.dll"));
     expectFailure(ensure, NTE_FAIL,
-                  Lines{ASK} + dialogShown +
+                  Lines{NOT_VALIDATED} + dialogShown +
                       Lines{"ERROR Password dialog creation failed : -1", "DEBUG User cancelled password dialog",
                             "ERROR Password validation failed"},
                   {TOKEN_INFO});

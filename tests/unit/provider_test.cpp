@@ -4,8 +4,6 @@
 
 #include "module.h"
 #include "token/device_monitor.h"
-#include "token/session.h"
-#include "token/shared_state.h"
 
 using namespace testing;
 
@@ -15,6 +13,15 @@ const Lines dialogShown = {"DEBUG Password dialog show window", "DEBUG Password 
 Lines operator+(Lines left, const Lines& right) {
     left.insert(left.end(), right.begin(), right.end());
     return left;
+}
+
+Lines operator+(Lines left, const std::string& line) {
+    left.push_back(line);
+    return left;
+}
+
+std::string validation(const std::string& pin) {
+    return "talvik_validatePassword(\"T1\", \"" + pin + "\", 1, 0, null)";
 }
 
 void attachTokens(std::vector<TalvikKeyPair> keyPairs, bool loggedIn) {
@@ -75,6 +82,15 @@ void ProviderTest::expectFailure(const Call& call, ErrorCode error, const Lines&
     expectOutcome(call, FALSE, error, lines, calls, where);
 }
 
+void ProviderTest::expectError(const Call& call, ErrorCode error, const std::string& lastLine, Where where) {
+    const ScopedTrace trace(where.file_name(), static_cast<int>(where.line()), "called from here");
+    forgetSoFar();
+    SetLastError(UNTOUCHED_ERROR);
+    EXPECT_FALSE(call());
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(error));
+    EXPECT_EQ((Lines{""} + log.entries()).back(), lastLine);
+}
+
 void ProviderTest::expectRefusals(const std::string& entryPoint, const std::vector<Refusal>& refusals, Where where) {
     const ScopedTrace trace(where.file_name(), static_cast<int>(where.line()), "table of refusals");
     for (const Refusal& refusal : refusals) {
@@ -117,11 +133,39 @@ std::string hex(const Bytes& value) {
     return text;
 }
 
-std::string number(std::uintptr_t handle) {
-    return std::to_string(handle);
+Bytes operator+(Bytes left, const Bytes& right) {
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
 }
+
+Bytes reversed(const Bytes& value) {
+    return {value.rbegin(), value.rend()};
+}
+
+Bytes words(std::initializer_list<std::uint32_t> values) {
+    Bytes blob;
+    for (const std::uint32_t value : values)
+        for (int i = 0; i < 4; ++i)
+            blob.push_back(static_cast<unsigned char>(value >> 8 * i));
+    return blob;
+}
+
+TalvikSymmetricKey wrappingKey(std::uint32_t type, unsigned char fill, unsigned char idFill, std::int32_t idLength) {
+    TalvikSymmetricKey key = {};
+    std::ranges::fill(key.identifier, fill);
+    std::ranges::fill(key.keyId, idFill);
+    key.keyIdLength = idLength;
+    key.keyType = type;
+    key.storageFlag = fill & 1;
+    return key;
+}
+
+Bytes content(const unsigned char* field, std::size_t length) {
+    return {field, field + length};
+}
+
 std::string number(const void* pointer) {
-    return number(reinterpret_cast<std::uintptr_t>(pointer));
+    return std::to_string(reinterpret_cast<std::uintptr_t>(pointer));
 }
 
 // The resources of the provider are linked into this program; the monitor runs from the first test to the last.

@@ -6,6 +6,10 @@
 
 #include <wincrypt.h>
 
+#include <algorithm>
+#include <climits>
+#include <concepts>
+#include <cstring>
 #include <functional>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -18,6 +22,9 @@
 #include "support/dialog_robot.h"
 #include "support/log_reader.h"
 #include "support/scripted_library.h"
+#include "token/key_encoding.h"
+#include "token/session.h"
+#include "token/shared_state.h"
 
 using scripted::Bytes;
 using Lines = std::vector<std::string>;
@@ -43,9 +50,17 @@ class ProviderTest : public testing::Test {
     using Call = std::function<BOOL()>;
     using ErrorCode = std::int64_t;  // a DWORD; NTE_* constants are negative
     using Where = std::source_location;
-    void expectSuccess(const Call& call, const Lines& log, const Lines& deviceCalls, Where where = Where::current());
-    void expectFailure(const Call& call, ErrorCode error, const Lines& log, const Lines& deviceCalls,
+    void expectSuccess(const Call& call, const Lines& log, const Lines& deviceCalls = {},
                        Where where = Where::current());
+    void expectFailure(const Call& call, ErrorCode error, const Lines& log, const Lines& deviceCalls = {},
+                       Where where = Where::current());
+
+    // Either of these, or TRUE with an error left behind.
+    void expectOutcome(const Call& call, BOOL result, ErrorCode error, const Lines& log, const Lines& deviceCalls = {},
+                       Where where = Where::current());
+
+    // A failure, of which only the error and the last line count.
+    void expectError(const Call& call, ErrorCode error, const std::string& lastLine, Where where = Where::current());
 
     // An entry point that refuses before it touches the token: its own DEBUG line comes first, one ERROR line last.
     struct Refusal {
@@ -63,8 +78,6 @@ class ProviderTest : public testing::Test {
     const HCRYPTPROV invalid = reinterpret_cast<HCRYPTPROV>(&invalidContext_);  // of a record that is not valid
 
   private:
-    void expectOutcome(const Call& call, BOOL result, ErrorCode error, const Lines& log, const Lines& deviceCalls,
-                       Where where);
     talvik::csp::CspContext invalidContext_;
     std::vector<HCRYPTPROV> acquired_;
 };
@@ -76,7 +89,21 @@ inline constexpr HCRYPTHASH UNTOUCHED_HANDLE = 0xCDCDCDCDCDCD;
 // What the PIN dialog logs when it is shown.
 extern const Lines dialogShown;
 
+// What many calls log, and what they ask of the token "T1".
+inline constexpr char VALIDATED[] = "DEBUG PIN already validated -- no need to ask again";
+inline constexpr char NOT_VALIDATED[] = "DEBUG Password not validated or empty -- ask for PIN";
+inline constexpr char MONITOR[] = "DEBUG Monitor thread already running, not starting again.";
+inline constexpr char INIT[] = "talvik_init(0, null, 2)";
+inline constexpr char DEVICES[] = "talvik_getConnectedDeviceList(false, null)";
+inline constexpr char KEY_LIST[] = "talvik_getKeyPairList(\"T1\", null)";
+inline constexpr char TOKEN_INFO[] = "talvik_getTokenInfo(\"T1\", null)";
+std::string validation(const std::string& pin);
+
+// The names of the keys that are filled with 0x11 and 0x22.
+inline const std::string ONE(32, '1'), TWO(32, '2');
+
 Lines operator+(Lines left, const Lines& right);
+Lines operator+(Lines left, const std::string& line);
 
 // Only tested for null by the provider.
 VTableProvStruc* someTable();
@@ -84,5 +111,16 @@ VTableProvStruc* someTable();
 Bytes bytes(std::size_t count, unsigned char first = 1);  // first, first + 1, ...
 std::string hex(const Bytes& value);                      // lower case, as in recorded calls
 Bytes filled(std::size_t count, unsigned char value);
+Bytes operator+(Bytes left, const Bytes& right);
+Bytes reversed(const Bytes& value);
+Bytes words(std::initializer_list<std::uint32_t> values);  // little-endian
+// A key of the token that may wrap others, with `fill` as its name and `idFill` as its identifier.
+TalvikSymmetricKey wrappingKey(std::uint32_t type, unsigned char fill, unsigned char idFill, std::int32_t idLength = 3);
+
+Bytes content(const unsigned char* field, std::size_t length);
+
+template <std::integral Integer>
+std::string number(Integer value) {
+    return std::to_string(value);
+}
 std::string number(const void* pointer);
-std::string number(std::uintptr_t handle);
