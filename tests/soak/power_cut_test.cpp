@@ -110,7 +110,7 @@ void note(const std::string& line) {
 }
 
 std::string idOf(const unsigned char* id) {
-    return hexOf(Bytes(id, id + 16));
+    return hex(Bytes(id, id + 16));
 }
 
 }  // namespace
