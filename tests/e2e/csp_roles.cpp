@@ -14,12 +14,14 @@ int unwrapping(const std::string&) {
 
 // Finds its certificate, and through it the private key, anew for each signature.
 int signingFromTheStore(const std::string& name) {
+    const Bytes subjectBytes = read("subject");
+    const std::wstring subject(subjectBytes.begin(), subjectBytes.end());
     DialogRobot robot;
     robot.enters(pin);
     for (int i = 0; i < 3; ++i) {
         const HCERTSTORE store = CertOpenSystemStoreA(0, "MY");
         const PCCERT_CONTEXT certificate =
-            CertFindCertificateInStore(store, X509_ASN_ENCODING, 0, CERT_FIND_SUBJECT_STR_W, L"StoreClient", nullptr);
+            CertFindCertificateInStore(store, X509_ASN_ENCODING, 0, CERT_FIND_SUBJECT_STR_W, subject.c_str(), nullptr);
         HCRYPTPROV provider = 0;
         DWORD keySpec = 0;
         BOOL isOurs = FALSE;
