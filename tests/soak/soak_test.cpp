@@ -238,7 +238,9 @@ void Soak::readParameters(std::mt19937& random) {
     }
     expect("CryptGetProvParam", GetLastError(), {ERROR_NO_MORE_ITEMS});
     Bytes random64(64);
-    expectTrue("CryptGenRandom", CryptGenRandom(context, 64, random64.data()) && random64 != Bytes(64));
+    const DWORD code = CryptGenRandom(context, 64, random64.data()) ? 0 : GetLastError();
+    expect("CryptGenRandom", code, {0, NTE_PROVIDER_DLL_FAIL});  // the token may have gone since
+    expectTrue("CryptGenRandom's result", code != 0 || random64 != Bytes(64));
 }
 
 Bytes Soak::signThrough(const CngKey& key, unsigned message, SECURITY_STATUS& status) const {
