@@ -45,7 +45,8 @@ std::string describe(const ModuleFile& file) {
     if (file.path.empty()) {
         return "not found";
     }
-    return file.path + ", " + (file.version.empty() ? "without version information" : "version " + file.version) +
+    return file.path + ", " + (file.description.empty() ? "" : file.description + ", ") +
+           (file.version.empty() ? "without version information" : "version " + file.version) +
            (file.company.empty() ? "" : " (" + file.company + ")");
 }
 
@@ -122,7 +123,8 @@ void printFindings(std::ostream& out, const Findings& findings) {
 using Json = nlohmann::ordered_json;
 
 Json toJson(const ModuleFile& file) {
-    return {{"path", file.path}, {"version", file.version}, {"company", file.company}};
+    return {
+        {"path", file.path}, {"version", file.version}, {"company", file.company}, {"description", file.description}};
 }
 
 Json toJson(const ContainerFacts& container) {

@@ -165,7 +165,7 @@ std::string errorText(unsigned long error) {
 }
 
 ModuleFile describeModule(const std::wstring& path) {
-    ModuleFile described{utf8(path), "", ""};
+    ModuleFile described{utf8(path), "", "", ""};
     DWORD ignored = 0;
     std::string information(GetFileVersionInfoSizeW(path.c_str(), &ignored), '\0');
     if (information.empty() ||
@@ -181,9 +181,13 @@ ModuleFile describeModule(const std::wstring& path) {
                       LOWORD(fixed.dwFileVersionMS), HIWORD(fixed.dwFileVersionLS), LOWORD(fixed.dwFileVersionLS));
         described.version = version;
     }
-    if (VerQueryValueW(information.data(), L"\\StringFileInfo\\040904B0\\CompanyName", &value, &size) && size > 1) {
-        described.company = utf8(static_cast<const wchar_t*>(value));
-    }
+    const auto text = [&](const wchar_t* name) {
+        const std::wstring path = std::wstring(L"\\StringFileInfo\\040904B0\\") + name;
+        const bool isThere = VerQueryValueW(information.data(), path.c_str(), &value, &size) && size > 1;
+        return isThere ? utf8(static_cast<const wchar_t*>(value)) : std::string();
+    };
+    described.company = text(L"CompanyName");
+    described.description = text(L"FileDescription");
     return described;
 }
 

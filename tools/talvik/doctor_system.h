@@ -13,6 +13,7 @@ struct ModuleFile {
     std::string path;     // empty when there is none
     std::string version;  // "4.0.3.2"; empty when the file does not tell
     std::string company;
+    std::string description;  // tells the virtual token from a maker's library
 };
 
 struct Installation {
