@@ -49,10 +49,6 @@ void type(HWND dialog, const std::string& pin) {
     send(dialog, WM_COMMAND, MAKEWPARAM(IDC_USER_PIN, EN_CHANGE));
 }
 
-std::string typed(HWND dialog) {
-    return dialogOf(dialog).pin;
-}
-
 bool isLoginEnabled(HWND dialog) {
     return dialogOf(dialog).login.isEnabled;
 }

@@ -22,7 +22,6 @@ User* seat(User* user);
 
 // What a user does at the PIN dialog and sees of it.
 void type(HWND dialog, const std::string& pin);
-std::string typed(HWND dialog);
 bool isLoginEnabled(HWND dialog);
 void press(HWND dialog, WORD button);
 void close(HWND dialog);

@@ -1,8 +1,6 @@
 #include "support/dialog_robot.h"
 
 #include <algorithm>
-#include <gtest/gtest.h>
-#include <utility>
 
 namespace {
 
@@ -51,9 +49,6 @@ void PinDialog::type(const std::string& pin) const {
     send(control(PIN_EDIT), WM_SETTEXT, 0, reinterpret_cast<LPARAM>(pin.c_str()));
 }
 
-std::string PinDialog::typed() const {
-    return textOf(control(PIN_EDIT));
-}
 bool PinDialog::loginEnabled() const {
     return IsWindowEnabled(control(IDOK));
 }
@@ -73,36 +68,6 @@ void PinDialog::close() const {
 
 DialogRobot::DialogRobot(DWORD processId) : processId_(processId), thread_([this] { run(); }) {}
 
-DialogRobot::~DialogRobot() {
-    finish();
-}
-
-DialogRobot& DialogRobot::does(Answer answer) {
-    const std::lock_guard guard(lock_);
-    script_.push_back(std::move(answer));
-    return *this;
-}
-
-DialogRobot& DialogRobot::enters(const std::string& pin) {
-    return does([pin](const PinDialog& dialog) {
-        dialog.type(pin);
-        dialog.login();
-    });
-}
-
-DialogRobot& DialogRobot::cancels() {
-    return does([](const PinDialog& dialog) { dialog.cancel(); });
-}
-
-DialogRobot& DialogRobot::closes() {
-    return does([](const PinDialog& dialog) { dialog.close(); });
-}
-
-std::vector<std::string> DialogRobot::seen() {
-    const std::lock_guard guard(lock_);
-    return seen_;
-}
-
 std::vector<std::string> DialogRobot::finish() {
     {
         const std::lock_guard guard(lock_);
@@ -110,11 +75,7 @@ std::vector<std::string> DialogRobot::finish() {
     }
     if (thread_.joinable())
         thread_.join();
-    for (const std::string& complaint : std::exchange(complaints_, {}))
-        ADD_FAILURE() << complaint;
-    if (!std::exchange(script_, {}).empty())
-        ADD_FAILURE() << "a scripted PIN dialog never appeared";
-    return seen_;
+    return told();
 }
 
 void DialogRobot::run() {
@@ -155,20 +116,9 @@ void DialogRobot::appear(HWND window) {
 }
 
 void DialogRobot::answerPin(HWND window) {
-    const PinDialog dialog(window);
-    Answer answer = [](const PinDialog& unexpected) { unexpected.cancel(); };
-    {
-        const std::lock_guard guard(lock_);
-        seen_.push_back("PIN");
-        if (script_.empty()) {
-            complaints_.push_back("an unexpected PIN dialog appeared");
-        } else {
-            answer = std::move(script_.front());
-            script_.pop_front();
-        }
-    }
+    const Answer answer = nextAnswer();
     open_[window] = GetTickCount64();
-    answer(dialog);
+    answer(PinDialog(window));
 }
 
 void DialogRobot::dismissMessage(HWND window) {

@@ -29,7 +29,6 @@ class PinDialog {
 
     // Replaces the edit control's text as typing does, change notification included.
     void type(const std::string& pin) const;
-    std::string typed() const;
     bool loginEnabled() const;
     void login() const;  // ends the dialog; nothing happens while the button is disabled
     void cancel() const;
@@ -62,6 +61,8 @@ class DialogRobot {
     std::vector<std::string> finish();
 
   private:
+    Answer nextAnswer();              // notes the dialog
+    std::vector<std::string> told();  // reports and returns, for finish()
     void run();
     void look();
     void appear(HWND window);
