@@ -82,6 +82,7 @@ class Soak : public Tokens {
     Bytes wrapped_, sessionKey_ = pattern(16);
     std::mutex pins_, disturbing_, outcomesLock_;
     std::map<std::string, int> outcomes_, unexpected_;
+    std::atomic<int> done_ = 0;
     std::unique_ptr<Watchdog> watchdog_;
 };
 
@@ -96,7 +97,10 @@ void Soak::expect(const char* call, std::int64_t code, std::initializer_list<std
     const bool known = std::ranges::any_of(
         allowed, [code](std::int64_t one) { return static_cast<DWORD>(one) == static_cast<DWORD>(code); });
     const std::lock_guard guard(outcomesLock_);
-    ++(known ? outcomes_ : unexpected_)[line];
+    const int times = ++(known ? outcomes_ : unexpected_)[line];
+    if (!known && times == 1) {  // a long run is watched, and may be ended from outside
+        std::fprintf(stderr, "unexpected: %s\n", line.c_str());
+    }
 }
 
 // --- the tokens ------------------------------------------------------------------------------------------------------
@@ -404,6 +408,9 @@ void Soak::work(std::size_t thread, int operations, unsigned seed) {
         const Row& row = rows_[choose(random)];
         watchdog_->enters(thread, row.name);
         (this->*row.operation)(random);
+        if (const int done = ++done_; done % 10'000 == 0) {
+            std::fprintf(stderr, "%d operations\n", done);
+        }
     }
     watchdog_->rests(thread);
 }
