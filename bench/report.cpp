@@ -53,7 +53,7 @@ void printComparison(const Rows& rows, const char* title, const char* reference,
 }
 
 void printThreads(const Rows& rows) {
-    std::printf("\nThreads: the work of one, times (%u processors)\n%-34s %-28s %-26s %-26s\n",
+    std::printf("\nThreads: the work of one, times (%u processors)\n%-35s %-28s %-26s %-26s\n",
                 rows.front()->at("processors").get<unsigned int>(), "", "", "2 threads", "4 threads");
     constexpr std::pair<const char*, const char*> ways[] = {{"provider", "provider"},
                                                             {"providerWithoutQueries", "without level queries"},
@@ -62,7 +62,7 @@ void printThreads(const Rows& rows) {
     for (const Json* row : rows) {
         std::string name = textOf(*row, "name");
         for (const auto& [way, label] : ways) {
-            std::printf("%-34s %-28s %-26s %-26s\n", name.c_str(), label, spread(row->at(way).at("2")).c_str(),
+            std::printf("%-35s %-28s %-26s %-26s\n", name.c_str(), label, spread(row->at(way).at("2")).c_str(),
                         spread(row->at(way).at("4")).c_str());
             name.clear();
         }

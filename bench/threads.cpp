@@ -14,7 +14,7 @@ namespace talvik::bench {
 namespace {
 
 constexpr int threadCounts[] = {1, 2, 4};
-constexpr int rounds = 11;
+constexpr int rounds = 7;
 constexpr int slices = 2;
 
 using ThreadWork = std::function<void(int thread)>;
@@ -128,9 +128,9 @@ void measureThreads(const BenchToken& token, Json& rows) {
     const Bytes piece(1u << 20, 0xA5);
     const Load loads[] = {
         {"threads.hash", "hashing 4 MiB in chunks of 1 MiB",
-         [&](int thread) { hashThroughCsp(token.provider, *contexts[thread], piece, 4 * piece.size()); }, 5},
+         [&](int thread) { hashThroughCsp(token.provider, *contexts[thread], piece, 4 * piece.size()); }, 20},
         {"threads.sign", "signing: SHA-256 of 1 KiB, RSA-2048",
-         [&](int thread) { signThroughCsp(token.provider, *contexts[thread], message); }, 8}};
+         [&](int thread) { signThroughCsp(token.provider, *contexts[thread], message); }, 30}};
     const ThreadWork direct[] = {[&](int) { hashDirectly(token.deviceId, piece, 4 * piece.size()); },
                                  [&](int) { signDirectly(token, message); }};
     for (std::size_t i = 0; i < std::size(loads); ++i) {
@@ -144,7 +144,7 @@ void measureThreads(const BenchToken& token, Json& rows) {
         }
         measureLoad(load, "direct", direct[i], row);
         measureLoad(
-            {load.id, load.name, nullptr, 20}, "machine", [](int) { spin(); }, row);
+            {load.id, load.name, nullptr, 80}, "machine", [](int) { spin(); }, row);
         rows.push_back(std::move(row));
     }
 }
