@@ -1,8 +1,6 @@
 // A buffer for key material or plaintext: wiped when it goes.
 #pragma once
 
-#include <windows.h>
-
 #include <cstddef>
 #include <memory>
 
@@ -11,11 +9,13 @@
 namespace talvik {
 
 // Fixed size, and not cleared at first: it may be as large as a message, and the device library overwrites it.
+//
+// Applications decrypt a file in many calls. Fresh pages for each would cost more than decrypting into them, so a block
+// of 1 MiB serves every buffer of 64 KiB or more that fits, and is kept, wiped, for the process's next one.
 class SecretBytes {
   public:
-    explicit SecretBytes(std::size_t size)
-        : size_(size), bytes_(std::make_unique_for_overwrite<unsigned char[]>(size)) {}
-    ~SecretBytes() { SecureZeroMemory(bytes_.get(), size_); }
+    explicit SecretBytes(std::size_t size);
+    ~SecretBytes();
     SecretBytes(const SecretBytes&) = delete;
     SecretBytes& operator=(const SecretBytes&) = delete;
 
