@@ -25,6 +25,7 @@ mkdir -p "$kept/soak"
 cp build/mingw/bin/{talvik.exe,TalvikDSCLibrary.dll,TalvikCSP.dll} "$kept/"
 cp "build/mingw/bin/$program" "$kept/$program"
 export WINEPREFIX=$PWD/build/wine/soak
+trap 'wineserver -k 2>/dev/null || true' EXIT
 tests/e2e/install "$kept"
 export "$variable=$count"
-exec scripts/wine-run "$kept/$program" --gtest_filter="$filter"
+scripts/wine-run "$kept/$program" --gtest_filter="$filter"
