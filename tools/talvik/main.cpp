@@ -61,6 +61,7 @@ ExitCode exitCodeOf(Status status) {
 int main() {
     int exitCode = Done;
     CLI::App app("Diagnoses the Talvik Cryptographic Provider, shows its log, and manages virtual tokens.", "talvik");
+    app.set_version_flag("--version", "talvik " TALVIK_VERSION);
     app.require_subcommand(1);
     app.footer(
         "Exit codes: 0 done, 1 refused by the token (PIN, detached), 2 wrong usage, 3 no such token, key or\n"
