@@ -9,6 +9,7 @@
 #include <climits>
 #include <cstring>
 #include <new>
+#include <span>
 #include <string_view>
 
 #include "log/log.h"
@@ -84,10 +85,11 @@ inline SECURITY_STATUS answerText(std::wstring_view text, Output out) noexcept {
 // What a caller gave as a fixed-size value; nothing is read of an input that is too short.
 template <class Value>
 bool readValue(ByteView input, Value& value) noexcept {
-    if (input.data() == nullptr || input.size() < sizeof value) {
+    const auto bytes = std::as_writable_bytes(std::span(&value, 1));
+    if (input.data() == nullptr || input.size() < bytes.size()) {
         return false;
     }
-    std::memcpy(&value, input.data(), sizeof value);
+    std::memcpy(bytes.data(), input.data(), bytes.size());
     return true;
 }
 

@@ -8,8 +8,8 @@
 namespace talvik {
 namespace {
 
-constexpr std::size_t smallestKept = 64 * 1024;
-constexpr std::size_t keptSize = 1024 * 1024 + 4096;  // a ciphertext is longer than its plaintext
+constexpr std::size_t smallestKept = std::size_t{64} << 10;
+constexpr std::size_t keptSize = (std::size_t{1} << 20) + 4096;  // a ciphertext is longer than its plaintext
 
 using Block = std::unique_ptr<unsigned char[]>;
 

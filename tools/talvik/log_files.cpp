@@ -21,7 +21,7 @@ std::filesystem::path logRoot() {
 std::filesystem::path ownLogFolder() {
     std::array<wchar_t, 1024> program = {};
     GetModuleFileNameW(nullptr, program.data(), static_cast<DWORD>(program.size()));
-    const auto folder = logRoot() / std::filesystem::path(program.data()).filename();
+    auto folder = logRoot() / std::filesystem::path(program.data()).filename();
     std::error_code ignored;
     std::filesystem::create_directories(folder, ignored);
     return folder;

@@ -56,9 +56,7 @@ ExitCode exitCodeOf(Status status) {
     }
 }
 
-}  // namespace
-
-int main() {
+int run() {
     int exitCode = Done;
     CLI::App app("Diagnoses the Talvik Cryptographic Provider, shows its log, and manages virtual tokens.", "talvik");
     app.set_version_flag("--version", "talvik " TALVIK_VERSION);
@@ -74,6 +72,14 @@ int main() {
         return exitCode;
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? Done : Usage;
+    }
+}
+
+}  // namespace
+
+int main() {
+    try {
+        return run();
     } catch (const TokenError& error) {
         std::cerr << "talvik: " << error.what() << "\n";
         return exitCodeOf(error.status());

@@ -70,7 +70,7 @@ std::string PinOption::read() const {
     }
     std::cerr << what_ << ": " << std::flush;
     const SilentConsole silent;
-    const std::string pin = firstLine(std::cin);
+    std::string pin = firstLine(std::cin);
     std::cerr << "\n";
     return pin;
 }
