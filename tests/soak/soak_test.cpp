@@ -340,7 +340,6 @@ void Soak::makeAndDeleteKey(std::mt19937&) {
            {ERROR_SUCCESS});
     expect("KSPFinalizeKey", cng().FinalizeKey(key.provider(), key.key(), 0), {ERROR_SUCCESS});
     expect("KSPDeleteKey", cng().DeleteKey(key.provider(), key.key(), 0), {ERROR_SUCCESS});
-    *key.put() = 0;
 }
 
 // What happens to the tokens meanwhile; the disturbing threads take turns.
