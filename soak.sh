@@ -22,6 +22,8 @@ cmake --build --preset mingw --target soak_tests virtual_token_tests
 # Copies and a prefix of its own: the project can be built and tested meanwhile.
 kept=build/long
 mkdir -p "$kept/soak"
+exec 9>"$kept/lock"
+flock -n 9 || { echo "soak: another run is on this machine's way" >&2; exit 1; }
 cp build/mingw/bin/{talvik.exe,TalvikDSCLibrary.dll,TalvikCSP.dll} "$kept/"
 cp "build/mingw/bin/$program" "$kept/$program"
 export WINEPREFIX=$PWD/build/wine/soak
