@@ -16,9 +16,9 @@ Bytes opensslDigest(const std::string& option, const Bytes& data) {
     return read("digest");
 }
 
-class Sign : public Tokens {};
+class Digests : public Tokens {};
 
-TEST_F(Sign, DigestsEqualOpensslsHoweverTheDataIsCut) {
+TEST_F(Digests, EqualOpensslsHoweverTheDataIsCut) {
     const Context context = acquire(), withoutToken = acquire("", CRYPT_VERIFYCONTEXT);
     for (const auto& algorithm : algorithms) {
         for (const std::size_t size : {0u, 1u, 64u, 1000u, 300000u}) {
@@ -35,6 +35,8 @@ TEST_F(Sign, DigestsEqualOpensslsHoweverTheDataIsCut) {
         }
     }
 }
+
+class Sign : public Tokens {};
 
 TEST_F(Sign, EveryDigestVerifiesWithOpensslAndWithTheProvider) {
     DialogRobot robot;

@@ -34,7 +34,7 @@ bool cycle() {
 
 void cycleInThreads(int count) {
     Watchdog watchdog(threads);
-    std::vector<std::thread> workers;
+    std::vector<std::jthread> workers;
     for (std::size_t i = 0; i < threads; ++i) {
         workers.emplace_back([&, i] {
             for (int k = 0; k < count; ++k) {
@@ -43,9 +43,6 @@ void cycleInThreads(int count) {
             }
             watchdog.rests(i);
         });
-    }
-    for (std::thread& worker : workers) {
-        worker.join();
     }
 }
 
