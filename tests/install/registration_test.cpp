@@ -40,7 +40,10 @@ class Registration_whole : public ::testing::Test {
         std::filesystem::remove(calls_);
         log_.mark();
     }
-    void TearDown() override { fail(""); }
+    void TearDown() override {
+        fail("");
+        DllUnregisterServer();
+    }
 
     static void fail(const std::string& what) { SetEnvironmentVariableA("TALVIK_BCRYPT_FAIL", what.c_str()); }
 
