@@ -112,14 +112,12 @@ class Concurrency : public testing::Test {
     }
 
     void allAtOnce(const std::vector<std::function<void()>>& stories) {
-        std::vector<std::thread> threads;
+        std::vector<std::jthread> threads;
         for (const auto& story : stories)
             threads.emplace_back([&story] {
                 for (int round = 0; round < ROUNDS; ++round)
                     story();
             });
-        for (std::thread& thread : threads)
-            thread.join();
     }
 };
 

@@ -1,70 +1,64 @@
-// Keys and their certificates.
+// Keys, their containers and their certificates.
 #include "e2e/surroundings.h"
-#include "support/dialog_robot.h"
 
 namespace e2e {
 namespace {
 
-class Keys : public Tokens {};
-
-TEST_F(Keys, GeneratedWithEachAlgorithmAndSize) {
-    struct Case {
-        ALG_ID algorithm;
-        DWORD bits;
-        DWORD recordedBits;
-        DWORD permissions;
-        DWORD keySpec;
-    };
-    constexpr Case cases[] = {{AT_SIGNATURE, 1024, 1024, 0, AT_SIGNATURE},
-                              {AT_SIGNATURE, 4096, 4096, 0, AT_SIGNATURE},
-                              {CALG_RSA_SIGN, 0, 2048, 0, AT_SIGNATURE},
-                              {CALG_RSA_SIGN, 3072, 3072, 0, AT_SIGNATURE},
-                              {CALG_RSA_KEYX, 0, 2048, CRYPT_DECRYPT, AT_KEYEXCHANGE},
-                              {AT_KEYEXCHANGE, 2048, 2048, CRYPT_DECRYPT, AT_KEYEXCHANGE}};
+class Keys : public Tokens {
+  protected:
     DialogRobot robot;
+};
+
+TEST_F(Keys, NameGivenToANewKeyFindsItAgain) {
     robot.enters(pin);
-    for (const Case& test : cases) {
-        const Context context = acquire();
-        const Key key = generate(context, test.algorithm, test.bits);
-        ASSERT_TRUE(key) << test.algorithm << ' ' << std::hex << GetLastError();
-        EXPECT_EQ(keyParameter(key, KP_ALGID), test.algorithm);
-        EXPECT_EQ(keyParameter(key, KP_KEYLEN), test.recordedBits);
-        EXPECT_EQ(keyParameter(key, KP_PERMISSIONS), test.permissions);
-        // The token makes RSA-2048 whatever size was asked for, and says so when the key is looked up.
-        const Key found = userKey(context, test.keySpec);
-        ASSERT_TRUE(found);
-        EXPECT_EQ(keyParameter(found, KP_KEYLEN), 2048u);
-    }
-    EXPECT_EQ(robot.finish(), std::vector<std::string>{"PIN"});
+    Context first = acquire("letters");
+    ASSERT_TRUE(generate(first));
+    const Bytes key = publicKey(first);
+    ASSERT_TRUE(generate(acquire("invoices")));
+    first.reset();
+    EXPECT_EQ(publicKey(acquire("letters")), key);
+    EXPECT_NE(publicKey(acquire("invoices")), key);
+}
+
+TEST_F(Keys, ContainerOfTheSecondTokenIsFoundThere) {
+    addToken(token() + "-second");
+    change("detach", token());
+    robot.enters(pin).enters(pin);
+    Context onSecond = acquire("on the second");
+    ASSERT_TRUE(generate(onSecond));
+    const Bytes key = publicKey(onSecond);
+    change("attach", token());
+
+    ASSERT_TRUE(generate(acquire()));
+    EXPECT_NE(publicKey(acquire()), key) << "without a container, the first token counts";
+    EXPECT_EQ(publicKey(acquire(containerOf(onSecond))), key);
+    EXPECT_EQ(robot.finish(), (Seen{"PIN", "PIN"})) << "each token asks for its own PIN";
 }
 
 TEST_F(Keys, CertificateIsStoredAndReadBack) {
-    DialogRobot robot;
     robot.enters(pin);
     const Context context = acquire();
-    const Key key = generate(context);
+    const Key key = generate(context, CALG_RSA_SIGN, 3072);
     ASSERT_TRUE(key);
-    DWORD size = 0;
-    EXPECT_FALSE(CryptGetKeyParam(key, KP_CERTIFICATE, nullptr, &size, 0));
+    EXPECT_EQ(keyParameter(key, KP_KEYLEN), 3072u);
+    const auto certificateOf = [](const Key& holder) {
+        return delivered(
+            [&](BYTE* data, DWORD* size) { return CryptGetKeyParam(holder, KP_CERTIFICATE, data, size, 0); });
+    };
+    EXPECT_EQ(certificateOf(key), Bytes());
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_NOT_FOUND));
 
     write("public.der", publicKey(context));
     const Bytes certificate = certificateForPublicKey("Signer");
     ASSERT_TRUE(CryptSetKeyParam(key, KP_CERTIFICATE, certificate.data(), 0)) << std::hex << GetLastError();
-
     const Context later = acquire();
     const Key found = userKey(later);
-    ASSERT_TRUE(CryptGetKeyParam(found, KP_CERTIFICATE, nullptr, &size, 0));
-    EXPECT_EQ(size, certificate.size());
-    Bytes stored(size + 10);
-    size -= 1;
-    EXPECT_FALSE(CryptGetKeyParam(found, KP_CERTIFICATE, stored.data(), &size, 0));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_MORE_DATA));
-    size = static_cast<DWORD>(stored.size());
-    ASSERT_TRUE(CryptGetKeyParam(found, KP_CERTIFICATE, stored.data(), &size, 0));
-    stored.resize(size);
-    EXPECT_EQ(stored, certificate);
+    EXPECT_EQ(keyParameter(found, KP_KEYLEN), 2048u) << "the token makes RSA-2048 whatever size was asked for";
+    EXPECT_EQ(certificateOf(found), certificate);
 }
+
+// Whoever sits at the display answers the PIN dialog.
+const PlayedRole enrolling("enrol", [](const std::string&) { return generate(acquire()) ? 0 : 1; });
 
 }  // namespace
 }  // namespace e2e

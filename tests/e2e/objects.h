@@ -1,4 +1,4 @@
-// Keys, blobs and certificates of the tests that encrypt, import, export and enumerate.
+// Key pairs straight from the device library: CryptoAPI's key generation makes RSA-2048 alone.
 #pragma once
 
 #include "e2e/surroundings.h"
@@ -6,26 +6,14 @@
 
 namespace e2e {
 
-void presentPin(const Context& context);
-
-// Straight through the device library: CryptoAPI's key generation makes RSA-2048 alone, and its certificates belong to
-// a key.
-TalvikKeyPair makeKeyPair(const std::string& token, std::uint32_t keyType, std::uint32_t usage);
-void storeCertificate(const std::string& token, const Bytes& der);
-std::string containerOf(const TalvikKeyPair& key);
-
-// An empty handle, with the last error, when it is refused.
-Key import(const Context& context, const Bytes& blob, const Key* with = nullptr);
-Bytes keyBlob(BYTE type, ALG_ID algorithm, const Bytes& payload);  // of every type but a public key's
-Bytes exported(const Key& key);                                    // PUBLICKEYBLOB
-
-// Leave a public key in public.pem and public.der: that of a PUBLICKEYBLOB, put together without the system's help, and
-// that of a key on the token.
-void writePublicKey(const Bytes& blob);
-void writePublicKey(const TalvikKeyPair& pair);
-
-// In place, in a buffer of `room` bytes before a canary; empty, with the last error, when it is refused.
-Bytes encrypt(const Key& key, const Bytes& plaintext, std::size_t room, DWORD flags = 0);
-Bytes decrypt(const Key& key, Bytes ciphertext);
+// Leaves the public half in public.der and gives the container's name.
+inline std::string makeKeyPair(const std::string& token, std::uint32_t keyType, std::uint32_t usage) {
+    TalvikKeyPair key{};
+    key.keyType = keyType;
+    key.usage = usage;
+    EXPECT_EQ(talvik_generateKeyPair(token.c_str(), pin, &key, nullptr), 0);
+    writeRsaKey(scratch(), "public", Bytes(key.modulus, key.modulus + key.modulusLength));
+    return hex(Bytes(std::begin(key.keyId), std::end(key.keyId)));
+}
 
 }  // namespace e2e

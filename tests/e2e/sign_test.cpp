@@ -1,9 +1,40 @@
-// Signatures, checked with openssl.
+// Digests and signatures, checked with openssl.
 #include "e2e/surroundings.h"
-#include "support/dialog_robot.h"
 
 namespace e2e {
 namespace {
+
+constexpr struct {
+    ALG_ID id;
+    const char* option;
+} algorithms[] = {
+    {CALG_SHA1, "-sha1"}, {CALG_SHA_256, "-sha256"}, {CALG_SHA_384, "-sha384"}, {CALG_SHA_512, "-sha512"}};
+
+Bytes opensslDigest(const std::string& option, const Bytes& data) {
+    write("data", data);
+    run("dgst -binary -out digest " + option + " data");
+    return read("digest");
+}
+
+class Digests : public Tokens {};
+
+TEST_F(Digests, EqualOpensslsHoweverTheDataIsCut) {
+    const Context context = acquire(), withoutToken = acquire("", CRYPT_VERIFYCONTEXT);
+    for (const auto& algorithm : algorithms) {
+        for (const std::size_t size : {0u, 1u, 64u, 1000u, 300000u}) {
+            const Bytes data = pattern(size), expected = opensslDigest(algorithm.option, data);
+            for (const std::size_t chunk : {size + 1, std::size_t{4096}, std::size_t{77}}) {
+                Hash hash;
+                ASSERT_TRUE(CryptCreateHash(chunk > size ? withoutToken : context, algorithm.id, 0, 0, hash.put()));
+                for (std::size_t at = 0; at < size; at += chunk) {
+                    const auto length = static_cast<DWORD>(std::min(chunk, size - at));
+                    ASSERT_TRUE(CryptHashData(hash, data.data() + at, length, 0));
+                }
+                EXPECT_EQ(valueOf(hash), expected) << algorithm.option << size << " bytes in pieces of " << chunk;
+            }
+        }
+    }
+}
 
 class Sign : public Tokens {};
 
@@ -15,44 +46,49 @@ TEST_F(Sign, EveryDigestVerifiesWithOpensslAndWithTheProvider) {
     ASSERT_TRUE(key);
     const Bytes publicKey = e2e::publicKey(context);
     const Bytes data = pattern(5000);
-
-    constexpr std::pair<ALG_ID, const char*> digests[] = {
-        {CALG_SHA1, "-sha1"}, {CALG_SHA_256, "-sha256"}, {CALG_SHA_384, "-sha384"}, {CALG_SHA_512, "-sha512"}};
-    for (const auto& [algorithm, option] : digests) {
+    for (const auto& [algorithm, option] : algorithms) {
         Bytes signature = sign(digest(context, algorithm, data));
         ASSERT_EQ(signature.size(), 256u) << option;
         EXPECT_TRUE(opensslAccepts(publicKey, option, data, signature)) << option;
         EXPECT_FALSE(opensslAccepts(publicKey, option, pattern(5001), signature)) << option;
 
-        write("data", data);
-        run(std::string("dgst -binary -out digest ") + option + " data");
         Hash madeElsewhere;
         ASSERT_TRUE(CryptCreateHash(context, algorithm, 0, 0, madeElsewhere.put()));
-        ASSERT_TRUE(CryptSetHashParam(madeElsewhere, HP_HASHVAL, read("digest").data(), 0));
+        ASSERT_TRUE(CryptSetHashParam(madeElsewhere, HP_HASHVAL, opensslDigest(option, data).data(), 0));
         EXPECT_EQ(sign(madeElsewhere), signature) << option;
 
-        const auto size = static_cast<DWORD>(signature.size());
-        EXPECT_TRUE(CryptVerifySignatureA(digest(context, algorithm, data), signature.data(), size, key, nullptr, 0));
+        EXPECT_TRUE(verifies(digest(context, algorithm, data), signature, key));
         signature[7] ^= 1;
-        EXPECT_FALSE(CryptVerifySignatureA(digest(context, algorithm, data), signature.data(), size, key, nullptr, 0));
-        EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_SIGNATURE)) << option;
+        EXPECT_EQ(errorOf(verifies(digest(context, algorithm, data), signature, key)), NTE_BAD_SIGNATURE) << option;
     }
-    EXPECT_EQ(robot.finish(), std::vector<std::string>{"PIN"}) << "one PIN for key and signatures";
+    EXPECT_EQ(robot.finish(), Seen{"PIN"}) << "one PIN for key and signatures";
 }
 
-TEST_F(Sign, TwoProcessesOnOneToken) {
-    {
-        DialogRobot robot;
-        robot.enters(pin);
-        ASSERT_TRUE(generate(acquire()));
+// Signs its own name many times over, and leaves the last signature for the first process to check.
+const PlayedRole signing("sign", [](const std::string& name) {
+    DialogRobot robot;
+    robot.enters(pin);
+    const Context context = acquire();
+    Bytes signature;
+    for (int i = 0; i < 50; ++i) {
+        signature = sign(digest(context, CALG_SHA_256, bytesOf(name)));
+        EXPECT_FALSE(signature.empty());
     }
-    const std::string names[] = {"first", "second"};
-    Role first("sign", names[0]);
-    Role second("sign", names[1]);
+    write("signature-" + name, signature);
+    EXPECT_EQ(robot.finish(), Seen{"PIN"});
+    return 0;
+});
+
+TEST_F(Sign, TwoProcessesOnOneToken) {
+    DialogRobot robot;
+    robot.enters(pin);
+    ASSERT_TRUE(generate(acquire()));
+    robot.finish();
+    Role first("sign", "first"), second("sign", "second");
     EXPECT_EQ(first.wait(), 0u);
     EXPECT_EQ(second.wait(), 0u);
     const Bytes key = publicKey(acquire());
-    for (const std::string& name : names) {
+    for (const std::string name : {"first", "second"}) {
         EXPECT_TRUE(opensslAccepts(key, "-sha256", bytesOf(name), read("signature-" + name)));
     }
 }

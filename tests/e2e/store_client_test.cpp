@@ -4,53 +4,77 @@
 namespace e2e {
 namespace {
 
-// The user's own store, which is written when it is closed.
-class MyStore {
-  public:
-    ~MyStore() { EXPECT_TRUE(CertCloseStore(store_, 0)); }
-    void add(const Bytes& der, const std::string& container) {
-        PCCERT_CONTEXT certificate = nullptr;
-        ASSERT_TRUE(CertAddEncodedCertificateToStore(store_, X509_ASN_ENCODING, der.data(),
-                                                     static_cast<DWORD>(der.size()), CERT_STORE_ADD_REPLACE_EXISTING,
-                                                     &certificate));
-        std::wstring name(container.begin(), container.end());
-        std::wstring provider(std::begin(providerName), std::end(providerName) - 1);
-        CRYPT_KEY_PROV_INFO info{name.data(), provider.data(), PROV_RSA_FULL, 0, 0, nullptr, AT_SIGNATURE};
-        EXPECT_TRUE(CertSetCertificateContextProperty(certificate, CERT_KEY_PROV_INFO_PROP_ID, 0, &info));
-        CertFreeCertificateContext(certificate);
-    }
-    void clear() {
-        while (const PCCERT_CONTEXT certificate = CertEnumCertificatesInStore(store_, nullptr)) {
-            ASSERT_TRUE(CertDeleteCertificateFromStore(certificate));
-        }
-    }
+inline BOOL closeStore(HCERTSTORE store) {
+    return CertCloseStore(store, 0);
+}
+using Store = Owned<HCERTSTORE, closeStore>;
+using Certificate = Owned<PCCERT_CONTEXT, CertFreeCertificateContext>;
 
-  private:
-    HCERTSTORE store_ = CertOpenSystemStoreA(0, "MY");
-};
+// The user's own store, which is written when it is closed.
+Store myStore() {
+    Store store;
+    *store.put() = CertOpenSystemStoreA(0, "MY");
+    return store;
+}
 
 class StoreClient : public Tokens {
   protected:
-    void TearDown() override {
-        MyStore().clear();
-        Tokens::TearDown();
+    ~StoreClient() override {
+        const Store store = myStore();
+        while (const PCCERT_CONTEXT certificate = CertEnumCertificatesInStore(store, nullptr)) {
+            EXPECT_TRUE(CertDeleteCertificateFromStore(certificate));
+        }
     }
 };
 
+void addToMyStore(const Bytes& der, const std::string& container) {
+    const Store store = myStore();
+    Certificate certificate;
+    ASSERT_TRUE(CertAddEncodedCertificateToStore(store, X509_ASN_ENCODING, der.data(), static_cast<DWORD>(der.size()),
+                                                 CERT_STORE_ADD_REPLACE_EXISTING, certificate.put()));
+    std::wstring name(container.begin(), container.end());
+    std::wstring provider(std::begin(providerName), std::end(providerName) - 1);
+    CRYPT_KEY_PROV_INFO info{name.data(), provider.data(), PROV_RSA_FULL, 0, 0, nullptr, AT_SIGNATURE};
+    EXPECT_TRUE(CertSetCertificateContextProperty(certificate, CERT_KEY_PROV_INFO_PROP_ID, 0, &info));
+}
+
+// Finds its certificate, and through it the private key, anew for each signature.
+const PlayedRole client("client", [](const std::string& name) {
+    const Bytes subjectBytes = read("subject");
+    const std::wstring subject(subjectBytes.begin(), subjectBytes.end());
+    DialogRobot robot;
+    robot.enters(pin);
+    for (int i = 0; i < 3; ++i) {
+        const Store store = myStore();
+        Certificate certificate;
+        *certificate.put() =
+            CertFindCertificateInStore(store, X509_ASN_ENCODING, 0, CERT_FIND_SUBJECT_STR_W, subject.c_str(), nullptr);
+        Context context;
+        DWORD keySpec = 0;
+        BOOL isOurs = FALSE;
+        if (!certificate ||
+            !CryptAcquireCertificatePrivateKey(certificate, 0, nullptr, context.put(), &keySpec, &isOurs)) {
+            return 1;
+        }
+        EXPECT_TRUE(isOurs);
+        EXPECT_EQ(keySpec, static_cast<DWORD>(AT_SIGNATURE));
+        write("signature-" + name, sign(digest(context, CALG_SHA_256, bytesOf(name))));
+    }
+    EXPECT_EQ(robot.finish(), Seen{"PIN"});
+    return 0;
+});
+
 TEST_F(StoreClient, SignsWithTheTokensKeyAndIsAskedForOnePin) {
     makeKeyPair(token(), TALVIK_KEY_RSA_2048, TALVIK_USAGE_BOTH);  // not the one that is meant
-    const TalvikKeyPair pair = makeKeyPair(token(), TALVIK_KEY_RSA_2048, TALVIK_USAGE_BOTH);
-    writePublicKey(pair);
+    const std::string container = makeKeyPair(token(), TALVIK_KEY_RSA_2048, TALVIK_USAGE_BOTH);
+    const Bytes key = read("public.der");
     // The store outlives a run that was broken off: each run looks for a subject of its own.
-    const std::string subject = "StoreClient-" + containerOf(pair);
+    const std::string subject = "StoreClient-" + container;
     write("subject", bytesOf(subject));
-    MyStore().add(certificateForPublicKey(subject), containerOf(pair));
-
-    for (const char* name : {"first", "second"}) {
+    addToMyStore(certificateForPublicKey(subject), container);
+    for (const std::string name : {"first", "second"}) {
         EXPECT_EQ(Role("client", name).wait(), 0u);
-        write("signature", reversed(read(std::string("signature-") + name)));
-        write("data", bytesOf(name));
-        run("dgst -sha256 -verify public.pem -signature signature data");
+        EXPECT_TRUE(opensslAccepts(key, "-sha256", bytesOf(name), read("signature-" + name)));
     }
 }
 

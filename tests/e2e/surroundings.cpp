@@ -1,45 +1,11 @@
 #include "e2e/surroundings.h"
 
-#include <fstream>
-#include <iterator>
-
-namespace fs = std::filesystem;
-
 namespace e2e {
-namespace {
 
-constexpr wchar_t folderVariable[] = L"TALVIK_E2E_FOLDER";
-
-DWORD tokenTool(const std::string& arguments) {
-    wchar_t program[MAX_PATH] = {};
-    GetModuleFileNameW(nullptr, program, MAX_PATH);
-    const std::string tool = (fs::path(program).parent_path().parent_path() / "talvik.exe").string();
-    const std::string line = '"' + tool + "\" token " + arguments;
-    return talvik_test::ChildProcess(std::wstring(line.begin(), line.end())).wait();
-}
-
-}  // namespace
-
-const talvik_test::ScratchFolder& scratch() {
-    static const talvik_test::ScratchFolder folder;
-    return folder;
-}
-
-const fs::path& workFolder() {
-    static const fs::path folder = [] {
-        wchar_t given[MAX_PATH] = {};
-        if (GetEnvironmentVariableW(folderVariable, given, MAX_PATH) != 0) {
-            return fs::path(given);
-        }
-        SetEnvironmentVariableW(folderVariable, scratch().path().c_str());
-        return scratch().path();
-    }();
-    return folder;
-}
-
-Context acquire(const char* container, DWORD flags) {
+Context acquire(const std::string& container, DWORD flags) {
     Context context;
-    if (!CryptAcquireContextA(context.put(), container, providerName, PROV_RSA_FULL, flags)) {
+    const char* const name = container.empty() ? nullptr : container.c_str();
+    if (!CryptAcquireContextA(context.put(), name, providerName, PROV_RSA_FULL, flags)) {
         *context.put() = 0;
     }
     return context;
@@ -57,6 +23,14 @@ Key userKey(const Context& context, DWORD keySpec) {
     return key;
 }
 
+Key import(const Context& context, const Bytes& blob, HCRYPTKEY with) {
+    Key key;
+    if (!CryptImportKey(context, blob.data(), static_cast<DWORD>(blob.size()), with, 0, key.put())) {
+        *key.put() = 0;
+    }
+    return key;
+}
+
 Hash digest(const Context& context, ALG_ID algorithm, const Bytes& data) {
     Hash hash;
     EXPECT_TRUE(CryptCreateHash(context, algorithm, 0, 0, hash.put()));
@@ -64,30 +38,67 @@ Hash digest(const Context& context, ALG_ID algorithm, const Bytes& data) {
     return hash;
 }
 
-Bytes sign(const Hash& hash) {
-    DWORD size = 0;
-    if (!CryptSignHashA(hash, AT_SIGNATURE, nullptr, 0, nullptr, &size)) {
-        return {};
+Bytes keyBlob(BYTE type, ALG_ID algorithm, const Bytes& payload) {
+    Bytes blob = {type, CUR_BLOB_VERSION, 0, 0};
+    for (const DWORD word :
+         {DWORD{algorithm}, type == SIMPLEBLOB ? CALG_RSA_KEYX : static_cast<DWORD>(payload.size())}) {
+        for (int shift = 0; shift < 32; shift += 8) {
+            blob.push_back(static_cast<unsigned char>(word >> shift));
+        }
     }
-    Bytes signature(size);
-    if (!CryptSignHashA(hash, AT_SIGNATURE, nullptr, 0, signature.data(), &size)) {
-        return {};
-    }
-    signature.resize(size);
-    return signature;
+    blob.insert(blob.end(), payload.begin(), payload.end());
+    return blob;
 }
 
-Bytes publicKey(const Context& context) {
-    DWORD size = 0;
-    EXPECT_TRUE(CryptExportPublicKeyInfo(context, AT_SIGNATURE, X509_ASN_ENCODING, nullptr, &size));
-    Bytes info(size);
-    auto* key = reinterpret_cast<CERT_PUBLIC_KEY_INFO*>(info.data());
-    EXPECT_TRUE(CryptExportPublicKeyInfo(context, AT_SIGNATURE, X509_ASN_ENCODING, key, &size));
-    Bytes der(size + 64);
-    auto length = static_cast<DWORD>(der.size());
-    EXPECT_TRUE(CryptEncodeObject(X509_ASN_ENCODING, X509_PUBLIC_KEY_INFO, key, der.data(), &length));
-    der.resize(length);
-    return der;
+BOOL givePin(const Context& context, const char* text, DWORD parameter) {
+    return CryptSetProvParam(context, parameter, reinterpret_cast<const BYTE*>(text), 0);
+}
+
+Bytes sign(const Hash& hash) {
+    return delivered(
+        [&](BYTE* data, DWORD* size) { return CryptSignHashA(hash, AT_SIGNATURE, nullptr, 0, data, size); });
+}
+
+Bytes valueOf(const Hash& hash) {
+    return delivered([&](BYTE* data, DWORD* size) { return CryptGetHashParam(hash, HP_HASHVAL, data, size, 0); });
+}
+
+bool verifies(const Hash& hash, const Bytes& signature, const Key& key) {
+    return CryptVerifySignatureA(hash, signature.data(), static_cast<DWORD>(signature.size()), key, nullptr, 0);
+}
+
+Bytes encrypt(const Key& key, const Bytes& plaintext, std::size_t room, DWORD flags) {
+    constexpr std::size_t canary = 16;
+    Bytes data(std::max(room, plaintext.size()) + canary, 0xCD);
+    std::copy(plaintext.begin(), plaintext.end(), data.begin());
+    auto size = static_cast<DWORD>(plaintext.size());
+    const BOOL done = CryptEncrypt(key, 0, TRUE, flags, data.data(), &size, static_cast<DWORD>(room));
+    EXPECT_EQ(Bytes(data.end() - canary, data.end()), Bytes(canary, 0xCD));
+    data.resize(done ? size : 0);
+    return data;
+}
+
+Bytes decrypt(const Key& key, Bytes ciphertext) {
+    auto size = static_cast<DWORD>(ciphertext.size());
+    ciphertext.resize(CryptDecrypt(key, 0, TRUE, 0, ciphertext.data(), &size) ? size : 0);
+    return ciphertext;
+}
+
+Bytes publicKey(const Context& context, DWORD keySpec) {
+    Bytes info = delivered([&](BYTE* data, DWORD* size) {
+        return CryptExportPublicKeyInfo(context, keySpec, X509_ASN_ENCODING,
+                                        reinterpret_cast<CERT_PUBLIC_KEY_INFO*>(data), size);
+    });
+    EXPECT_FALSE(info.empty()) << std::hex << GetLastError();
+    return delivered([&](BYTE* data, DWORD* size) {
+        return CryptEncodeObject(X509_ASN_ENCODING, X509_PUBLIC_KEY_INFO, info.data(), data, size);
+    });
+}
+
+std::string containerOf(const Context& context) {
+    const Bytes name =
+        delivered([&](BYTE* data, DWORD* size) { return CryptGetProvParam(context, PP_CONTAINER, data, size, 0); });
+    return std::string(name.begin(), name.end()).c_str();
 }
 
 DWORD keyParameter(const Key& key, DWORD parameter) {
@@ -97,67 +108,11 @@ DWORD keyParameter(const Key& key, DWORD parameter) {
     return value;
 }
 
-void write(const std::string& name, const Bytes& content) {
-    std::ofstream file(workFolder() / name, std::ios::binary | std::ios::trunc);
-    file.write(reinterpret_cast<const char*>(content.data()), static_cast<std::streamsize>(content.size()));
-    EXPECT_TRUE(file.flush().good()) << name;
-}
-
-Bytes read(const std::string& name) {
-    std::ifstream file(workFolder() / name, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
-talvik_test::OpensslResult openssl(const std::string& arguments) {
-    return talvik_test::tryOpenssl(scratch(), arguments);
-}
-
-void run(const std::string& arguments) {
-    const talvik_test::OpensslResult ended = openssl(arguments);
-    EXPECT_EQ(ended.exitCode, 0) << "openssl " << arguments << '\n' << ended.output;
-}
-
-Bytes certificateForPublicKey(const std::string& subject) {
-    run("req -x509 -newkey rsa:2048 -nodes -keyout issuer.key -out issuer.pem -subj /CN=Issuer -days 3");
-    run("req -new -key issuer.key -subj /CN=" + subject + " -out request");
-    run("x509 -req -in request -CA issuer.pem -CAkey issuer.key -set_serial 7 -days 2 -force_pubkey public.der "
-        "-keyform DER -outform DER -out certificate.der");
-    return read("certificate.der");
-}
-
 bool opensslAccepts(const Bytes& publicKey, const std::string& option, const Bytes& data, const Bytes& signature) {
     write("signed", data);
     write("signature", reversed(signature));
     write("public.der", publicKey);
-    return openssl("dgst " + option + " -keyform DER -verify public.der -signature signature signed").exitCode == 0;
-}
-
-Role::Role(const std::string& role, const std::string& name)
-    : ChildProcess(talvik_test::thisProgram() + L" --role " + std::wstring(role.begin(), role.end()) + L' ' +
-                   std::wstring(name.begin(), name.end())) {}
-
-void Tokens::SetUp() {
-    static int made = 0;
-    const fs::path home = workFolder() / ("home-" + std::to_string(++made));
-    fs::create_directories(home);
-    SetEnvironmentVariableW(L"TALVIK_TOKEN_HOME", home.c_str());
-    token_ = "T" + std::to_string(made);
-    addToken(token_);
-}
-
-void Tokens::TearDown() {
-    wchar_t home[MAX_PATH] = {};
-    GetEnvironmentVariableW(L"TALVIK_TOKEN_HOME", home, MAX_PATH);
-    std::error_code busy;
-    fs::remove_all(home, busy);
-}
-
-void Tokens::addToken(const std::string& id) {
-    ASSERT_EQ(tokenTool("create --id " + id + " --pin " + pin), 0u);
-}
-
-void Tokens::change(const std::string& command, const std::string& id) {
-    ASSERT_EQ(tokenTool(command + ' ' + id), 0u) << command;
+    return opensslAgrees("dgst " + option + " -keyform DER -verify public.der -signature signature signed");
 }
 
 }  // namespace e2e

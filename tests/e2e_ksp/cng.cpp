@@ -1,43 +1,44 @@
 #include "e2e_ksp/cng.h"
 
-#include <algorithm>
-
-#include "token/key_encoding.h"
-
 namespace e2e {
 namespace {
 
 // Header and exponent of an exported RSAPUBLICBLOB.
 constexpr std::ptrdiff_t modulusOffset = 24 + 3;
+constexpr DWORD longestEcdsaSignature = 132;  // their size is told too small
 
-Bytes concatenated(Bytes left, const Bytes& right) {
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
-
-void putWord(Bytes& blob, std::size_t value) {
-    for (int i = 0; i < 4; ++i) {
-        blob.push_back(static_cast<unsigned char>(value >> 8 * i));
+// Words, least significant byte first, and what follows them.
+Bytes blobOf(std::initializer_list<std::size_t> words, std::initializer_list<Bytes> parts) {
+    Bytes blob;
+    for (const std::size_t word : words) {
+        for (int shift = 0; shift < 32; shift += 8) {
+            blob.push_back(static_cast<unsigned char>(word >> shift));
+        }
     }
+    for (const Bytes& part : parts) {
+        blob.insert(blob.end(), part.begin(), part.end());
+    }
+    return blob;
 }
 
-// Asks for the size, then for the value.
+DWORD sizeOf(const Bytes& bytes) {
+    return static_cast<DWORD>(bytes.size());
+}
+
+// `call` takes a buffer, its room and the place for the size.
 template <class Call>
-Bytes twice(Call call) {
-    DWORD size = 0;
-    status = call(nullptr, 0, &size);
-    if (status != ERROR_SUCCESS) {
-        return {};
-    }
-    Bytes value(std::max<DWORD>(size, 132));  // the size of an ECDSA signature is told too small
-    status = call(value.data(), static_cast<DWORD>(value.size()), &size);
-    value.resize(status == ERROR_SUCCESS ? size : 0);
-    return value;
+Bytes answered(Call call) {
+    return delivered(
+        [&](BYTE* buffer, DWORD* size) {
+            status = call(buffer, *size, size);
+            return status == ERROR_SUCCESS;
+        },
+        longestEcdsaSignature);
 }
 
 }  // namespace
 
-SECURITY_STATUS status = ERROR_SUCCESS;
+thread_local SECURITY_STATUS status = ERROR_SUCCESS;
 
 CngObject openProvider() {
     CngObject provider;
@@ -52,69 +53,77 @@ CngObject createKey(const CngObject& provider, const wchar_t* algorithm, DWORD b
         EXPECT_EQ(NCryptSetProperty(key, NCRYPT_LENGTH_PROPERTY, reinterpret_cast<BYTE*>(&bits), sizeof bits, 0),
                   ERROR_SUCCESS);
     }
-    status = NCryptFinalizeKey(key, 0);
-    EXPECT_EQ(status, ERROR_SUCCESS);
+    EXPECT_EQ(NCryptFinalizeKey(key, 0), ERROR_SUCCESS);
     return key;
 }
 
-CngObject openKey(const CngObject& provider, const std::wstring& name) {
+CngObject openKey(const CngObject& provider, const std::string& name) {
     CngObject key;
-    status = NCryptOpenKey(provider, key.put(), name.c_str(), 0, 0);
+    status = NCryptOpenKey(provider, key.put(), std::wstring(name.begin(), name.end()).c_str(), 0, 0);
     return key;
 }
 
 CngObject importKey(const CngObject& provider, const wchar_t* type, Bytes blob, const CngObject& with) {
     CngObject key;
-    status = NCryptImportKey(provider, with, type, nullptr, key.put(), blob.data(), static_cast<DWORD>(blob.size()), 0);
-    EXPECT_EQ(status, ERROR_SUCCESS);
+    EXPECT_EQ(NCryptImportKey(provider, with, type, nullptr, key.put(), blob.data(), sizeOf(blob), 0), ERROR_SUCCESS);
     return key;
 }
 
-void setPin(const CngObject& object) {
-    std::string value = pin;
-    EXPECT_EQ(NCryptSetProperty(object, NCRYPT_PIN_PROPERTY, reinterpret_cast<BYTE*>(value.data()), 5, 0),
-              ERROR_SUCCESS);
+SECURITY_STATUS givePin(const CngObject& object, std::string value) {
+    return NCryptSetProperty(object, NCRYPT_PIN_PROPERTY, reinterpret_cast<BYTE*>(value.data()),
+                             static_cast<DWORD>(value.size() + 1), 0);
 }
 
 Bytes property(const CngObject& object, const wchar_t* name) {
-    return twice(
+    return answered(
         [&](BYTE* buffer, DWORD room, DWORD* size) { return NCryptGetProperty(object, name, buffer, room, size, 0); });
 }
 
-std::wstring text(const Bytes& utf16) {
-    return utf16.size() < 2 ? L"" : std::wstring(reinterpret_cast<const wchar_t*>(utf16.data()), utf16.size() / 2 - 1);
+std::string nameOf(const CngObject& object, const wchar_t* name) {
+    const Bytes utf16 = property(object, name);
+    std::string narrow;
+    for (std::size_t i = 0; i + 2 < utf16.size(); i += 2) {
+        narrow += static_cast<char>(utf16[i]);
+    }
+    return narrow;
 }
 
 Bytes exported(const CngObject& key, const wchar_t* type) {
-    return twice([&](BYTE* buffer, DWORD room, DWORD* size) {
+    return answered([&](BYTE* buffer, DWORD room, DWORD* size) {
         return NCryptExportKey(key, 0, type, nullptr, buffer, room, size, 0);
     });
+}
+
+std::vector<std::string> enumerateKeys(const CngObject& provider) {
+    std::vector<std::string> names;
+    void* state = nullptr;
+    NCryptKeyName* name = nullptr;
+    while ((status = NCryptEnumKeys(provider, nullptr, &name, &state, 0)) == ERROR_SUCCESS) {
+        const std::wstring found = std::wstring(name->pszName) + L' ' + name->pszAlgid + L' ';
+        names.push_back(std::string(found.begin(), found.end()) + std::to_string(name->dwLegacyKeySpec));
+        EXPECT_EQ(NCryptFreeBuffer(name), ERROR_SUCCESS);
+    }
+    EXPECT_EQ(NCryptFreeBuffer(state), ERROR_SUCCESS);
+    return names;
 }
 
 Bytes publicKeyOf(const CngObject& key) {
     const Bytes blob = exported(key, BCRYPT_PUBLIC_KEY_BLOB);
     const Bytes held(blob.begin() + modulusOffset, blob.end());
-    return talvik::isDerPublicKey(held) ? held : talvik::buildRsaPublicKeyDerFromBytes(held, Bytes{1, 0, 1});
+    const bool isDer = held.front() == 0x30;  // a modulus has its top bit set
+    isDer ? write("public.der", held) : writeRsaKey(scratch(), "public", held);
+    return read("public.der");
 }
 
-Bytes blobOfPemKey(const std::string& file) {
-    std::string hex = openssl("rsa -in " + file + " -noout -modulus").output;
-    std::erase_if(hex, [](char digit) { return digit < ' '; });
-    const Bytes modulus = talvik::hexStringToBytes(hex.substr(hex.find('=') + 1));
-    Bytes blob;
-    for (const std::size_t word : {std::size_t{BCRYPT_RSAPUBLIC_MAGIC}, modulus.size() * 8, std::size_t{3},
-                                   modulus.size(), std::size_t{0}, std::size_t{0}}) {
-        putWord(blob, word);
-    }
-    return concatenated(concatenated(blob, {1, 0, 1}), modulus);
+Bytes blobOfNewKey() {
+    run("genrsa -out other.pem 2048");
+    run("rsa -in other.pem -RSAPublicKey_out -outform DER -out other.der");
+    const Bytes der = read("other.der");  // ends with the modulus and the exponent's five bytes
+    return blobOf({BCRYPT_RSAPUBLIC_MAGIC, 2048, 3, 256, 0, 0}, {{1, 0, 1}, Bytes(der.end() - 5 - 256, der.end() - 5)});
 }
 
 Bytes keyData(const Bytes& value) {
-    Bytes blob;
-    putWord(blob, BCRYPT_KEY_DATA_BLOB_MAGIC);
-    putWord(blob, BCRYPT_KEY_DATA_BLOB_VERSION1);
-    putWord(blob, value.size());
-    return concatenated(blob, value);
+    return blobOf({BCRYPT_KEY_DATA_BLOB_MAGIC, BCRYPT_KEY_DATA_BLOB_VERSION1, value.size()}, {value});
 }
 
 Bytes digestOf(const Bytes& data, const std::string& algorithm) {
@@ -124,23 +133,27 @@ Bytes digestOf(const Bytes& data, const std::string& algorithm) {
 }
 
 Bytes sign(const CngObject& key, Bytes digest, DWORD flags) {
-    return twice([&](BYTE* buffer, DWORD room, DWORD* size) {
-        return NCryptSignHash(key, nullptr, digest.data(), static_cast<DWORD>(digest.size()), buffer, room, size,
-                              flags);
+    return answered([&](BYTE* buffer, DWORD room, DWORD* size) {
+        return NCryptSignHash(key, nullptr, digest.data(), sizeOf(digest), buffer, room, size, flags);
     });
 }
 
+bool verifies(const CngObject& key, Bytes digest, Bytes signature, DWORD flags) {
+    status =
+        NCryptVerifySignature(key, nullptr, digest.data(), sizeOf(digest), signature.data(), sizeOf(signature), flags);
+    EXPECT_TRUE(status == ERROR_SUCCESS || status == NTE_BAD_SIGNATURE);
+    return status == ERROR_SUCCESS;
+}
+
 Bytes encrypt(const CngObject& key, Bytes plaintext, DWORD flags) {
-    return twice([&](BYTE* buffer, DWORD room, DWORD* size) {
-        return NCryptEncrypt(key, plaintext.data(), static_cast<DWORD>(plaintext.size()), nullptr, buffer, room, size,
-                             flags);
+    return answered([&](BYTE* buffer, DWORD room, DWORD* size) {
+        return NCryptEncrypt(key, plaintext.data(), sizeOf(plaintext), nullptr, buffer, room, size, flags);
     });
 }
 
 Bytes decrypt(const CngObject& key, Bytes ciphertext, DWORD flags) {
-    return twice([&](BYTE* buffer, DWORD room, DWORD* size) {
-        return NCryptDecrypt(key, ciphertext.data(), static_cast<DWORD>(ciphertext.size()), nullptr, buffer, room, size,
-                             flags);
+    return answered([&](BYTE* buffer, DWORD room, DWORD* size) {
+        return NCryptDecrypt(key, ciphertext.data(), sizeOf(ciphertext), nullptr, buffer, room, size, flags);
     });
 }
 
@@ -149,9 +162,9 @@ bool opensslVerifies(const Bytes& publicKey, const std::string& algorithm, const
     write("public.der", publicKey);
     write("digest", digest);
     const bool isRsa = signature.size() % 128 == 0;
-    isRsa ? write("signature", signature) : talvik_test::writeEcdsaSignature(scratch(), "signature", signature);
+    isRsa ? write("signature", signature) : writeEcdsaSignature(scratch(), "signature", signature);
     const std::string files = "-keyform DER -inkey public.der -in digest -sigfile signature";
-    return openssl("pkeyutl -verify -pubin " + files + " -pkeyopt digest:" + algorithm + options).exitCode == 0;
+    return opensslAgrees("pkeyutl -verify -pubin " + files + " -pkeyopt digest:" + algorithm + options);
 }
 
 }  // namespace e2e

@@ -7,31 +7,19 @@ namespace {
 constexpr const char* digests[] = {"sha1", "sha256", "sha384", "sha512"};
 const std::string pss = " -pkeyopt rsa_padding_mode:pss -pkeyopt rsa_pss_saltlen:auto";
 
-bool verifies(const CngObject& key, Bytes digest, Bytes signature, DWORD flags) {
-    status = NCryptVerifySignature(key, nullptr, digest.data(), static_cast<DWORD>(digest.size()), signature.data(),
-                                   static_cast<DWORD>(signature.size()), flags);
-    EXPECT_TRUE(status == ERROR_SUCCESS || status == NTE_BAD_SIGNATURE);
-    return status == ERROR_SUCCESS;
-}
-
 class CngCrypt : public Tokens {
   protected:
-    void SetUp() override {
-        Tokens::SetUp();
-        provider = openProvider();
-        setPin(provider);
-    }
-    CngObject provider;
+    CngCrypt() { EXPECT_EQ(givePin(provider), ERROR_SUCCESS); }
+    const CngObject provider = openProvider();
 };
 
 TEST_F(CngCrypt, SignaturesOfEveryKeyVerifyWithOpenssl) {
     const struct {
         const wchar_t* algorithm;
         DWORD bits;
-        std::size_t length, told;
-    } rows[] = {{L"RSA", 1024, 128, 128},   {L"RSA", 2048, 256, 256},   {L"RSA", 3072, 384, 384},
-                {L"RSA", 4096, 512, 512},   {L"ECDSA_P256", 0, 64, 32}, {L"ECDSA_P384", 0, 96, 48},
-                {L"ECDSA_P521", 0, 132, 65}};
+        std::size_t length;
+    } rows[] = {{L"RSA", 1024, 128},    {L"RSA", 2048, 256},    {L"RSA", 3072, 384},    {L"RSA", 4096, 512},
+                {L"ECDSA_P256", 0, 64}, {L"ECDSA_P384", 0, 96}, {L"ECDSA_P521", 0, 132}};
     for (const auto& row : rows) {
         const CngObject key = createKey(provider, row.algorithm, row.bits);
         const Bytes publicKey = publicKeyOf(key);
@@ -49,10 +37,6 @@ TEST_F(CngCrypt, SignaturesOfEveryKeyVerifyWithOpenssl) {
                 EXPECT_TRUE(
                     opensslVerifies(publicKey, algorithm, digest, signature, padding == BCRYPT_PAD_PSS ? pss : ""));
                 EXPECT_TRUE(verifies(key, digest, signature, padding));
-                DWORD size = 0;
-                NCryptSignHash(key, nullptr, digest.data(), static_cast<DWORD>(digest.size()), nullptr, 0, &size,
-                               padding);
-                EXPECT_EQ(size, row.told);
                 digest[0] ^= 1;
                 EXPECT_FALSE(verifies(key, digest, signature, padding));
             }
@@ -61,8 +45,7 @@ TEST_F(CngCrypt, SignaturesOfEveryKeyVerifyWithOpenssl) {
 }
 
 TEST_F(CngCrypt, OpensslsSignaturesVerify) {
-    run("genrsa -out other.pem 2048");
-    const CngObject key = importKey(provider, BCRYPT_RSAPUBLIC_BLOB, blobOfPemKey("other.pem"));
+    const CngObject key = importKey(provider, BCRYPT_RSAPUBLIC_BLOB, blobOfNewKey());
     for (const char* const algorithm : digests) {
         Bytes digest = digestOf(pattern(77), algorithm);
         for (const bool usesPss : {false, true}) {
@@ -76,10 +59,9 @@ TEST_F(CngCrypt, OpensslsSignaturesVerify) {
 }
 
 TEST_F(CngCrypt, RsaEncryptionAgreesWithOpenssl) {
-    run("genrsa -out other.pem 2048");
-    const CngObject other = importKey(provider, BCRYPT_PUBLIC_KEY_BLOB, blobOfPemKey("other.pem"));
+    const CngObject other = importKey(provider, BCRYPT_PUBLIC_KEY_BLOB, blobOfNewKey());
     const CngObject own = createKey(provider, L"RSA", 3072, AT_KEYEXCHANGE);
-    write("public.der", publicKeyOf(own));
+    publicKeyOf(own);
     const Bytes plaintext = pattern(100);
     write("plaintext", plaintext);
     const std::pair<DWORD, std::string> paddings[] = {{NCRYPT_PAD_PKCS1_FLAG, "pkcs1"}, {NCRYPT_PAD_OAEP_FLAG, "oaep"}};
@@ -93,8 +75,6 @@ TEST_F(CngCrypt, RsaEncryptionAgreesWithOpenssl) {
         EXPECT_EQ(decrypt(own, read("ciphertext")), plaintext) << mode;
         EXPECT_EQ(decrypt(own, encrypt(own, plaintext, flags), NCRYPT_SILENT_FLAG), plaintext) << mode;
     }
-    EXPECT_EQ(decrypt(own, Bytes(384, 0x5A)), Bytes());
-    EXPECT_EQ(status, NTE_INTERNAL_ERROR);
 }
 
 // Both ways through openssl: CBC where the key takes a vector of a whole block, and ECB.
@@ -133,7 +113,7 @@ TEST_F(CngCrypt, WrappedAndEncryptedAesKeysComeIn) {
     kek[0] ^= 1;
     importKey(provider, BCRYPT_KEY_DATA_BLOB, keyData(kek));
     const CngObject pair = createKey(provider, L"RSA", 2048, AT_KEYEXCHANGE);
-    write("public.der", publicKeyOf(pair));
+    publicKeyOf(pair);
     for (const std::size_t length : {16u, 32u}) {
         const Bytes value = pattern(length);
         write("key", value);

@@ -1,35 +1,30 @@
 // One token, two faces in one process, and single sign-on.
-#include <cstring>
-
 #include "e2e_ksp/cng.h"
 
 namespace e2e {
 namespace {
 
-class Faces : public Tokens {};
+class Faces : public Tokens {
+  protected:
+    DialogRobot robot;
+};
 
 TEST_F(Faces, AKeyOfEitherSignsThroughTheOtherWithOnePin) {
-    DialogRobot robot;
     robot.enters(pin);
     const Bytes data = bytesOf("both"), digest = digestOf(data, "sha256");
     const Context context = acquire();
     ASSERT_TRUE(generate(context));
-    char made[64] = {};
-    DWORD size = sizeof made;
-    EXPECT_TRUE(CryptGetProvParam(context, PP_CONTAINER, reinterpret_cast<BYTE*>(made), &size, 0));
-    const CngObject found = openKey(openProvider(), std::wstring(made, made + std::strlen(made)));
+    const CngObject found = openKey(openProvider(), containerOf(context));
     EXPECT_TRUE(opensslVerifies(publicKey(context), "sha256", digest, sign(found, digest, BCRYPT_PAD_PKCS1)));
 
     const CngObject key = createKey(openProvider(), L"RSA");
-    const std::wstring name = text(property(key, NCRYPT_NAME_PROPERTY));
-    const Context named = acquire(std::string(name.begin(), name.end()).c_str());
+    const Context named = acquire(nameOf(key));
     EXPECT_TRUE(opensslAccepts(publicKeyOf(key), "-sha256", data, sign(e2e::digest(named, CALG_SHA_256, data))));
     EXPECT_EQ(robot.finish(), Seen{"PIN"});
 }
 
 TEST_F(Faces, SignOnServesBothUntilItExpires) {
     change(std::string("sso on --pin ") + pin, token());
-    DialogRobot robot;
     const CngObject key = createKey(openProvider(), L"RSA");
     const Bytes value = digestOf(bytesOf("signed on"), "sha384");
     const auto signsWith = [&](DWORD flags) {
@@ -49,7 +44,4 @@ TEST_F(Faces, SignOnServesBothUntilItExpires) {
 }
 
 }  // namespace
-
-const Roles roles;  // none
-
 }  // namespace e2e

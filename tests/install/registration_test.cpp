@@ -4,7 +4,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "support/log_reader.h"
@@ -14,8 +13,6 @@ extern "C" HRESULT WINAPI DllUnregisterServer();
 
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 using Lines = std::vector<std::string>;
 
 const std::string name = "\"Talvik Cryptographic Provider CSP\"";
@@ -27,10 +24,10 @@ const std::string registerProvider = "BCryptRegisterProvider " + name +
                                      " flags=00000000 aliases=0 kernel=none image=\"TalvikCSP.dll\" interfaces=1"
                                      " interface=00010001 flags=00000001 functions=1 \"KEY_STORAGE\"";
 
-const Lines registered = {"DEBUG DllRegisterServer: Registering KSP via CNG API",
-                          "DEBUG DllRegisterServer: KSP registered successfully"};
-const Lines unregistered = {"DEBUG DllUnregisterServer: Unregistering KSP via CNG API",
-                            "DEBUG DllUnregisterServer: KSP unregistered successfully"};
+const std::string registering = "DEBUG DllRegisterServer: Registering KSP via CNG API";
+const Lines registered = {registering, "DEBUG DllRegisterServer: KSP registered successfully"};
+const std::string unregistering = "DEBUG DllUnregisterServer: Unregistering KSP via CNG API";
+const Lines unregistered = {unregistering, "DEBUG DllUnregisterServer: KSP unregistered successfully"};
 
 class Registration_whole : public ::testing::Test {
   protected:
@@ -43,20 +40,30 @@ class Registration_whole : public ::testing::Test {
         std::filesystem::remove(calls_);
         log_.mark();
     }
-    void TearDown() override { fail(""); }
+    void TearDown() override {
+        fail("");
+        DllUnregisterServer();
+    }
 
     static void fail(const std::string& what) { SetEnvironmentVariableA("TALVIK_BCRYPT_FAIL", what.c_str()); }
 
     Lines takeCalls() {
         Lines lines;
-        {
-            std::ifstream file(calls_);
-            for (std::string line; std::getline(file, line);) {
-                lines.push_back(line);
-            }
+        std::ifstream file(calls_);
+        for (std::string line; std::getline(file, line);) {
+            lines.push_back(line);
         }
+        file.close();
         std::filesystem::remove(calls_);
         return lines;
+    }
+
+    using Operation = HRESULT(WINAPI*)();
+    void expect(Operation operation, HRESULT result, const Lines& calls, const Lines& log, const std::string& left) {
+        EXPECT_EQ(operation(), result);
+        EXPECT_EQ(takeCalls(), calls);
+        EXPECT_EQ(log_.take(), log);
+        EXPECT_EQ(image(), left);
     }
 
     // Empty when nothing is registered.
@@ -76,52 +83,40 @@ class Registration_whole : public ::testing::Test {
 
 TEST_F(Registration_whole, CallsTheSystemInOrderAndTwice) {
     for (int time = 0; time < 2; ++time) {
-        EXPECT_EQ(DllRegisterServer(), S_OK);
-        EXPECT_THAT(takeCalls(), ElementsAre(removeFromList, unregisterProvider, registerProvider, addToList));
-        EXPECT_EQ(log_.take(), registered);
-        EXPECT_EQ(image(), "TalvikCSP.dll");
+        expect(DllRegisterServer, S_OK, {removeFromList, unregisterProvider, registerProvider, addToList}, registered,
+               "TalvikCSP.dll");
     }
     for (int time = 0; time < 2; ++time) {
-        EXPECT_EQ(DllUnregisterServer(), S_OK);
-        EXPECT_THAT(takeCalls(), ElementsAre(removeFromList, unregisterProvider));
-        EXPECT_EQ(log_.take(), unregistered);
-        EXPECT_EQ(image(), "");
+        expect(DllUnregisterServer, S_OK, {removeFromList, unregisterProvider}, unregistered, "");
     }
 }
 
-struct Refusal {
-    std::string function;
-    const char* status;
-    HRESULT result;
-    std::string decimal;
-    std::size_t calls;
-    const char* left;  // the image that stays registered
-};
-
-class Refused_whole : public Registration_whole, public ::testing::WithParamInterface<Refusal> {};
-
-TEST_P(Refused_whole, AnswersTheStatusAndLogsIt) {
-    const Refusal& refusal = GetParam();
-    fail(refusal.function + "=" + refusal.status);
-    EXPECT_EQ(DllRegisterServer(), refusal.result);
-    EXPECT_THAT(log_.take(), ElementsAre(registered[0], "ERROR " + refusal.function + " failed: 0x" + refusal.decimal));
-    EXPECT_EQ(takeCalls().size(), refusal.calls);
-    EXPECT_EQ(image(), refusal.left);
+TEST_F(Registration_whole, AnswersARefusalsStatusAndLogsIt) {
+    const Lines begun = {removeFromList, unregisterProvider, registerProvider};
+    const Lines complete = {removeFromList, unregisterProvider, registerProvider, addToList};
+    const struct {
+        std::string function;
+        const char* status;
+        HRESULT result;
+        std::string decimal;
+        const Lines& calls;
+        const char* left;
+    } refusals[] = {
+        {"BCryptRegisterProvider", "C000000D", HRESULT(0xD000000D), "-1073741811", begun, ""},
+        {"BCryptRegisterProvider", "00000103", HRESULT(0x10000103), "259", begun, ""},
+        {"BCryptAddContextFunctionProvider", "C000000D", HRESULT(0xD000000D), "-1073741811", complete, "TalvikCSP.dll"},
+    };
+    for (const auto& refusal : refusals) {
+        fail(refusal.function + "=" + refusal.status);
+        expect(DllRegisterServer, refusal.result, refusal.calls,
+               {registering, "ERROR " + refusal.function + " failed: 0x" + refusal.decimal}, refusal.left);
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Registration, Refused_whole,
-    ::testing::Values(Refusal{"BCryptRegisterProvider", "C000000D", HRESULT(0xD000000D), "-1073741811", 3, ""},
-                      Refusal{"BCryptRegisterProvider", "00000103", HRESULT(0x10000103), "259", 3, ""},
-                      Refusal{"BCryptAddContextFunctionProvider", "C000000D", HRESULT(0xD000000D), "-1073741811", 4,
-                              "TalvikCSP.dll"}));
 
 TEST_F(Registration_whole, IgnoresWhatRemovalAnswers) {
     for (const char* failing : {"BCryptRemoveContextFunctionProvider=C0000022", "BCryptUnregisterProvider=C0000225"}) {
         fail(failing);
-        EXPECT_EQ(DllUnregisterServer(), S_OK) << failing;
-        EXPECT_EQ(log_.take(), unregistered);
-        EXPECT_THAT(takeCalls(), ElementsAre(removeFromList, unregisterProvider));
+        expect(DllUnregisterServer, S_OK, {removeFromList, unregisterProvider}, unregistered, "");
     }
     EXPECT_EQ(DllRegisterServer(), S_OK);
 }
@@ -129,23 +124,16 @@ TEST_F(Registration_whole, IgnoresWhatRemovalAnswers) {
 using Registration_partial = Registration_whole;
 
 TEST_F(Registration_partial, NeedsTheFunctionsButNotToRemove) {
-    EXPECT_EQ(DllRegisterServer(), E_FAIL);
-    EXPECT_THAT(log_.take(), ElementsAre(registered[0], "ERROR Failed to find BCrypt registration functions"));
-    EXPECT_THAT(takeCalls(), IsEmpty());
-
-    EXPECT_EQ(DllUnregisterServer(), S_OK);
-    EXPECT_EQ(log_.take(), unregistered);
-    EXPECT_THAT(takeCalls(), ElementsAre(unregisterProvider));
+    expect(DllRegisterServer, E_FAIL, {}, {registering, "ERROR Failed to find BCrypt registration functions"}, "");
+    expect(DllUnregisterServer, S_OK, {unregisterProvider}, unregistered, "");
 }
 
 using Registration_none = Registration_whole;
 
 TEST_F(Registration_none, FailsWithoutTheLibrary) {
-    EXPECT_EQ(DllRegisterServer(), E_FAIL);
-    EXPECT_THAT(log_.take(), ElementsAre(registered[0], "ERROR Failed to load bcrypt.dll"));
-    EXPECT_EQ(DllUnregisterServer(), E_FAIL);
-    EXPECT_THAT(log_.take(),
-                ElementsAre(unregistered[0], "ERROR DllUnregisterServer: LoadLibraryW failed to load bcrypt.dll"));
+    expect(DllRegisterServer, E_FAIL, {}, {registering, "ERROR Failed to load bcrypt.dll"}, "");
+    expect(DllUnregisterServer, E_FAIL, {},
+           {unregistering, "ERROR DllUnregisterServer: LoadLibraryW failed to load bcrypt.dll"}, "");
 }
 
 }  // namespace

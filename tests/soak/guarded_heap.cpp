@@ -1,13 +1,12 @@
-// Replaces the allocation functions of a test program: every block ends where an inaccessible page begins, and a
-// released block is inaccessible for good. Whoever writes or reads past a block or after its release is stopped there
-// and then; what was written in front of a block is found when it is released.
+// Replaces the allocation functions of a test program, those behind operator new included: every block ends where an
+// inaccessible page begins, and a released block is inaccessible for good. Whoever writes or reads past a block or
+// after its release is stopped there and then; what was written in front of a block is found when it is released.
 #include <windows.h>
 
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <new>
 
 extern "C" {
 void __real_free(void* memory);
@@ -132,32 +131,4 @@ void* __wrap_realloc(void* memory, std::size_t size) {
         release(memory);
     }
     return moved;
-}
-
-void* operator new(std::size_t size) {
-    if (void* const memory = allocate(size)) {
-        return memory;
-    }
-    throw std::bad_alloc();
-}
-void* operator new[](std::size_t size) {
-    return operator new(size);
-}
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    return allocate(size);
-}
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-    return allocate(size);
-}
-void operator delete(void* memory) noexcept {
-    __wrap_free(memory);
-}
-void operator delete[](void* memory) noexcept {
-    __wrap_free(memory);
-}
-void operator delete(void* memory, std::size_t) noexcept {
-    __wrap_free(memory);
-}
-void operator delete[](void* memory, std::size_t) noexcept {
-    __wrap_free(memory);
 }

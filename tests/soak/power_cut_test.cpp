@@ -3,15 +3,13 @@
 // Every second process ends itself inside a file operation of the device library: before it, after it, or with half of
 // a write done. The others are killed from outside after a random time. What the operating system has taken over
 // survives both; a machine without power is not what this can show.
-#include "soak/power_cut.h"
-
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <map>
 #include <random>
 #include <set>
-#include <sstream>
 
 #include "virtual_token/fixture.h"
 
@@ -100,29 +98,31 @@ int hookDeviceLibrary() {
     return hooked;
 }
 
-std::string journalPath() {
-    return std::string(std::getenv("TALVIK_TOKEN_HOME")) + "\\..\\journal";
-}
-
 // Each line is with the system when the call returns.
 void note(const std::string& line) {
-    std::ofstream(journalPath(), std::ios::app | std::ios::binary) << line + '\n' << std::flush;
+    std::ofstream(scratch().path() / "journal", std::ios::app | std::ios::binary) << line + '\n' << std::flush;
+}
+
+void require(int status) {
+    if (status != 0) {
+        ExitProcess(static_cast<UINT>(status));
+    }
 }
 
 std::string idOf(const unsigned char* id) {
     return hex(Bytes(id, id + 16));
 }
 
-}  // namespace
-
+// Works on the token, and keeps a journal of what it has begun ("try WHAT") and what was confirmed. `plan` is
+// "SEED:STEP": it ends itself at that file operation of the device library's (0: it goes on until it is killed).
 int workUntilCut(const std::string& plan) {
     std::mt19937 random(static_cast<unsigned>(std::stoul(plan)));
     if (hookDeviceLibrary() < static_cast<int>(std::size(hooks))) {
         return 1;
     }
-    std::vector<Key> made;
+    std::vector<Key> keys;
     int left = 3;
-    note("begin");
+    note("left 3");
     stepsLeft = std::stoi(plan.substr(plan.find(':') + 1));
     for (;;) {
         const unsigned what = random() % 10;
@@ -132,76 +132,57 @@ int workUntilCut(const std::string& plan) {
             note("left " + std::to_string(left));
         } else if (what < 5) {
             note("try login");
-            if (login(pin, &left) != 0) {
-                return 2;
-            }
+            require(login(pin, &left));
             note("left 3");
-        } else if (what < 7 && !made.empty()) {
-            note("try delete " + idOf(made.back().id()));
-            if (talvik_deleteKeyPair(device, made.back().id(), pin, true, nullptr) != 0) {
-                return 3;
-            }
-            note("deleted " + idOf(made.back().id()));
-            made.pop_back();
+        } else if (what < 7 && !keys.empty()) {
+            const std::string id = idOf(keys.back().id());
+            note("try delete:" + id);
+            require(talvik_deleteKeyPair(device, keys.back().id(), pin, true, nullptr));
+            note("deleted " + id);
+            keys.pop_back();
         } else if (what == 7 && random() % 4 == 0) {
-            TalvikSymmetricKey key{};
-            key.keyIdLength = 16;
+            TalvikSymmetricKey key = aesRecord(Bytes(16), 0);
             note("try aes");
-            if (talvik_importAesKey(device, pin, &key, nullptr) != 0) {
-                return 4;
-            }
+            require(talvik_importAesKey(device, pin, &key, nullptr));
             note("aes " + idOf(key.identifier));
         } else {
             note("try make");
-            made.push_back(generate(TALVIK_KEY_EC_P256, TALVIK_USAGE_SIGN));
-            if (made.back().status != 0) {
-                return 5;
-            }
-            note("made " + idOf(made.back().id()));
+            keys.push_back(generate(TALVIK_KEY_EC_P256, TALVIK_USAGE_SIGN));
+            require(keys.back().status);
+            note("made " + idOf(keys.back().id()));
         }
     }
 }
 
-namespace {
+const PlayedRole cutting("cut", workUntilCut);
 
 // --- the one that looks afterwards -----------------------------------------------------------------------------------
 
 class PowerCut : public VirtualTokenTest {
   protected:
     struct Journal {
-        std::set<std::string> keys, deleted, aesKeys;
-        std::string pending;  // what was begun and not confirmed
-        int left = 3;         // attempts, as last confirmed
+        std::map<std::string, std::set<std::string>> ids;  // made, deleted, aes
+        std::string pending;                               // what was begun and not confirmed
+        int left = 3;                                      // attempts, as last confirmed
     };
 
-    Journal readJournal() const {
+    static Journal readJournal() {
         Journal journal;
-        std::ifstream file(scratch.path() / "journal");
-        for (std::string line; std::getline(file, line);) {
-            std::istringstream words(line);
-            std::string verb, value;
-            words >> verb >> value;
+        std::ifstream file(scratch().path() / "journal");
+        for (std::string verb, value; file >> verb >> value;) {
             if (verb == "try") {
-                journal.pending = line.substr(4);
+                journal.pending = value;
                 continue;
             }
-            const bool provenPin = verb == "made" || verb == "deleted" || verb == "aes";
-            journal.left = provenPin ? 3 : verb == "left" ? std::stoi(value) : journal.left;
             journal.pending.clear();
-            if (verb == "made") {
-                journal.keys.insert(value);
-            } else if (verb == "aes") {
-                journal.aesKeys.insert(value);
-            } else if (verb == "deleted") {
-                journal.keys.erase(value);
-                journal.deleted.insert(value);
-            }
+            journal.ids[verb].insert(value);
+            journal.left = verb == "left" ? std::stoi(value) : 3;  // whatever else succeeds has proven the PIN
         }
         return journal;
     }
 
     int attemptsInFile() const {
-        const Bytes file = scratch.read("tokens/T1.json");
+        const Bytes file = read(home() + "/T1.json");
         const std::string text(file.begin(), file.end());
         const std::string member = "\"attemptsLeft\":";
         return std::stoi(text.substr(text.find(member, text.find("\"userPin\"")) + member.size()));
@@ -215,8 +196,8 @@ class PowerCut : public VirtualTokenTest {
             << left << " attempts after " << journal.left << " and \"" << journal.pending << '"';
     }
 
-    void checkObjects(const Journal& journal) {
-        std::set<std::string> present;
+    void checkObjects(Journal& journal) {
+        std::set<std::string> present, aesKeys;
         EXPECT_EQ(generate(TALVIK_KEY_EC_P256, TALVIK_USAGE_SIGN).status, 0) << "the next process is blocked";
         const std::vector<TalvikKeyPair> keys = talvik_getKeyPairList(device, nullptr);
         for (const TalvikKeyPair& key : keys) {
@@ -225,25 +206,25 @@ class PowerCut : public VirtualTokenTest {
             const Bytes digest = pattern(32);
             const Result signature = sign({0, key}, digest);
             EXPECT_EQ(signature.status, 0) << id;
-            EXPECT_EQ(verify(Bytes(key.modulus, key.modulus + key.modulusLength), digest, signature.bytes), 0) << id;
-            EXPECT_FALSE(journal.deleted.contains(id)) << id << " is back";
+            EXPECT_EQ(verify(Key{0, key}.publicKey(), digest, signature.bytes), 0) << id;
+            EXPECT_FALSE(journal.ids["deleted"].contains(id)) << id << " is back";
             EXPECT_EQ(talvik_deleteKeyPair(device, key.keyId, pin, true, nullptr), 0);
         }
-        for (const std::string& id : journal.keys) {
-            EXPECT_TRUE(present.contains(id) || journal.pending == "delete " + id) << id << " is lost";
+        present.insert(journal.ids["deleted"].begin(), journal.ids["deleted"].end());
+        for (const std::string& id : journal.ids["made"]) {
+            EXPECT_TRUE(present.contains(id) || journal.pending == "delete:" + id) << id << " is lost";
         }
-        EXPECT_LE(present.size(), journal.keys.size() + (journal.pending == "make" ? 2 : 1));
-        std::set<std::string> aesKeys;
+        EXPECT_LE(present.size(), journal.ids["made"].size() + (journal.pending == "make" ? 2 : 1));
         const std::vector<TalvikSymmetricKey> listed = talvik_getAesKeyList(device, nullptr);
         for (const TalvikSymmetricKey& key : listed) {
             aesKeys.insert(idOf(key.identifier));
         }
-        aesKeys_.insert(journal.aesKeys.begin(), journal.aesKeys.end());
+        aesKeys_.merge(journal.ids["aes"]);
         EXPECT_TRUE(std::ranges::includes(aesKeys, aesKeys_));
     }
 
     void checkFiles() const {
-        for (const auto& entry : std::filesystem::directory_iterator(scratch.path() / "tokens")) {
+        for (const auto& entry : std::filesystem::directory_iterator(scratch().path() / home())) {
             const std::string name = entry.path().filename().string();
             EXPECT_TRUE(name == "T1.json" || name == "T1.lock") << name << " is left over";
         }
@@ -252,6 +233,14 @@ class PowerCut : public VirtualTokenTest {
     std::set<std::string> aesKeys_;
 };
 
+// Without giving the processor up for longer than that.
+void spin(unsigned milliseconds) {
+    const ULONGLONG until = GetTickCount64() + milliseconds;
+    while (GetTickCount64() < until) {
+        SwitchToThread();
+    }
+}
+
 int rounds() {
     const char* const given = std::getenv("TALVIK_POWER_CUTS");
     return given != nullptr ? std::atoi(given) : 30;
@@ -259,26 +248,22 @@ int rounds() {
 
 TEST_F(PowerCut, LosesNothingConfirmed) {
     std::mt19937 random(20251115);
-    int cuts = 0;
     for (int round = 0; round < rounds() && !HasFailure(); ++round) {
         SCOPED_TRACE("round " + std::to_string(round));
-        std::filesystem::remove(scratch.path() / "journal");
+        std::filesystem::remove(scratch().path() / "journal");
         const bool fromOutside = round % 2 == 1;
         const unsigned steps = fromOutside ? 0 : 1 + random() % 150;
-        ChildProcess worker(thisProgram() + L" --as cut:" + std::to_wstring(random()) + L':' + std::to_wstring(steps));
+        Role worker("cut", std::to_string(random()) + ':' + std::to_string(steps));
         if (fromOutside) {
-            while (!std::filesystem::exists(scratch.path() / "journal")) {
+            while (!std::filesystem::exists(scratch().path() / "journal")) {
                 SwitchToThread();
             }
-            const ULONGLONG until = GetTickCount64() + random() % 400;
-            while (GetTickCount64() < until) {
-                SwitchToThread();
-            }
+            spin(random() % 400);
             worker.kill();
         } else {
             EXPECT_EQ(worker.wait(), cutExit);
         }
-        const Journal journal = readJournal();
+        Journal journal = readJournal();
         checkAttempts(journal);
         if (attemptsInFile() == 0) {  // the last attempt was being made
             EXPECT_EQ(talvik("token unblock T1 --admin-pin 12345678 --new-pin 1234"), 0);
@@ -286,23 +271,15 @@ TEST_F(PowerCut, LosesNothingConfirmed) {
         checkObjects(journal);
         checkFiles();
         EXPECT_EQ(attemptsInFile(), 3);
-        ++cuts;
     }
-    RecordProperty("cuts", cuts);
-    std::printf("%d processes cut off\n", cuts);
 }
 
 // The file that opens a token without its PIN does not outlive a sign-on that was cut off.
 TEST_F(PowerCut, LeavesNoSignOnBehind) {
     std::mt19937 random(7);
-    std::wstring tool = thisProgram();
-    tool.replace(tool.rfind(L'\\') + 1, std::wstring::npos, L"talvik.exe\" token sso ");
     for (int round = 0; round < rounds() / 5; ++round) {
-        ChildProcess switching(tool + (round % 2 == 0 ? L"on T1 --pin 1234" : L"off T1"));
-        const ULONGLONG until = GetTickCount64() + random() % 600;
-        while (GetTickCount64() < until) {
-            SwitchToThread();
-        }
+        ChildProcess switching(talvikCommand(round % 2 == 0 ? "token sso on T1 --pin 1234" : "token sso off T1"));
+        spin(random() % 600);
         switching.kill();
         if (login(pin) == PinLocked) {  // each cut during "on" costs an attempt
             EXPECT_EQ(talvik("token unblock T1 --admin-pin 12345678 --new-pin 1234"), 0);
@@ -310,12 +287,12 @@ TEST_F(PowerCut, LeavesNoSignOnBehind) {
         EXPECT_EQ(login(pin), 0);
     }
     // Cut off between the session file and the state that grants it.
-    scratch.write("tokens/T1.session", pattern(10));
-    scratch.write("tokens/T1.session.new", pattern(10));
+    write(home() + "/T1.session", pattern(10));
+    write(home() + "/T1.session.new", pattern(10));
     EXPECT_EQ(talvik("token sso off T1"), 0);
     ASSERT_EQ(generate(TALVIK_KEY_EC_P256, TALVIK_USAGE_SIGN).status, 0);
     checkFiles();
-    scratch.write("tokens/T1.session", pattern(10));
+    write(home() + "/T1.session", pattern(10));
     ASSERT_EQ(generate(TALVIK_KEY_EC_P256, TALVIK_USAGE_SIGN).status, 0);
     checkFiles();
 }

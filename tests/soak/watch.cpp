@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
-#include <sstream>
 #include <tlhelp32.h>
 
 namespace soak {
@@ -11,6 +10,11 @@ namespace soak {
 namespace {
 
 constexpr std::uintptr_t highestHandle = 0x20000;
+
+constexpr struct {
+    const char* name;
+    std::size_t mayGrow;
+} counted[] = {{"heap in use", 256u << 10}, {"private memory", 4u << 20}, {"handles", 8}, {"threads", 0}};
 
 std::size_t heapBytesInUse() {
     std::vector<HANDLE> heaps(GetProcessHeaps(0, nullptr));
@@ -65,17 +69,20 @@ Footprint footprint() {
 }
 
 std::string difference(const Footprint& before, const Footprint& after) {
-    std::ostringstream text;
-    text << "heap in use " << before.heapBytes << " -> " << after.heapBytes << ", private memory "
-         << before.committedBytes << " -> " << after.committedBytes << ", handles " << before.handles << " -> "
-         << after.handles << ", threads " << before.threads << " -> " << after.threads;
-    return text.str();
+    std::string text;
+    for (std::size_t i = 0; i < before.size(); ++i) {
+        text += std::string(i == 0 ? "" : ", ") + counted[i].name + ' ' + std::to_string(before[i]) + " -> " +
+                std::to_string(after[i]);
+    }
+    return text;
 }
 
 bool isFlat(const Footprint& before, const Footprint& after) {
-    return before.heapBytes != 0 && before.handles != 0 && after.heapBytes <= before.heapBytes + (256u << 10) &&
-           after.committedBytes <= before.committedBytes + (4u << 20) && after.handles <= before.handles + 8 &&
-           after.threads <= before.threads;
+    bool isFlat = true;
+    for (std::size_t i = 0; i < before.size(); ++i) {
+        isFlat &= before[i] != 0 && after[i] <= before[i] + counted[i].mayGrow;
+    }
+    return isFlat;
 }
 
 Watchdog::Watchdog(std::size_t threads, ULONGLONG longestMilliseconds)

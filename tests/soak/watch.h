@@ -3,6 +3,7 @@
 
 #include <windows.h>
 
+#include <array>
 #include <atomic>
 #include <cstddef>
 #include <string>
@@ -13,12 +14,7 @@ namespace soak {
 
 // Counted one by one: Wine answers 0 when it is asked for a process's private bytes or number of handles. For a moment
 // when the other threads are at rest.
-struct Footprint {
-    std::size_t heapBytes = 0;       // in use, of all heaps
-    std::size_t committedBytes = 0;  // private memory
-    unsigned handles = 0;
-    unsigned threads = 0;
-};
+using Footprint = std::array<std::size_t, 4>;  // bytes in use in all heaps, private memory, handles, threads
 Footprint footprint();
 
 // "1 -> 2" for each of them.

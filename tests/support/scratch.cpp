@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <fstream>
+#include <iterator>
 #include <stdexcept>
 
 namespace talvik_test {
@@ -21,7 +22,9 @@ ScratchFolder::ScratchFolder() {
 
 ScratchFolder::~ScratchFolder() {
     std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
+    if (isOwn_) {
+        std::filesystem::remove_all(path_, ignored);
+    }
 }
 
 void ScratchFolder::write(const std::string& name, std::span<const unsigned char> content) const {
@@ -35,9 +38,7 @@ Bytes ScratchFolder::read(const std::string& name) const {
     std::ifstream file(path_ / name, std::ios::binary);
     if (!file)
         throw std::runtime_error("no file " + name);
-    Bytes content(std::filesystem::file_size(path_ / name));
-    file.read(reinterpret_cast<char*>(content.data()), static_cast<std::streamsize>(content.size()));
-    return content;
+    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 ChildProcess::ChildProcess(const std::wstring& commandLine) {

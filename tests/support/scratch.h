@@ -12,10 +12,11 @@ namespace talvik_test {
 
 using Bytes = std::vector<unsigned char>;
 
-// Made fresh under the temporary folder, removed at the end.
+// Made fresh under the temporary folder and removed at the end, or somebody else's.
 class ScratchFolder {
   public:
     ScratchFolder();
+    explicit ScratchFolder(const std::filesystem::path& present) : path_(present), isOwn_(false) {}
     ~ScratchFolder();
     ScratchFolder(const ScratchFolder&) = delete;
     ScratchFolder& operator=(const ScratchFolder&) = delete;
@@ -26,6 +27,7 @@ class ScratchFolder {
 
   private:
     std::filesystem::path path_;
+    bool isOwn_ = true;
 };
 
 // A started program; killed when it goes before it has been waited for.

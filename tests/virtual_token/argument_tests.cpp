@@ -22,7 +22,7 @@ TEST_F(VirtualTokenTest, WrongArguments) {
     EXPECT_EQ(talvik_initDevice(nullptr, false, nullptr), InvalidArgument);
     EXPECT_EQ(talvik_initDevice("T9", false, nullptr), NoSuchDevice);
     EXPECT_EQ(talvik_initDevice("t1", false, nullptr), NoSuchDevice);
-    EXPECT_EQ(talvik_initDevice("..\\tokens\\T1", false, nullptr), NoSuchDevice);
+    EXPECT_EQ(talvik_initDevice(("..\\" + home() + "\\T1").c_str(), false, nullptr), NoSuchDevice);
     EXPECT_EQ(talvik_validatePassword(device, nullptr, 1, &left, nullptr), InvalidArgument);
     EXPECT_EQ(talvik_validatePassword(device, pin, 1, nullptr, nullptr), InvalidArgument);
     EXPECT_EQ(talvik_validatePassword("T9", pin, 1, &left, nullptr), NoSuchDevice);

@@ -31,23 +31,13 @@ TEST(AesRefusals, KeysVectorsAndPadding) {
     EXPECT_EQ(decryptAes(pattern(20), sealed, pattern(16)).status, BadKey);
 }
 
-Result encrypt(const Bytes& publicKey, const Bytes& plaintext, PaddingMode padding) {
-    Result result{0, Bytes(1024)};
-    int length = static_cast<int>(result.bytes.size());
-    result.status =
-        talvik_encrypt(EncryptionType::Rsa2048, padding, plaintext.data(), static_cast<int>(plaintext.size()),
-                       result.bytes.data(), &length, publicKey.data(), static_cast<int>(publicKey.size()), nullptr);
-    result.bytes.resize(result.status == 0 ? static_cast<std::size_t>(length) : 0);
-    return result;
-}
-
 TEST_F(VirtualTokenTest, RsaDataMustFitItsKey) {
     const Key key = generate(TALVIK_KEY_RSA_1024, TALVIK_USAGE_EXCHANGE);
     ASSERT_EQ(key.status, 0);
-    const Bytes publicKey = publicKeyFile(key);
+    writeRsaKey(scratch(), "key", key.publicKey());
     for (const auto& [padding, longest] : {std::pair{PaddingMode::Pkcs1, 117u}, {PaddingMode::Oaep, 86u}}) {
-        EXPECT_EQ(decrypt(key, encrypt(publicKey, pattern(longest), padding).bytes).bytes, pattern(longest));
-        EXPECT_EQ(encrypt(publicKey, pattern(longest + 1), padding).status, BadData);
+        EXPECT_EQ(decrypt(key, encrypt(read("key.der"), pattern(longest), padding).bytes).bytes, pattern(longest));
+        EXPECT_EQ(encrypt(read("key.der"), pattern(longest + 1), padding).status, BadData);
     }
     EXPECT_EQ(decrypt(key, Bytes(128, 1)).status, BadData);     // no padding of either kind
     EXPECT_EQ(decrypt(key, Bytes(128, 0xFF)).status, BadData);  // not below the modulus
@@ -57,9 +47,9 @@ TEST_F(VirtualTokenTest, RsaDataMustFitItsKey) {
 
 // Malformed and dangerous public keys are refused before any arithmetic.
 TEST_F(VirtualTokenTest, RsaPublicKeysAreChecked) {
-    openssl(scratch, "genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 -out private.pem");
-    openssl(scratch, "pkey -in private.pem -pubout -outform DER -out key.der");
-    const Bytes good = scratch.read("key.der");
+    run("genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 -out private.pem");
+    run("pkey -in private.pem -pubout -outform DER -out key.der");
+    const Bytes good = read("key.der");
     constexpr std::size_t modulusStart = 33;  // after the headers and the guard byte
     Bytes evenModulus = good, zeroExponent = good;
     evenModulus[modulusStart + 255] &= 0xFE;
@@ -86,27 +76,16 @@ TEST_F(VirtualTokenTest, AesKeysUnwrapKeys) {
         return key;
     };
     for (int i = 0; i < keyCount; ++i) {
-        TalvikSymmetricKey record{};
-        std::ranges::copy(value(i), record.keyId);
-        record.keyIdLength = 16;
-        record.keyType = TALVIK_KEY_AES_128;
-        ASSERT_EQ(talvik_importAesKey(device, pin, &record, nullptr), 0);
-        EXPECT_EQ(record.keyId[0], i);  // still the value
+        EXPECT_EQ(importAes(value(i), TALVIK_KEY_AES_128).keyId[0], i);  // still the value
     }
     const std::vector<TalvikSymmetricKey> keys = talvik_getAesKeyList(device, nullptr);
     ASSERT_EQ(keys.size(), static_cast<std::size_t>(keyCount));
-    for (std::size_t wrapping = 0; wrapping < keys.size(); ++wrapping) {
-        const Bytes wrapped =
-            encryptAes(EncryptionType::Aes128Ecb, value(static_cast<int>(wrapping)), pattern(32), {}).bytes;
-        for (std::size_t tried = 0; tried < keys.size(); ++tried) {
-            unsigned char* output = nullptr;
-            int length = 0;
-            const int status =
-                talvik_decrypt_aes(device, keys[tried].keyId, keys[tried].keyIdLength, wrapped.data(),
-                                   static_cast<int>(wrapped.size()), &output, &length, true, nullptr, 0, nullptr);
-            EXPECT_EQ(status, tried == wrapping ? 0 : BadData);
-            EXPECT_EQ(length, tried == wrapping ? 32 : 0);
-            std::free(output);
+    for (int wrapping = 0; wrapping < keyCount; ++wrapping) {
+        const Bytes wrapped = encryptAes(EncryptionType::Aes128Ecb, value(wrapping), pattern(32), {}).bytes;
+        for (int tried = 0; tried < keyCount; ++tried) {
+            const Result opened = unwrap(keys[static_cast<std::size_t>(tried)].keyId, wrapped);
+            EXPECT_EQ(opened.status, tried == wrapping ? 0 : BadData);
+            EXPECT_EQ(opened.bytes, tried == wrapping ? pattern(32) : Bytes());
         }
     }
 }

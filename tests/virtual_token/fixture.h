@@ -1,17 +1,12 @@
-// A token folder of its own for each test, and the device library's operations with their usual arguments.
+// The device library's operations with their usual arguments, on one token that is new for each test.
 #pragma once
 
-#include <gtest/gtest.h>
-#include <string>
-
-#include "support/bytes.h"
+#include "support/tokens.h"
 #include "token/device_library.h"
 
 namespace talvik_test {
 
 inline constexpr char device[] = "T1";
-inline constexpr char pin[] = "1234";
-inline constexpr char adminPin[] = "12345678";
 
 // Statuses of the virtual token, as docs/virtual-token.md lists them.
 inline constexpr int InvalidArgument = 1, NoSuchDevice = 2, DeviceDetached = 3, NoSuchObject = 4, WrongPin = 5,
@@ -24,35 +19,30 @@ struct Result {
     Bytes bytes;
 };
 
-// Runs talvik.exe, with its output into `output` if that is given; gives its exit code.
-int talvik(const std::string& arguments, const std::filesystem::path& output = {});
-
 struct Key {
     int status;
     TalvikKeyPair record;
     const unsigned char* id() const { return record.keyId; }
+    Bytes publicKey() const { return {record.modulus, record.modulus + record.modulusLength}; }
 };
 Key generate(std::uint32_t type, std::uint32_t usage, const char* withPin = pin);
 Result sign(const Key& key, const Bytes& digest, bool pss = false, const char* withPin = pin);
+Result encrypt(const Bytes& publicKeyInfo, const Bytes& plaintext, PaddingMode padding);
 Result decrypt(const Key& key, const Bytes& ciphertext, const char* withPin = pin);
 Result encryptAes(EncryptionType type, const Bytes& key, const Bytes& plaintext, const Bytes& iv);
 Result decryptAes(const Bytes& key, const Bytes& ciphertext, const Bytes& iv);
+Result unwrap(const unsigned char* aesKeyId, const Bytes& wrapped);
 Result hashOf(int algorithm, const Bytes& data);
 int verify(const Bytes& publicKeyInfo, const Bytes& digest, const Bytes& signature, bool pss = false);
 int login(const char* withPin, int* remaining = nullptr);
 
-// What this program does when a test has started it again as another process; gives its exit code.
-int runAsChild(const std::string& role);
+// A key value for talvik_importAesKey, and the record that it makes of it.
+TalvikSymmetricKey aesRecord(const Bytes& value, std::uint32_t type);
+TalvikSymmetricKey importAes(const Bytes& value, std::uint32_t type);
 
-// Makes token T1 in a fresh folder and points TALVIK_TOKEN_HOME at it.
-class VirtualTokenTest : public testing::Test {
+class VirtualTokenTest : public Tokens {
   protected:
-    VirtualTokenTest();
-
-    // The key's public half for openssl: key.pem in the scratch folder. Gives the SubjectPublicKeyInfo.
-    Bytes publicKeyFile(const Key& key) const;
-
-    ScratchFolder scratch;
+    VirtualTokenTest() : Tokens(device) {}
 };
 
 }  // namespace talvik_test

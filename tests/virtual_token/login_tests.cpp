@@ -4,6 +4,12 @@
 namespace talvik_test {
 namespace {
 
+const PlayedRole guessing("wrong-pin", [](const std::string&) { return login("0000"); });
+
+const PlayedRole signing("sign-without-pin", [](const std::string&) {
+    return sign({0, talvik_getKeyPairList(device, nullptr).front()}, pattern(32), false, "").status;
+});
+
 class LoginTest : public VirtualTokenTest {
   protected:
     int remaining() {
@@ -43,17 +49,14 @@ TEST_F(LoginTest, WrongPinsLockTheToken) {
 
 TEST_F(LoginTest, AttemptsAreCountedAcrossProcesses) {
     ASSERT_EQ(login(pin), 0);
-    EXPECT_EQ(ChildProcess(thisProgram() + L" --as wrong-pin").wait(), static_cast<DWORD>(WrongPin));
+    EXPECT_EQ(Role("wrong-pin").wait(), static_cast<DWORD>(WrongPin));
     EXPECT_EQ(remaining(), 2);
     EXPECT_EQ(signStatus(pin), 0);  // a right PIN gives them back, also one known already
     EXPECT_EQ(remaining(), 3);
-    std::vector<std::unique_ptr<ChildProcess>> guessers;
-    for (int i = 0; i < 5; ++i) {
-        guessers.push_back(std::make_unique<ChildProcess>(thisProgram() + L" --as wrong-pin"));
-    }
+    Role guessers[] = {Role("wrong-pin"), Role("wrong-pin"), Role("wrong-pin"), Role("wrong-pin"), Role("wrong-pin")};
     int wrong = 0, locked = 0;
-    for (const auto& guesser : guessers) {
-        const DWORD status = guesser->wait();
+    for (Role& guesser : guessers) {
+        const DWORD status = guesser.wait();
         wrong += status == static_cast<DWORD>(WrongPin);
         locked += status == static_cast<DWORD>(PinLocked);
     }
@@ -64,7 +67,7 @@ TEST_F(LoginTest, AttemptsAreCountedAcrossProcesses) {
 // A guesser that is killed has paid for its guess: the attempt is on the disk before the PIN is tested.
 TEST_F(LoginTest, KillingAGuesserWinsNothing) {
     for (int i = 0; i < 8 && remaining() > 0; ++i) {
-        ChildProcess guesser(thisProgram() + L" --as wrong-pin");
+        Role guesser("wrong-pin");
         const int before = remaining();
         while (remaining() == before) {
             SwitchToThread();
@@ -94,7 +97,7 @@ TEST_F(LoginTest, SingleSignOn) {
     EXPECT_EQ(talvik("token sso on T1 --pin 1234"), 0);
     EXPECT_EQ(states(), "T1 1 1");
     EXPECT_EQ(signStatus(""), 0);
-    EXPECT_EQ(ChildProcess(thisProgram() + L" --as sign-without-pin").wait(), 0u);
+    EXPECT_EQ(Role("sign-without-pin").wait(), 0u);
     EXPECT_EQ(generate(TALVIK_KEY_EC_P256, TALVIK_USAGE_SIGN, "").status, 0);
 
     ASSERT_EQ(talvik("token sso expire T1"), 0);
@@ -111,7 +114,7 @@ TEST_F(LoginTest, SingleSignOn) {
     ASSERT_EQ(talvik("token sso on T1 --pin 1234"), 0);
     ASSERT_EQ(talvik("token sso off T1"), 0);
     EXPECT_EQ(signStatus(""), PinRequired);
-    EXPECT_FALSE(std::filesystem::exists(scratch.path() / "tokens" / "T1.session"));
+    EXPECT_FALSE(std::filesystem::exists(scratch().path() / home() / "T1.session"));
 }
 
 TEST_F(LoginTest, ClockDisagreement) {
@@ -126,19 +129,10 @@ TEST_F(LoginTest, ClockDisagreement) {
 }
 
 TEST_F(LoginTest, ADetachedTokenForgetsTheLogin) {
-    TalvikSymmetricKey record{};
-    record.keyIdLength = 16;
-    ASSERT_EQ(talvik_importAesKey(device, pin, &record, nullptr), 0);
+    const TalvikSymmetricKey record = importAes(Bytes(16), 0);
     const Bytes wrapped = encryptAes(EncryptionType::Aes128Ecb, Bytes(16), pattern(16), {}).bytes;
-    const auto unwrap = [&] {
-        unsigned char* output = nullptr;
-        int length = 0;
-        const int status = talvik_decrypt_aes(device, record.identifier, 16, wrapped.data(), 32, &output, &length, true,
-                                              nullptr, 0, nullptr);
-        std::free(output);
-        return status;
-    };
-    EXPECT_EQ(unwrap(), 0);
+    const auto unwrapping = [&] { return unwrap(record.identifier, wrapped).status; };
+    EXPECT_EQ(unwrapping(), 0);
     ASSERT_EQ(talvik("token detach T1"), 0);
     EXPECT_TRUE(talvik_getConnectedDeviceList(false, nullptr).empty());
     EXPECT_TRUE(talvik_getKeyPairList(device, nullptr).empty());
@@ -148,9 +142,9 @@ TEST_F(LoginTest, ADetachedTokenForgetsTheLogin) {
     EXPECT_EQ(signStatus(pin), DeviceDetached);
     ASSERT_EQ(talvik("token attach T1"), 0);
     EXPECT_EQ(talvik_getKeyPairList(device, nullptr).size(), 1u);
-    EXPECT_EQ(unwrap(), PinRequired);
+    EXPECT_EQ(unwrapping(), PinRequired);
     EXPECT_EQ(signStatus(pin), 0);
-    EXPECT_EQ(unwrap(), 0);
+    EXPECT_EQ(unwrapping(), 0);
 }
 
 }  // namespace

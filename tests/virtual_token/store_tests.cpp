@@ -5,46 +5,18 @@
 #include <set>
 #include <thread>
 
-#include "soak/power_cut.h"
 #include "virtual_token/fixture.h"
 
 namespace talvik_test {
 
-int runAsChild(const std::string& role) {
-    const std::vector<TalvikKeyPair> keys = talvik_getKeyPairList(device, nullptr);
-    if (role == "wrong-pin") {
-        return login("0000");
-    }
-    if (role == "sign-without-pin") {
-        return keys.empty() ? -1 : sign({0, keys.front()}, pattern(32), false, "").status;
-    }
-    if (role == "generate-five") {
-        int status = 0;
-        for (int i = 0; i < 5; ++i) {
-            status |= generate(TALVIK_KEY_EC_P256, TALVIK_USAGE_SIGN).status;
-        }
-        return status;
-    }
-    if (role.starts_with("cut:")) {
-        return workUntilCut(role.substr(4));
-    }
-    return -1;
-}
-
 namespace {
 
-std::set<std::string> storedIds() {
-    std::set<std::string> ids;
-    for (const TalvikKeyPair& key : std::vector<TalvikKeyPair>(talvik_getKeyPairList(device, nullptr))) {
-        ids.insert(hex(Bytes(key.keyId, key.keyId + 16)));
+const PlayedRole making("generate-five", [](const std::string&) {
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(generate(TALVIK_KEY_EC_P256, TALVIK_USAGE_SIGN).status, 0);
     }
-    return ids;
-}
-
-Bytes certificateOf(const ScratchFolder& scratch, const std::string& key) {
-    openssl(scratch, "req -x509 -new -key " + key + " -subj /C=DE/CN=Virtual -days 30 -outform DER -out made.der");
-    return scratch.read("made.der");
-}
+    return 0;
+});
 
 TalvikCertificate certificateRecord(const Bytes& der) {
     TalvikCertificate record{};
@@ -63,16 +35,18 @@ TEST_F(VirtualTokenTest, GeneratedKeysDescribeThemselves) {
     EXPECT_EQ(generate(8, 1).status, Unsupported);
     EXPECT_EQ(generate(TALVIK_KEY_RSA_1024, 4).status, InvalidArgument);
     EXPECT_EQ(generate(TALVIK_KEY_EC_P256, TALVIK_USAGE_EXCHANGE).status, Unsupported);
+    EXPECT_EQ(sign(byDefault, pattern(32)).status, UsageForbidden);
     const TalvikKeyPair listed = talvik_getKeyPairList(device, nullptr).front();
     EXPECT_EQ(std::memcmp(&listed, &byDefault.record, sizeof listed), 0);
 }
 
 TEST_F(VirtualTokenTest, KeysOutliveTheProcessThatMadeThem) {
-    ASSERT_EQ(ChildProcess(thisProgram() + L" --as generate-five").wait(), 0u);
+    ASSERT_EQ(Role("generate-five").wait(), 0u);
     const std::vector<TalvikKeyPair> keys = talvik_getKeyPairList(device, nullptr);
     ASSERT_EQ(keys.size(), 5u);
     for (const TalvikKeyPair& record : keys) {
         EXPECT_EQ(sign({0, record}, pattern(32)).status, 0);
+        EXPECT_EQ(sign({0, record}, pattern(16)).status, Unsupported) << "a digest of no known length";
     }
     ASSERT_EQ(talvik_deleteKeyPair(device, keys[2].keyId, pin, true, nullptr), 0);
     EXPECT_EQ(talvik_deleteKeyPair(device, keys[2].keyId, pin, true, nullptr), NoSuchObject);
@@ -81,14 +55,15 @@ TEST_F(VirtualTokenTest, KeysOutliveTheProcessThatMadeThem) {
 }
 
 TEST_F(VirtualTokenTest, ProcessesShareAToken) {
-    std::vector<std::unique_ptr<ChildProcess>> makers;
-    for (int i = 0; i < 3; ++i) {
-        makers.push_back(std::make_unique<ChildProcess>(thisProgram() + L" --as generate-five"));
+    Role makers[] = {Role("generate-five"), Role("generate-five"), Role("generate-five")};
+    for (Role& maker : makers) {
+        EXPECT_EQ(maker.wait(), 0u);
     }
-    for (const auto& maker : makers) {
-        EXPECT_EQ(maker->wait(), 0u);
+    std::set<std::string> ids;
+    for (const TalvikKeyPair& key : std::vector<TalvikKeyPair>(talvik_getKeyPairList(device, nullptr))) {
+        ids.insert(hex(Bytes(key.keyId, key.keyId + 16)));
     }
-    EXPECT_EQ(storedIds().size(), 15u);
+    EXPECT_EQ(ids.size(), 15u);
 }
 
 // Readers copy lists while a writer changes the token.
@@ -112,12 +87,8 @@ TEST_F(VirtualTokenTest, ListsStayWholeWhileTheTokenChanges) {
 
 TEST_F(VirtualTokenTest, NothingSecretIsReadable) {
     ASSERT_EQ(generate(TALVIK_KEY_RSA_2048, TALVIK_USAGE_SIGN).status, 0);
-    TalvikSymmetricKey key{};
-    std::ranges::copy(pattern(32), key.keyId);
-    key.keyIdLength = 32;
-    ASSERT_EQ(talvik_importAesKey(device, pin, &key, nullptr), 0);
-    EXPECT_EQ(key.keyType, TALVIK_KEY_AES_256);
-    const Bytes file = scratch.read("tokens/T1.json");
+    EXPECT_EQ(importAes(pattern(32), 0).keyType, TALVIK_KEY_AES_256);
+    const Bytes file = read(home() + "/T1.json");
     const std::string text(file.begin(), file.end());
     for (const char* secret : {"AAcOFRwjKjE4P0ZNVFtiaXB3foWMk5qhqK+2vcTL0tk=", "00070E151C232A31", "\"1234\""}) {
         EXPECT_EQ(text.find(secret), std::string::npos) << secret;
@@ -141,9 +112,8 @@ TEST_F(VirtualTokenTest, AesKeySizesAndTypes) {
                 {129, TALVIK_KEY_AES_128, InvalidArgument, 0},
                 {-1, TALVIK_KEY_AES_128, InvalidArgument, 0}};
     for (const auto& row : rows) {
-        TalvikSymmetricKey key{};
+        TalvikSymmetricKey key = aesRecord({}, row.type);
         key.keyIdLength = row.length;
-        key.keyType = row.type;
         EXPECT_EQ(talvik_importAesKey(device, pin, &key, nullptr), row.status) << row.length << " " << row.type;
         if (row.status == 0) {
             EXPECT_EQ(key.keyType, row.stored);
@@ -154,13 +124,10 @@ TEST_F(VirtualTokenTest, AesKeySizesAndTypes) {
 TEST_F(VirtualTokenTest, CertificatesPairWithTheirKeys) {
     const Key key = generate(TALVIK_KEY_RSA_1024, TALVIK_USAGE_BOTH);
     ASSERT_EQ(key.status, 0);
-    openssl(scratch, "genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out other.pem");
-    const Bytes other = certificateOf(scratch, "other.pem");
-    // A certificate for the token's key, signed by somebody else.
-    publicKeyFile(key);
-    openssl(scratch, "req -new -key other.pem -subj /CN=Pair -out request");
-    openssl(scratch, "x509 -req -in request -signkey other.pem -force_pubkey key.pem -outform DER -out pair.der");
-    const Bytes matching = scratch.read("pair.der");
+    run("req -x509 -newkey rsa:1024 -nodes -keyout other.pem -subj /C=DE/CN=Virtual -days 30 -outform DER -out other");
+    const Bytes other = read("other");
+    writeRsaKey(scratch(), "public", key.publicKey());
+    const Bytes matching = certificateForPublicKey("Pair");
 
     TalvikCertificate byPublicKey = certificateRecord(matching), foreign = certificateRecord(other);
     ASSERT_EQ(talvik_importCertificate(device, pin, &byPublicKey, nullptr), 0);
@@ -181,7 +148,7 @@ TEST_F(VirtualTokenTest, CertificatesPairWithTheirKeys) {
 
     CertificateDetails details;
     ASSERT_EQ(talvik_getCertificateDetails(matching.data(), static_cast<int>(matching.size()), details, nullptr), 0);
-    EXPECT_EQ(details.publicKey, Bytes(key.record.modulus, key.record.modulus + 128));
+    EXPECT_EQ(details.publicKey, key.publicKey());
     EXPECT_EQ(details.subject, "CN=Pair");
 
     TalvikCertificate garbage = certificateRecord(pattern(100)), unknownKey = certificateRecord(other);
@@ -197,14 +164,14 @@ TEST_F(VirtualTokenTest, CertificatesPairWithTheirKeys) {
 }
 
 TEST_F(VirtualTokenTest, OtherFilesInTheFolderDoNoHarm) {
-    scratch.write("tokens/broken.json", bytesOf("{\"format\": 1,"));
-    scratch.write("tokens/empty.json", {});
-    scratch.write("tokens/T2.json", scratch.read("tokens/T1.json"));  // says that it is T1
-    scratch.write("tokens/notes.txt", bytesOf("mine"));
+    write(home() + "/broken.json", bytesOf("{\"format\": 1,"));
+    write(home() + "/empty.json", {});
+    write(home() + "/T2.json", read(home() + "/T1.json"));  // says that it is T1
+    write(home() + "/notes.txt", bytesOf("mine"));
     ASSERT_EQ(talvik("token create --id A0 --pin 1234 --firmware 1.9.9"), 0);
     EXPECT_EQ(talvik_getConnectedDeviceList(false, nullptr), (std::vector<std::string>{"A0", "T1"}));
     EXPECT_EQ(talvik_getTokenInfo("A0", nullptr).firmwareVersion, "1.9.9");
-    SetEnvironmentVariableW(L"TALVIK_TOKEN_HOME", (scratch.path() / "nowhere").c_str());
+    SetEnvironmentVariableW(L"TALVIK_TOKEN_HOME", (scratch().path() / "nowhere").c_str());
     EXPECT_TRUE(talvik_getConnectedDeviceList(false, nullptr).empty());
 }
 

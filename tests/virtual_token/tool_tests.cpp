@@ -7,9 +7,9 @@ namespace talvik_test {
 namespace {
 
 TEST_F(VirtualTokenTest, ToolExitCodes) {
-    openssl(scratch, "req -x509 -newkey rsa:2048 -nodes -keyout private.pem -subj /CN=Tool -days 9 -out tool.pem");
-    scratch.write("pin.txt", bytesOf("1234\r\n"));
-    const std::string folder = scratch.path().string() + "\\";
+    run("req -x509 -newkey rsa:2048 -nodes -keyout private.pem -subj /CN=Tool -days 9 -out tool.pem");
+    write("pin.txt", bytesOf("1234\r\n"));
+    const std::string folder = scratch().path().string() + "\\";
     const struct {
         std::string arguments;
         int exitCode;
@@ -38,27 +38,27 @@ TEST_F(VirtualTokenTest, ToolExitCodes) {
     for (const auto& row : rows) {
         EXPECT_EQ(talvik(row.arguments), row.exitCode) << row.arguments;
     }
-    openssl(scratch, "x509 -in tool.pem -outform DER -out tool.der");
-    EXPECT_EQ(scratch.read("back.der"), scratch.read("tool.der"));
+    run("x509 -in tool.pem -outform DER -out tool.der");
+    EXPECT_EQ(read("back.der"), read("tool.der"));
 }
 
 // The output of talvik.exe, as a script sees it.
-nlohmann::json jsonOf(const ScratchFolder& scratch, const std::string& arguments) {
-    EXPECT_EQ(talvik(arguments, scratch.path() / "out.json"), 0);
-    return nlohmann::json::parse(scratch.read("out.json"));
+nlohmann::json jsonOf(const std::string& arguments) {
+    EXPECT_EQ(talvik(arguments, "out.json"), 0);
+    return nlohmann::json::parse(read("out.json"));
 }
 
 TEST_F(VirtualTokenTest, ToolShowsWhatATokenHolds) {
     const Key key = generate(TALVIK_KEY_EC_P384, TALVIK_USAGE_SIGN);
     ASSERT_EQ(talvik("token create --id T2 --label Second --pin 1234 --detached"), 0);
     login("9999");
-    const auto list = jsonOf(scratch, "token list --json");
+    const auto list = jsonOf("token list --json");
     ASSERT_EQ(list.size(), 2u);
     EXPECT_EQ(list[0].at("attemptsLeft"), 2);
-    EXPECT_EQ(list[0].at("label"), "A token");
+    EXPECT_EQ(list[1].at("label"), "Second");
     EXPECT_EQ(list[0].at("keyPairCount"), 1);
     EXPECT_EQ(list[1].at("attached"), false);
-    const auto shown = jsonOf(scratch, "token show T1 --json");
+    const auto shown = jsonOf("token show T1 --json");
     EXPECT_EQ(shown.at("keyPairs").at(0).at("type"), "P-384");
     const std::string id = shown.at("keyPairs").at(0).at("id");
     EXPECT_EQ(talvik("token delete-key T1 " + id + " --pin 1234"), 0);

@@ -100,221 +100,173 @@ Holdings& holdings() {
     return instance;
 }
 
-// Runs `call` with the provider, or the key, behind the handle.
-template <class Call>
-SECURITY_STATUS withProvider(NCRYPT_HANDLE handle, Call call) {
+// Calls a function of the table for the provider, or the key, behind the handle: its own handles go before the
+// arguments.
+template <class Function, class... Arguments>
+SECURITY_STATUS callForProvider(NCRYPT_HANDLE handle, Function Table::*function, Arguments... arguments) {
     const ObjectPointer object = holdings().find(handle);
-    return object != nullptr && object->key == 0 ? call(*object) : NTE_INVALID_HANDLE;
+    return object != nullptr && object->key == 0 ? (object->table().*function)(object->providerHandle(), arguments...)
+                                                 : NTE_INVALID_HANDLE;
 }
-template <class Call>
-SECURITY_STATUS withKey(NCRYPT_HANDLE handle, Call call) {
+template <class Function, class... Arguments>
+SECURITY_STATUS callForKey(NCRYPT_HANDLE handle, Function Table::*function, Arguments... arguments) {
     const ObjectPointer object = holdings().find(handle);
-    return object != nullptr && object->key != 0 ? call(*object) : NTE_INVALID_HANDLE;
+    return object != nullptr && object->key != 0
+               ? (object->table().*function)(object->providerHandle(), object->key, arguments...)
+               : NTE_INVALID_HANDLE;
 }
 
-// Runs `make(table, provider handle, &key)` and gives the application a handle for the key.
-template <class Make>
-SECURITY_STATUS makeKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE* phKey, Make make) {
-    return withProvider(hProvider, [&](const Object& object) -> SECURITY_STATUS {
-        NCRYPT_KEY_HANDLE key = 0;
-        const SECURITY_STATUS status = make(object.table(), object.providerHandle(), phKey != nullptr ? &key : nullptr);
-        if (status == ERROR_SUCCESS) {
-            *phKey = holdings().add(object.provider, key);
-        }
-        return status;
-    });
+// Gives the application a handle for the key that came out.
+SECURITY_STATUS handOut(NCRYPT_PROV_HANDLE provider, SECURITY_STATUS status, NCRYPT_KEY_HANDLE key,
+                        NCRYPT_KEY_HANDLE* out) {
+    if (status == ERROR_SUCCESS) {
+        *out = holdings().add(holdings().find(provider)->provider, key);
+    }
+    return status;
+}
+
+// The provider's own handle of a key that a call takes besides; false for what is no key.
+bool findSecondKey(NCRYPT_KEY_HANDLE handle, NCRYPT_KEY_HANDLE& key) {
+    const ObjectPointer object = holdings().find(handle);
+    key = object != nullptr ? object->key : 0;
+    return handle == 0 || key != 0;
 }
 
 }  // namespace
 
 extern "C" {
 
-SECURITY_STATUS WINAPI NCryptOpenStorageProvider(NCRYPT_PROV_HANDLE* phProvider, LPCWSTR pszProviderName,
-                                                 DWORD dwFlags) {
-    if (phProvider == nullptr || pszProviderName == nullptr) {
+SECURITY_STATUS WINAPI NCryptOpenStorageProvider(NCRYPT_PROV_HANDLE* provider, LPCWSTR name, DWORD flags) {
+    if (provider == nullptr || name == nullptr) {
         return NTE_INVALID_PARAMETER;
     }
-    const Table* const table = loadProvider(pszProviderName);
+    const Table* const table = loadProvider(name);
     if (table == nullptr) {
         return NTE_PROV_TYPE_NOT_DEF;
     }
     NCRYPT_PROV_HANDLE handle = 0;
-    const SECURITY_STATUS status = table->OpenProvider(&handle, pszProviderName, dwFlags);
+    const SECURITY_STATUS status = table->OpenProvider(&handle, name, flags);
     if (status == ERROR_SUCCESS) {
-        *phProvider = holdings().add(std::make_shared<OpenProvider>(*table, handle), 0);
+        *provider = holdings().add(std::make_shared<OpenProvider>(*table, handle), 0);
     }
     return status;
 }
 
-SECURITY_STATUS WINAPI NCryptFreeObject(NCRYPT_HANDLE hObject) {
-    return holdings().remove(hObject) != nullptr ? ERROR_SUCCESS : NTE_INVALID_HANDLE;
+SECURITY_STATUS WINAPI NCryptFreeObject(NCRYPT_HANDLE object) {
+    return holdings().remove(object) != nullptr ? ERROR_SUCCESS : NTE_INVALID_HANDLE;
 }
 
-BOOL WINAPI NCryptIsKeyHandle(NCRYPT_KEY_HANDLE hKey) {
-    const ObjectPointer object = holdings().find(hKey);
-    return object != nullptr && object->key != 0;
-}
-
-SECURITY_STATUS WINAPI NCryptFreeBuffer(PVOID pvInput) {
-    if (pvInput == nullptr) {
+SECURITY_STATUS WINAPI NCryptFreeBuffer(PVOID buffer) {
+    if (buffer == nullptr) {
         return ERROR_SUCCESS;
     }
-    const Table* const table = holdings().removeBuffer(pvInput);
-    return table != nullptr ? table->FreeBuffer(pvInput) : NTE_INVALID_PARAMETER;
+    const Table* const table = holdings().removeBuffer(buffer);
+    return table != nullptr ? table->FreeBuffer(buffer) : NTE_INVALID_PARAMETER;
 }
 
-SECURITY_STATUS WINAPI NCryptIsAlgSupported(NCRYPT_PROV_HANDLE hProvider, LPCWSTR pszAlgId, DWORD dwFlags) {
-    return withProvider(hProvider, [=](const Object& object) {
-        return object.table().IsAlgSupported(object.providerHandle(), pszAlgId, dwFlags);
-    });
+SECURITY_STATUS WINAPI NCryptEnumAlgorithms(NCRYPT_PROV_HANDLE provider, DWORD operations, DWORD* count,
+                                            NCryptAlgorithmName** list, DWORD flags) {
+    const SECURITY_STATUS status = callForProvider(provider, &Table::EnumAlgorithms, operations, count, list, flags);
+    if (status == ERROR_SUCCESS) {
+        holdings().addBuffer(*list, holdings().find(provider)->table());
+    }
+    return status;
 }
 
-SECURITY_STATUS WINAPI NCryptEnumAlgorithms(NCRYPT_PROV_HANDLE hProvider, DWORD dwAlgOperations, DWORD* pdwAlgCount,
-                                            NCryptAlgorithmName** ppAlgList, DWORD dwFlags) {
-    return withProvider(hProvider, [=](const Object& object) {
-        const SECURITY_STATUS status =
-            object.table().EnumAlgorithms(object.providerHandle(), dwAlgOperations, pdwAlgCount, ppAlgList, dwFlags);
-        if (status == ERROR_SUCCESS) {
-            holdings().addBuffer(*ppAlgList, object.table());
-        }
-        return status;
-    });
+SECURITY_STATUS WINAPI NCryptEnumKeys(NCRYPT_PROV_HANDLE provider, LPCWSTR scope, NCryptKeyName** name, PVOID* state,
+                                      DWORD flags) {
+    const SECURITY_STATUS status = callForProvider(provider, &Table::EnumKeys, scope, name, state, flags);
+    if (status == ERROR_SUCCESS) {
+        holdings().addBuffer(*name, holdings().find(provider)->table());
+    }
+    if (status != NTE_INVALID_HANDLE && state != nullptr && *state != nullptr) {
+        holdings().addBuffer(*state, holdings().find(provider)->table());
+    }
+    return status;
 }
 
-SECURITY_STATUS WINAPI NCryptEnumKeys(NCRYPT_PROV_HANDLE hProvider, LPCWSTR pszScope, NCryptKeyName** ppKeyName,
-                                      PVOID* ppEnumState, DWORD dwFlags) {
-    return withProvider(hProvider, [=](const Object& object) {
-        const SECURITY_STATUS status =
-            object.table().EnumKeys(object.providerHandle(), pszScope, ppKeyName, ppEnumState, dwFlags);
-        if (status == ERROR_SUCCESS) {
-            holdings().addBuffer(*ppKeyName, object.table());
-        }
-        if (ppEnumState != nullptr && *ppEnumState != nullptr) {
-            holdings().addBuffer(*ppEnumState, object.table());
-        }
-        return status;
-    });
+SECURITY_STATUS WINAPI NCryptOpenKey(NCRYPT_PROV_HANDLE provider, NCRYPT_KEY_HANDLE* key, LPCWSTR name, DWORD keySpec,
+                                     DWORD flags) {
+    NCRYPT_KEY_HANDLE own = 0;
+    const SECURITY_STATUS status = callForProvider(provider, &Table::OpenKey, &own, name, keySpec, flags);
+    return handOut(provider, status, own, key);
 }
 
-SECURITY_STATUS WINAPI NCryptOpenKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE* phKey, LPCWSTR pszKeyName,
-                                     DWORD dwLegacyKeySpec, DWORD dwFlags) {
-    return makeKey(hProvider, phKey, [=](const Table& table, NCRYPT_PROV_HANDLE provider, NCRYPT_KEY_HANDLE* key) {
-        return table.OpenKey(provider, key, pszKeyName, dwLegacyKeySpec, dwFlags);
-    });
+SECURITY_STATUS WINAPI NCryptCreatePersistedKey(NCRYPT_PROV_HANDLE provider, NCRYPT_KEY_HANDLE* key, LPCWSTR algorithm,
+                                                LPCWSTR name, DWORD keySpec, DWORD flags) {
+    NCRYPT_KEY_HANDLE own = 0;
+    const SECURITY_STATUS status =
+        callForProvider(provider, &Table::CreatePersistedKey, &own, algorithm, name, keySpec, flags);
+    return handOut(provider, status, own, key);
 }
 
-SECURITY_STATUS WINAPI NCryptCreatePersistedKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE* phKey,
-                                                LPCWSTR pszAlgId, LPCWSTR pszKeyName, DWORD dwLegacyKeySpec,
-                                                DWORD dwFlags) {
-    return makeKey(hProvider, phKey, [=](const Table& table, NCRYPT_PROV_HANDLE provider, NCRYPT_KEY_HANDLE* key) {
-        return table.CreatePersistedKey(provider, key, pszAlgId, pszKeyName, dwLegacyKeySpec, dwFlags);
-    });
-}
-
-SECURITY_STATUS WINAPI NCryptImportKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hImportKey, LPCWSTR pszBlobType,
-                                       NCryptBufferDesc* pParameterList, NCRYPT_KEY_HANDLE* phKey, PBYTE pbData,
-                                       DWORD cbData, DWORD dwFlags) {
-    const ObjectPointer importKey = holdings().find(hImportKey);
-    if (hImportKey != 0 && (importKey == nullptr || importKey->key == 0)) {
+SECURITY_STATUS WINAPI NCryptImportKey(NCRYPT_PROV_HANDLE provider, NCRYPT_KEY_HANDLE importKey, LPCWSTR type,
+                                       NCryptBufferDesc* parameters, NCRYPT_KEY_HANDLE* key, PBYTE data, DWORD size,
+                                       DWORD flags) {
+    NCRYPT_KEY_HANDLE own = 0, with = 0;
+    if (!findSecondKey(importKey, with)) {
         return NTE_INVALID_HANDLE;
     }
-    return makeKey(hProvider, phKey, [&](const Table& table, NCRYPT_PROV_HANDLE provider, NCRYPT_KEY_HANDLE* key) {
-        return table.ImportKey(provider, importKey != nullptr ? importKey->key : 0, pszBlobType, pParameterList, key,
-                               pbData, cbData, dwFlags);
-    });
+    const SECURITY_STATUS status =
+        callForProvider(provider, &Table::ImportKey, with, type, parameters, &own, data, size, flags);
+    return handOut(provider, status, own, key);
 }
 
-SECURITY_STATUS WINAPI NCryptFinalizeKey(NCRYPT_KEY_HANDLE hKey, DWORD dwFlags) {
-    return withKey(hKey, [=](const Object& object) {
-        return object.table().FinalizeKey(object.providerHandle(), object.key, dwFlags);
-    });
+SECURITY_STATUS WINAPI NCryptExportKey(NCRYPT_KEY_HANDLE key, NCRYPT_KEY_HANDLE exportKey, LPCWSTR type,
+                                       NCryptBufferDesc* parameters, PBYTE output, DWORD room, DWORD* size,
+                                       DWORD flags) {
+    NCRYPT_KEY_HANDLE with = 0;
+    return findSecondKey(exportKey, with)
+               ? callForKey(key, &Table::ExportKey, with, type, parameters, output, room, size, flags)
+               : NTE_INVALID_HANDLE;
+}
+
+SECURITY_STATUS WINAPI NCryptFinalizeKey(NCRYPT_KEY_HANDLE key, DWORD flags) {
+    return callForKey(key, &Table::FinalizeKey, flags);
 }
 
 // Frees the handle as well.
-SECURITY_STATUS WINAPI NCryptDeleteKey(NCRYPT_KEY_HANDLE hKey, DWORD dwFlags) {
-    const SECURITY_STATUS status = withKey(hKey, [=](const Object& object) {
-        return object.table().DeleteKey(object.providerHandle(), object.key, dwFlags);
-    });
+SECURITY_STATUS WINAPI NCryptDeleteKey(NCRYPT_KEY_HANDLE key, DWORD flags) {
+    const SECURITY_STATUS status = callForKey(key, &Table::DeleteKey, flags);
     if (status == ERROR_SUCCESS) {
-        holdings().remove(hKey);
+        holdings().remove(key);
     }
     return status;
 }
 
-SECURITY_STATUS WINAPI NCryptGetProperty(NCRYPT_HANDLE hObject, LPCWSTR pszProperty, PBYTE pbOutput, DWORD cbOutput,
-                                         DWORD* pcbResult, DWORD dwFlags) {
-    const ObjectPointer object = holdings().find(hObject);
-    if (object == nullptr) {
-        return NTE_INVALID_HANDLE;
-    }
-    if (object->key == 0) {
-        return object->table().GetProviderProperty(object->providerHandle(), pszProperty, pbOutput, cbOutput, pcbResult,
-                                                   dwFlags);
-    }
-    const SECURITY_STATUS status = object->table().GetKeyProperty(object->providerHandle(), object->key, pszProperty,
-                                                                  pbOutput, cbOutput, pcbResult, dwFlags);
-    if (status == ERROR_SUCCESS && pbOutput != nullptr &&
-        std::wstring(pszProperty) == NCRYPT_PROVIDER_HANDLE_PROPERTY) {
-        *reinterpret_cast<NCRYPT_PROV_HANDLE*>(pbOutput) = holdings().add(object->provider, 0);
-    }
-    return status;
+SECURITY_STATUS WINAPI NCryptGetProperty(NCRYPT_HANDLE handle, LPCWSTR name, PBYTE output, DWORD room, DWORD* size,
+                                         DWORD flags) {
+    const ObjectPointer object = holdings().find(handle);
+    return object != nullptr && object->key != 0
+               ? callForKey(handle, &Table::GetKeyProperty, name, output, room, size, flags)
+               : callForProvider(handle, &Table::GetProviderProperty, name, output, room, size, flags);
 }
 
-SECURITY_STATUS WINAPI NCryptSetProperty(NCRYPT_HANDLE hObject, LPCWSTR pszProperty, PBYTE pbInput, DWORD cbInput,
-                                         DWORD dwFlags) {
-    const ObjectPointer object = holdings().find(hObject);
-    if (object == nullptr) {
-        return NTE_INVALID_HANDLE;
-    }
-    return object->key == 0
-               ? object->table().SetProviderProperty(object->providerHandle(), pszProperty, pbInput, cbInput, dwFlags)
-               : object->table().SetKeyProperty(object->providerHandle(), object->key, pszProperty, pbInput, cbInput,
-                                                dwFlags);
+SECURITY_STATUS WINAPI NCryptSetProperty(NCRYPT_HANDLE handle, LPCWSTR name, PBYTE input, DWORD size, DWORD flags) {
+    const ObjectPointer object = holdings().find(handle);
+    return object != nullptr && object->key != 0
+               ? callForKey(handle, &Table::SetKeyProperty, name, input, size, flags)
+               : callForProvider(handle, &Table::SetProviderProperty, name, input, size, flags);
 }
 
-SECURITY_STATUS WINAPI NCryptEncrypt(NCRYPT_KEY_HANDLE hKey, PBYTE pbInput, DWORD cbInput, VOID* pPaddingInfo,
-                                     PBYTE pbOutput, DWORD cbOutput, DWORD* pcbResult, DWORD dwFlags) {
-    return withKey(hKey, [=](const Object& object) {
-        return object.table().Encrypt(object.providerHandle(), object.key, pbInput, cbInput, pPaddingInfo, pbOutput,
-                                      cbOutput, pcbResult, dwFlags);
-    });
+SECURITY_STATUS WINAPI NCryptEncrypt(NCRYPT_KEY_HANDLE key, PBYTE input, DWORD length, VOID* padding, PBYTE output,
+                                     DWORD room, DWORD* size, DWORD flags) {
+    return callForKey(key, &Table::Encrypt, input, length, padding, output, room, size, flags);
 }
 
-SECURITY_STATUS WINAPI NCryptDecrypt(NCRYPT_KEY_HANDLE hKey, PBYTE pbInput, DWORD cbInput, VOID* pPaddingInfo,
-                                     PBYTE pbOutput, DWORD cbOutput, DWORD* pcbResult, DWORD dwFlags) {
-    return withKey(hKey, [=](const Object& object) {
-        return object.table().Decrypt(object.providerHandle(), object.key, pbInput, cbInput, pPaddingInfo, pbOutput,
-                                      cbOutput, pcbResult, dwFlags);
-    });
+SECURITY_STATUS WINAPI NCryptDecrypt(NCRYPT_KEY_HANDLE key, PBYTE input, DWORD length, VOID* padding, PBYTE output,
+                                     DWORD room, DWORD* size, DWORD flags) {
+    return callForKey(key, &Table::Decrypt, input, length, padding, output, room, size, flags);
 }
 
-SECURITY_STATUS WINAPI NCryptSignHash(NCRYPT_KEY_HANDLE hKey, VOID* pPaddingInfo, PBYTE pbHashValue, DWORD cbHashValue,
-                                      PBYTE pbSignature, DWORD cbSignature, DWORD* pcbResult, DWORD dwFlags) {
-    return withKey(hKey, [=](const Object& object) {
-        return object.table().SignHash(object.providerHandle(), object.key, pPaddingInfo, pbHashValue, cbHashValue,
-                                       pbSignature, cbSignature, pcbResult, dwFlags);
-    });
+SECURITY_STATUS WINAPI NCryptSignHash(NCRYPT_KEY_HANDLE key, VOID* padding, PBYTE digest, DWORD length, PBYTE signature,
+                                      DWORD room, DWORD* size, DWORD flags) {
+    return callForKey(key, &Table::SignHash, padding, digest, length, signature, room, size, flags);
 }
 
-SECURITY_STATUS WINAPI NCryptVerifySignature(NCRYPT_KEY_HANDLE hKey, VOID* pPaddingInfo, PBYTE pbHashValue,
-                                             DWORD cbHashValue, PBYTE pbSignature, DWORD cbSignature, DWORD dwFlags) {
-    return withKey(hKey, [=](const Object& object) {
-        return object.table().VerifySignature(object.providerHandle(), object.key, pPaddingInfo, pbHashValue,
-                                              cbHashValue, pbSignature, cbSignature, dwFlags);
-    });
-}
-
-SECURITY_STATUS WINAPI NCryptExportKey(NCRYPT_KEY_HANDLE hKey, NCRYPT_KEY_HANDLE hExportKey, LPCWSTR pszBlobType,
-                                       NCryptBufferDesc* pParameterList, PBYTE pbOutput, DWORD cbOutput,
-                                       DWORD* pcbResult, DWORD dwFlags) {
-    const ObjectPointer exportKey = holdings().find(hExportKey);
-    if (hExportKey != 0 && (exportKey == nullptr || exportKey->key == 0)) {
-        return NTE_INVALID_HANDLE;
-    }
-    return withKey(hKey, [&](const Object& object) {
-        return object.table().ExportKey(object.providerHandle(), object.key, exportKey != nullptr ? exportKey->key : 0,
-                                        pszBlobType, pParameterList, pbOutput, cbOutput, pcbResult, dwFlags);
-    });
+SECURITY_STATUS WINAPI NCryptVerifySignature(NCRYPT_KEY_HANDLE key, VOID* padding, PBYTE digest, DWORD length,
+                                             PBYTE signature, DWORD size, DWORD flags) {
+    return callForKey(key, &Table::VerifySignature, padding, digest, length, signature, size, flags);
 }
 
 }  // extern "C"
