@@ -12,7 +12,7 @@ inline constexpr char device[] = "T1";
 inline constexpr int InvalidArgument = 1, NoSuchDevice = 2, DeviceDetached = 3, NoSuchObject = 4, WrongPin = 5,
                      PinLocked = 6, PinRequired = 7, UsageForbidden = 8, BufferTooSmall = 9, Unsupported = 10,
                      BadKey = 11, BadSignature = 12, BadData = 13, BadInitialVector = 14, BadCertificate = 15,
-                     BadHashHandle = 16;
+                     BadHashHandle = 16, StorageFailure = 18;
 
 struct Result {
     int status;

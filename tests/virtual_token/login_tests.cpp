@@ -78,6 +78,14 @@ TEST_F(LoginTest, KillingAGuesserWinsNothing) {
     EXPECT_EQ(remaining(), 0);
 }
 
+TEST_F(LoginTest, APinThatCannotBeChargedForIsNotTested) {
+    const auto inTheWay = scratch().path() / home() / "T1.json.new";  // so that no version can be written
+    std::filesystem::create_directory(inTheWay);
+    EXPECT_EQ(Role("wrong-pin").wait(), static_cast<DWORD>(StorageFailure));
+    std::filesystem::remove(inTheWay);
+    EXPECT_EQ(Role("wrong-pin").wait(), static_cast<DWORD>(WrongPin));
+}
+
 TEST_F(LoginTest, ChangingThePin) {
     EXPECT_EQ(talvik("token change-pin T1 --pin 9999 --new-pin 5678"), 1);
     EXPECT_EQ(talvik("token change-pin T1 --pin 1234 --new-pin 123"), 2);
