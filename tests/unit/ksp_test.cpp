@@ -86,6 +86,37 @@ void KspTest::expectRefused(const std::string& entryPoint, const std::vector<Ksp
     }
 }
 
+void KspTest::expectPinHandling(const UnderPin& of, Where where) {
+    const ScopedTrace trace(where.file_name(), static_cast<int>(where.line()), "called from here");
+    const Act act = of.calling(0), silently = of.calling(NCRYPT_SILENT_FLAG);
+    const Lines expired = PIN_KNOWN + of.before + ("DEBUG KSP: " + of.name + " SSO expired, re-prompting for PIN");
+    const std::string refused = "ERROR " + of.entryPoint + ": password validation failed";
+    const std::string hidden = "ERROR " + of.entryPoint + ": silent mode requested but PIN not validated";
+    const std::string call = of.deviceCall(PIN), again = of.deviceCall("5678");
+    robot.enters("5678").enters(PIN).cancels().cancels();
+    const auto expire = [&] { scripted::next(of.operation, {49}); };
+    expire();
+    expect(ERROR_SUCCESS, of.entryPoint, act, expired + PIN_ASKED + of.after,
+           {call, TOKEN_INFO, validation("5678"), again});
+    expire();
+    expire();
+    expect(NTE_INTERNAL_ERROR, of.entryPoint, act, expired + PIN_ASKED + ("ERROR KSP: " + of.failed + ": 49"),
+           {again, TOKEN_INFO, validation(PIN), call});
+    expire();
+    expectError(act, NTE_FAIL, refused + " after SSO expiry");
+    expectError(act, NTE_FAIL, refused);
+    expect(NTE_SILENT_CONTEXT, of.entryPoint, silently, {hidden}, {TOKEN_INFO});
+    talvik::setDevicePassword(DEVICE, PIN);
+    EXPECT_EQ(silently(), ERROR_SUCCESS);
+    expire();
+    expect(NTE_SILENT_CONTEXT, of.entryPoint, silently, expired + hidden, {call, TOKEN_INFO});
+    EXPECT_FALSE(talvik::isPasswordValidated(DEVICE));
+    attachTokens({}, true);
+    EXPECT_EQ(silently(), ERROR_SUCCESS);
+    EXPECT_EQ(scripted::takeCalls().back(), of.deviceCall(""));
+    EXPECT_EQ(robot.finish(), Lines(4, "PIN"));
+}
+
 Bytes KspTest::readKeyProperty(NCRYPT_KEY_HANDLE key, const wchar_t* name, Where where) {
     const ScopedTrace trace(where.file_name(), static_cast<int>(where.line()), "called from here");
     return readBySizeRule([&](BYTE* buffer, DWORD room, DWORD* size) {

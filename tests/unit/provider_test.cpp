@@ -7,9 +7,6 @@
 
 using namespace testing;
 
-const Lines dialogShown = {"DEBUG Password dialog show window", "DEBUG Password dialog show window before",
-                           "DEBUG Password dialog show window after"};
-
 Lines operator+(Lines left, const Lines& right) {
     left.insert(left.end(), right.begin(), right.end());
     return left;
@@ -107,6 +104,42 @@ void ProviderTest::expectRefusals(const std::string& entryPoint, const std::vect
         }
         EXPECT_THAT(scripted::takeCalls(), IsEmpty());
     }
+}
+
+void ProviderTest::expectRenewal(const UnderPin& of, Where where) {
+    const std::string refused = "ERROR " + of.entryPoint + ": ensurePasswordValidated failed";
+    const Lines asked = Lines{NOT_VALIDATED} + dialogShown;
+    const Lines cancelled = {"DEBUG User cancelled password dialog", "ERROR Password validation failed"};
+    const Lines expired =
+        of.head + VALIDATED + of.before + ("DEBUG " + of.entryPoint + ": SSO expired, re-prompting for PIN") + asked;
+    const std::string again = of.deviceCall("5678");
+    robot.enters("5678").enters("5678").cancels().cancels();
+    const auto expire = [&] { scripted::next(of.operation, {.status = 49, .length = 3}); };
+    expire();
+    expectSuccess(of.call, expired + of.after, {of.deviceCall("1234"), TOKEN_INFO, validation("5678"), again}, where);
+    expire();
+    expire();
+    expectFailure(of.call, NTE_PROVIDER_DLL_FAIL, expired + of.failed, {again, TOKEN_INFO, validation("5678"), again},
+                  where);
+    expire();
+    expectFailure(of.call, NTE_FAIL, expired + cancelled + (refused + " after SSO expiry"), {again, TOKEN_INFO}, where);
+    expectFailure(of.call, NTE_FAIL, of.head + asked + cancelled + refused, {TOKEN_INFO}, where);
+    EXPECT_EQ(robot.finish(), Lines(4, "PIN"));
+}
+
+void ProviderTest::offer(DWORD room) {
+    data = filled(1200, 0xCD);
+    size = room;
+}
+
+Bytes ProviderTest::delivered() const {
+    const auto end = data.begin() + static_cast<std::ptrdiff_t>(std::min<std::size_t>(size, data.size()));
+    EXPECT_TRUE(std::all_of(end, data.end(), [](unsigned char byte) { return byte == 0xCD; }));
+    return {data.begin(), end};
+}
+
+bool ProviderTest::isOnlyTold(DWORD needed) const {
+    return size == needed && data == filled(data.size(), 0xCD);
 }
 
 VTableProvStruc* someTable() {

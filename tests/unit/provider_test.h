@@ -71,7 +71,33 @@ class ProviderTest : public testing::Test {
     void expectRefusals(const std::string& entryPoint, const std::vector<Refusal>& refusals,
                         Where where = Where::current());
 
+    // The same for one entry point: called with the error, the text and the arguments that are refused.
+    template <class... Parameters>
+    auto refusalsOf(const std::string& entryPoint, BOOL(WINAPI* function)(Parameters...)) {
+        return [=, this](ErrorCode error, const std::string& text, Parameters... arguments) {
+            expectRefusals(entryPoint, {{[=] { return function(arguments...); }, error, text}});
+        };
+    }
+
+    // What goes for every operation under the PIN "1234": when the single sign-on has expired it asks once more and no
+    // more, and what the user gives up fails. `head`, `before` and `after` are the lines around the PIN check and the
+    // device call; `failed` are those in the place of `after` when the token goes on saying 49.
+    struct UnderPin {
+        std::string entryPoint, operation;
+        Call call;
+        Lines head, before, after, failed;
+        std::function<std::string(const std::string& pin)> deviceCall;
+    };
+    void expectRenewal(const UnderPin& of, Where where = Where::current());
+
     void forgetSoFar();
+
+    // Where a call puts its answer: canaries in all of `data`, and the length that it is given and leaves behind.
+    void offer(DWORD room);
+    Bytes delivered() const;              // as long as `size` says; fails where a byte behind it was touched
+    bool isOnlyTold(DWORD needed) const;  // the size, and nothing was written
+    Bytes data;
+    DWORD size = 0;
 
     LogReader log;
     DialogRobot robot;
@@ -87,7 +113,8 @@ inline constexpr DWORD UNTOUCHED = 0xCDCDCDCD;
 inline constexpr HCRYPTHASH UNTOUCHED_HANDLE = 0xCDCDCDCDCDCD;
 
 // What the PIN dialog logs when it is shown.
-extern const Lines dialogShown;
+inline const Lines dialogShown = {"DEBUG Password dialog show window", "DEBUG Password dialog show window before",
+                                  "DEBUG Password dialog show window after"};
 
 // What many calls log, and what they ask of the token "T1".
 inline constexpr char VALIDATED[] = "DEBUG PIN already validated -- no need to ask again";
