@@ -156,9 +156,6 @@ TEST_F(CspCipherTest, DecryptsOnTheTokenAndAsksAgainWhenTheSignOnExpired) {
 }
 
 TEST_F(CspCipherTest, AesGoesByKeyLengthAndVector) {
-    const auto upperHex = [](const Bytes& value) {
-        return bytesToHexString(value.data(), static_cast<int>(value.size()));
-    };
     struct {
         int length, chained, plain;
     } const rows[] = {{16, 1, 5}, {24, 2, 6}, {32, 2, 6}};

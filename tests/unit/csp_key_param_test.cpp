@@ -107,11 +107,11 @@ TEST_F(CspKeyParamTest, CertificatesAreFoundByLabelOrAlias) {
                       {"others only", {foreign, longerAlias, noAlias}, std::nullopt},
                       {"by alias", {foreign, byAlias, byLabel}, bytes(5)},
                       {"by label", {foreign, byLabel, byAlias}, bytes(6, 0x40)}};
-    const Lines calls = {"talvik_initDevice(\"T1\", true, null)", "talvik_getCertificateList(\"T1\", null)"};
+    const Lines calls = {"talvik_initDevice(\"T1\", true, null)", CERTIFICATE_LIST};
     scripted::always("talvik_initDevice", {.status = 9});  // no matter
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        scripted::attach({{DEVICE, {scripted::tokenInfo("one"), {pair}, row.certificates, {}}}});
+        attachToken({pair}, row.certificates);
         if (!row.expected) {
             expectFailure(query(KP_CERTIFICATE), NTE_NOT_FOUND,
                           head(KP_CERTIFICATE) + "ERROR CPGetKeyParam - Certificate not found", calls);
@@ -134,10 +134,14 @@ TEST_F(CspKeyParamTest, CertificatesAreFoundByLabelOrAlias) {
     // One that lies about its length counts as its whole field.
     for (const std::uint32_t lie : {3073u, 0xFFFFFFFFu}) {
         byAlias.derLength = lie;
-        scripted::attach({{DEVICE, {scripted::tokenInfo("one"), {}, {byAlias}, {}}}});
+        attachToken({}, {byAlias});
         EXPECT_TRUE(query(KP_CERTIFICATE)());
         EXPECT_TRUE(isOnlyTold(3072));
     }
+    // No label is none in common.
+    csp::keyOf(key)->label[0] = '\0';
+    attachToken({}, {foreign});
+    EXPECT_FALSE(query(KP_CERTIFICATE)());
 }
 
 class CspSetKeyParamTest : public CspKeyParamTest {

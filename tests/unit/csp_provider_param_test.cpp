@@ -14,6 +14,9 @@ Lines head(DWORD param) {
     return {"DEBUG CPGetProvParam", "DEBUG CPGetProvParam input : " + number(param),
             "DEBUG CPGetProvParam : " + number(param)};
 }
+Lines setHead(DWORD param) {
+    return {"DEBUG CPSetProvParam", "DEBUG CPSetProvParam - input param : " + number(param)};
+}
 
 class CspProviderParamTest : public ProviderTest {
   protected:
@@ -161,42 +164,33 @@ TEST_F(CspProviderParamTest, ContainersAreEnumeratedOneByOne) {
     expectFailure(get(PP_ENUMCONTAINERS, 33, CRYPT_FIRST), ERROR_NO_MORE_ITEMS, head(PP_ENUMCONTAINERS) + (end + "0"));
 }
 
-constexpr struct {
-    ALG_ID id;
-    DWORD minimum, maximum, usual, protocols;
-    const char *name, *longName;
-} ALGORITHMS[] = {{0x6602, 40, 128, 128, 0, "RC2", "RSA Data Security's RC2"},
-                  {0x6801, 40, 128, 128, 0, "RC4", "RSA Data Security's RC4"},
-                  {0x6601, 56, 56, 56, 0, "DES", "Data Encryption Standard (DES)"},
-                  {0x6609, 112, 112, 112, 0, "3DES TWO KEY", "Two Key Triple DES"},
-                  {0x6603, 168, 168, 168, 0, "3DES", "Three Key Triple DES"},
-                  {0x8004, 160, 160, 160, 0x20, "SHA-1", "Secure Hash Algorithm (SHA-1)"},
-                  {0x800C, 256, 256, 256, 0x20, "SHA-256", "Secure Hash Algorithm 256 (SHA-256)"},
-                  {0x800D, 384, 384, 384, 0x20, "SHA-384", "Secure Hash Algorithm 384 (SHA-384)"},
-                  {0x800E, 512, 512, 512, 0x20, "SHA-512", "Secure Hash Algorithm 512 (SHA-512)"},
-                  {0x8008, 288, 288, 288, 0, "SSL3 SHAMD5", "SSL3 SHAMD5"},
-                  {0x8005, 0, 0, 0, 0, "MAC", "Message Authentication Code"},
-                  {0x2400, 1024, 4096, 2048, 0x30, "RSA-Sign", "RSA Signature"},
-                  {0xA400, 1024, 4096, 2048, 0x30, "RSA-KeyX", "RSA Key Exchange"},
-                  {0x8009, 0, 0, 0, 0, "HMAC", "Hugo's MAC (HMAC)"},
-                  {0x660E, 128, 128, 128, 0, "AES-128", "Advanced Encryption Standard 128-bit"},
-                  {0x660F, 192, 192, 192, 0, "AES-192", "Advanced Encryption Standard 192-bit"},
-                  {0x6610, 256, 256, 256, 0, "AES-256", "Advanced Encryption Standard 256-bit"}};
+constexpr PROV_ENUMALGS_EX ALGORITHMS[] = {
+    {0x6602, 128, 40, 128, 0, 3, "RC2", 23, "RSA Data Security's RC2"},
+    {0x6801, 128, 40, 128, 0, 3, "RC4", 23, "RSA Data Security's RC4"},
+    {0x6601, 56, 56, 56, 0, 3, "DES", 30, "Data Encryption Standard (DES)"},
+    {0x6609, 112, 112, 112, 0, 12, "3DES TWO KEY", 18, "Two Key Triple DES"},
+    {0x6603, 168, 168, 168, 0, 4, "3DES", 20, "Three Key Triple DES"},
+    {0x8004, 160, 160, 160, 0x20, 5, "SHA-1", 29, "Secure Hash Algorithm (SHA-1)"},
+    {0x800C, 256, 256, 256, 0x20, 7, "SHA-256", 35, "Secure Hash Algorithm 256 (SHA-256)"},
+    {0x800D, 384, 384, 384, 0x20, 7, "SHA-384", 35, "Secure Hash Algorithm 384 (SHA-384)"},
+    {0x800E, 512, 512, 512, 0x20, 7, "SHA-512", 35, "Secure Hash Algorithm 512 (SHA-512)"},
+    {0x8008, 288, 288, 288, 0, 11, "SSL3 SHAMD5", 11, "SSL3 SHAMD5"},
+    {0x8005, 0, 0, 0, 0, 3, "MAC", 27, "Message Authentication Code"},
+    {0x2400, 2048, 1024, 4096, 0x30, 8, "RSA-Sign", 13, "RSA Signature"},
+    {0xA400, 2048, 1024, 4096, 0x30, 8, "RSA-KeyX", 16, "RSA Key Exchange"},
+    {0x8009, 0, 0, 0, 0, 4, "HMAC", 17, "Hugo's MAC (HMAC)"},
+    {0x660E, 128, 128, 128, 0, 7, "AES-128", 36, "Advanced Encryption Standard 128-bit"},
+    {0x660F, 192, 192, 192, 0, 7, "AES-192", 36, "Advanced Encryption Standard 192-bit"},
+    {0x6610, 256, 256, 256, 0, 7, "AES-256", 36, "Advanced Encryption Standard 256-bit"}};
 
-// The record of `algorithm` byte for byte, in its short or its long form.
-template <class Algorithm>
-Bytes recordOf(const Algorithm& algorithm, bool isLong) {
-    Bytes record = words({algorithm.id}) + words({algorithm.usual});
-    const auto name = [&](const std::string& value, std::size_t room) {
-        record = record + words({static_cast<DWORD>(value.size())}) + Bytes(value.begin(), value.end()) +
-                 Bytes(room - value.size());
+// The record in its short or its long form.
+Bytes recordOf(const PROV_ENUMALGS_EX& algorithm, bool isLong) {
+    const auto bytesAt = [](const auto* field, std::size_t length) {
+        return content(reinterpret_cast<const unsigned char*>(field), length);
     };
-    if (isLong)
-        record = record + words({algorithm.minimum}) + words({algorithm.maximum}) + words({algorithm.protocols});
-    name(algorithm.name, 20);
-    if (isLong)
-        name(algorithm.longName, 40);
-    return record;
+    return isLong ? bytesAt(&algorithm, sizeof algorithm)
+                  : words({algorithm.aiAlgid, algorithm.dwDefaultLen, algorithm.dwNameLen}) +
+                        bytesAt(algorithm.szName, sizeof algorithm.szName);
 }
 
 TEST_F(CspProviderParamTest, AlgorithmsAreEnumeratedInBothForms) {
@@ -212,8 +206,8 @@ TEST_F(CspProviderParamTest, AlgorithmsAreEnumeratedInBothForms) {
         for (const auto& algorithm : ALGORITHMS) {
             expectSuccess(get(param, needed + index % 2, flags),
                           start + (std::string("DEBUG CPGetProvParam: returned ") + (isLong ? "EX " : "") +
-                                   "algorithm -> " + algorithm.name));
-            EXPECT_EQ(delivered(), recordOf(algorithm, isLong)) << algorithm.name;
+                                   "algorithm -> " + algorithm.szName));
+            EXPECT_EQ(delivered(), recordOf(algorithm, isLong)) << algorithm.szName;
             flags = nexts[index++ % 4];
         }
         for (const std::size_t past : {17u, 18u})
@@ -236,41 +230,33 @@ TEST_F(CspProviderParamTest, AlgorithmsAreEnumeratedInBothForms) {
 
 TEST_F(CspProviderParamTest, ChainsAreFoundByThePublicKey) {
     const TalvikKeyPair one = scripted::keyPair(0x11), two = scripted::keyPair(0x22);
-    const auto attach = [&](const std::vector<TalvikKeyPair>& keys, const std::vector<Bytes>& ders) {
-        scripted::Token token{scripted::tokenInfo("one"), keys, {}, {}};
-        for (const Bytes& der : ders)
-            token.certificates.push_back(scripted::certificateOf(one, der));
-        scripted::attach({{DEVICE, token}});
-    };
-    const auto modulusOf = [](const TalvikKeyPair& key) { return content(key.modulus, 256); };
-    const auto details = [](const std::string& der) {
-        return "talvik_getCertificateDetails(" + der + ", 1, out, null)";
-    };
-    const Lines lists = {KEY_LIST, "talvik_getCertificateList(\"T1\", null)"};
-    const Lines missing = {"ERROR CPGetProvParam PP_CERTCHAIN: container not found, containerName=" + TWO};
+    const Bytes modulusOne = content(one.modulus, 256), modulusTwo = content(two.modulus, 256);
+    const Lines lists = {KEY_LIST, CERTIFICATE_LIST};
+    const Lines calls = lists + Lines{"talvik_getCertificateDetails(01, 1, out, null)",
+                                      "talvik_getCertificateDetails(02, 1, out, null)"};
+    const std::string missing = "ERROR CPGetProvParam PP_CERTCHAIN: container not found, containerName=" + TWO;
     const auto match = [](const std::string& name) {
         return Lines{"DEBUG Public key match found; container=" + name, "DEBUG [ERROR] Cannot parse leaf cert"};
     };
-    attach({}, {});
+    const auto readAs = [](const scripted::Outcome& first, const scripted::Outcome& second) {
+        scripted::next("talvik_getCertificateDetails", first);
+        scripted::next("talvik_getCertificateDetails", second);
+    };
+    attachToken({});
     expectFailure(get(PP_CERTCHAIN, 200), NTE_NO_KEY, head(9) + missing, lists);
-    attach({one, two}, {{1}, {2}});
-    scripted::next("talvik_getCertificateDetails", {5, modulusOf(two)});
-    scripted::next("talvik_getCertificateDetails", {.output = modulusOf(one)});
-    expectFailure(get(PP_CERTCHAIN, 200), NTE_NO_KEY, head(9) + match(ONE) + missing,
-                  lists + Lines{details("01"), details("02")});
+    attachToken({one, two}, {scripted::certificateOf(one, {1}), scripted::certificateOf(one, {2})});
+    readAs({5, modulusTwo}, {.output = modulusOne});
+    expectFailure(get(PP_CERTCHAIN, 200), NTE_NO_KEY, head(9) + match(ONE) + missing, calls);
     // All of the modulus counts.
-    Bytes almost = modulusOf(two);
+    Bytes almost = modulusTwo;
     almost.back() ^= 1;
-    for (const Bytes& other : {almost, Bytes(almost.begin(), almost.end() - 1)}) {
-        scripted::next("talvik_getCertificateDetails", {.output = other});
-        scripted::next("talvik_getCertificateDetails", {.output = Bytes{}});
-        expectFailure(get(PP_CERTCHAIN, 200), NTE_NO_KEY, head(9) + missing,
-                      lists + Lines{details("01"), details("02")});
+    for (const Bytes& other : {almost, cut(almost, 255)}) {
+        readAs({.output = other}, {.output = Bytes{}});
+        expectFailure(get(PP_CERTCHAIN, 200), NTE_NO_KEY, head(9) + missing, calls);
     }
-    scripted::next("talvik_getCertificateDetails", {.output = almost});
-    scripted::next("talvik_getCertificateDetails", {.output = modulusOf(two)});
+    readAs({.output = almost}, {.output = modulusTwo});
     expectFailure(get(PP_CERTCHAIN, 200), NTE_BAD_KEY, head(9) + match(TWO) + "ERROR Failed creating leaf certificate",
-                  lists + Lines{details("01"), details("02")});
+                  calls);
     EXPECT_EQ(size, 200u);
 }
 
@@ -292,8 +278,7 @@ TEST_F(CspProviderParamTest, Refusals) {
     }
     for (const DWORD param : {0u, 2u, 31u, 34u, 37u, 39u, 0xFFFFFFFFu})
         expectFailure(set(param, "1234"), NTE_BAD_TYPE,
-                      {"DEBUG CPSetProvParam", "DEBUG CPSetProvParam - input param : " + number(param),
-                       "ERROR CPSetProvParam: unsupported dwParam=" + number(param)});
+                      setHead(param) + ("ERROR CPSetProvParam: unsupported dwParam=" + number(param)));
     for (const DWORD param : {PP_NAME, PP_KEYSPEC, PP_ENUMALGS, PP_CERTCHAIN})
         expectFailure(refused(prov, param), ERROR_INVALID_PARAMETER,
                       head(param) + "ERROR CPGetProvParam: pcbDataLen is null");
@@ -302,11 +287,10 @@ TEST_F(CspProviderParamTest, Refusals) {
 TEST_F(CspProviderParamTest, ThePinIsValidatedAndKept) {
     const std::string longPin(300, '7');
     for (const DWORD param : {PP_KEYEXCHANGE_PIN, PP_SIGNATURE_PIN}) {
-        const Lines start = {"DEBUG CPSetProvParam", "DEBUG CPSetProvParam - input param : " + number(param)};
         clearDevicePassword(DEVICE);
         for (const std::string& pin : {std::string("1234"), std::string(), longPin, std::string("5678")}) {
-            const Lines calls = {"talvik_validatePassword(\"T1\", \"" + pin + "\", 1, 0, null)"};
-            const Lines lines = start + ("DEBUG CPSetProvParam - passwordLength : " + number(pin.size()));
+            const Lines calls = {validation(pin)};
+            const Lines lines = setHead(param) + ("DEBUG CPSetProvParam - passwordLength : " + number(pin.size()));
             const std::string before = getDevicePassword(DEVICE).c_str();
             scripted::next("talvik_validatePassword", {.status = 5, .length = 2});
             expectFailure(set(param, pin.c_str()), NTE_KEYSET_ENTRY_BAD,
@@ -315,29 +299,27 @@ TEST_F(CspProviderParamTest, ThePinIsValidatedAndKept) {
             expectSuccess(set(param, pin.c_str()), lines, calls);
             EXPECT_EQ(getDevicePassword(DEVICE).c_str(), pin);
         }
-        expectFailure(set(param, nullptr), ERROR_INVALID_PARAMETER, start + "ERROR CPSetProvParam: NULL PIN data");
+        expectFailure(set(param, nullptr), ERROR_INVALID_PARAMETER,
+                      setHead(param) + "ERROR CPSetProvParam: NULL PIN data");
     }
     EXPECT_THAT(robot.finish(), IsEmpty());
 }
 
 TEST_F(CspProviderParamTest, WindowAndRandomSource) {
-    const auto start = [](DWORD param) {
-        return Lines{"DEBUG CPSetProvParam", "DEBUG CPSetProvParam - input param : " + number(param)};
-    };
     const std::uint64_t window = 0x1122334455667788;
     const auto& context = *reinterpret_cast<csp::CspContext*>(prov);
-    expectSuccess(set(PP_CLIENT_HWND, &window), start(1));
+    expectSuccess(set(PP_CLIENT_HWND, &window), setHead(1));
     EXPECT_EQ(context.clientWindow, window);
-    expectSuccess(set(PP_CLIENT_HWND, nullptr), start(1));
+    expectSuccess(set(PP_CLIENT_HWND, nullptr), setHead(1));
     EXPECT_EQ(context.clientWindow, 0u);
     for (const auto& [given, kept] : {std::pair<DWORD, DWORD>{5, 1}, {0, 0}, {0x80000000, 1}}) {
         expectSuccess(set(PP_USE_HARDWARE_RNG, &given),
-                      start(38) + ("DEBUG CPSetProvParam: PP_USE_HARDWARE_RNG set to " + number(kept)));
+                      setHead(38) + ("DEBUG CPSetProvParam: PP_USE_HARDWARE_RNG set to " + number(kept)));
         EXPECT_TRUE(get(PP_USE_HARDWARE_RNG, 4)());
         EXPECT_EQ(delivered(), words({kept}));
     }
     expectFailure(set(PP_USE_HARDWARE_RNG, nullptr), ERROR_INVALID_PARAMETER,
-                  start(38) + "ERROR CPSetProvParam: NULL data for PP_USE_HARDWARE_RNG");
+                  setHead(38) + "ERROR CPSetProvParam: NULL data for PP_USE_HARDWARE_RNG");
 }
 
 TEST_F(CspProviderParamTest, RandomBytesComeFromTheChosenSource) {

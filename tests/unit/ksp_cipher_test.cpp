@@ -126,9 +126,6 @@ TEST_F(KspCipher, UsesTheAesKeyOfTheHandle) {
         int encryption;
     } const rows[] = {{16, false, true, 1}, {24, false, true, 2}, {32, false, true, 2}, {32, false, false, 2},
                       {16, true, true, 5},  {24, true, true, 6},  {32, true, false, 6}};
-    const auto upperHex = [](const Bytes& value) {
-        return bytesToHexString(value.data(), static_cast<int>(value.size()));
-    };
     for (const auto& row : rows) {
         const NCRYPT_KEY_HANDLE key = aesKey(row.length);
         const std::string mode = row.ecb ? " ECB mode" : " CBC mode";

@@ -132,29 +132,26 @@ TEST_F(KspKeys, RefusesWhatIsMissing) {
     expect(ERROR_SUCCESS, "KSPFreeKey", [&] { return ksp.FreeKey(0, 0); });
 }
 
-struct Creation {
-    const wchar_t* algorithm;
-    DWORD keySpec;
-    DWORD length;  // set as a property; 0: not set
-    std::uint32_t requestedType, requestedUsage;
-    DWORD lengthThen;
-};
-constexpr Creation creations[] = {{L"RSA", AT_SIGNATURE, 0, 2, 1, 2048},
-                                  {L"RSA", 0, 1024, 1, 1, 1024},
-                                  {L"RSA", AT_KEYEXCHANGE, 3072, 3, 2, 3072},
-                                  {L"RSA", AT_KEYEXCHANGE, 4096, 4, 2, 4096},
-                                  {L"RSA", 0, 2048, 2, 1, 2048},
-                                  {L"RSA", 0, 512, 2, 1, 512},
-                                  {L"ECDSA_P256", AT_KEYEXCHANGE, 0, 5, 1, 256},
-                                  {L"ECDSA_P384", 0, 0, 6, 1, 384},
-                                  {L"ECDSA_P521", 0, 0, 7, 1, 521}};
-
 TEST_F(KspKeys, MakesAKeyOnTheTokenOnceItIsFinalized) {
     open();
     setDevicePassword(DEVICE, PIN);
     const TalvikKeyPair made = scripted::keyPair(0xCD, 0, 0);
     scripted::generates(made);
-    for (const Creation& row : creations) {
+    struct {
+        const wchar_t* algorithm;
+        DWORD keySpec, length;  // set as a property; 0: not set
+        std::uint32_t requestedType, requestedUsage;
+        DWORD lengthThen;
+    } const rows[] = {{L"RSA", AT_SIGNATURE, 0, 2, 1, 2048},
+                      {L"RSA", 0, 1024, 1, 1, 1024},
+                      {L"RSA", AT_KEYEXCHANGE, 3072, 3, 2, 3072},
+                      {L"RSA", AT_KEYEXCHANGE, 4096, 4, 2, 4096},
+                      {L"RSA", 0, 2048, 2, 1, 2048},
+                      {L"RSA", 0, 512, 2, 1, 512},
+                      {L"ECDSA_P256", AT_KEYEXCHANGE, 0, 5, 1, 256},
+                      {L"ECDSA_P384", 0, 0, 6, 1, 384},
+                      {L"ECDSA_P521", 0, 0, 7, 1, 521}};
+    for (const auto& row : rows) {
         SCOPED_TRACE(row.requestedType * 10000 + row.length);
         NCRYPT_KEY_HANDLE handle = 0;
         expect(ERROR_SUCCESS, "KSPCreatePersistedKey",
@@ -324,7 +321,7 @@ TEST_F(KspKeys, TakesTheChainingModeByName) {
     expectSet(set(nullptr, 32));
     expectSet(set(L"ChainingModeCBC", 0));
     for (const wchar_t* other : {L"ChainingModeGCM", L"", L"ChainingModeCBC ", L"ChainingModeEC", L"chainingmodecbc"})
-        expectRefused("KSPSetKeyProperty", {{set(other, 2), NTE_NOT_SUPPORTED, "KSP: Unsupported chaining mode"}});
+        expectRefused("KSPSetKeyProperty", set(other, 2), NTE_NOT_SUPPORTED, "KSP: Unsupported chaining mode");
     EXPECT_EQ(mode(), utf16(L"ChainingModeECB"));
     expectSet(set(L"ChainingModeCBC", 1), {"DEBUG KSP: Chaining mode set to CBC"});
     EXPECT_EQ(mode(), utf16(L"ChainingModeCBC"));
@@ -343,9 +340,8 @@ TEST_F(KspKeys, SetsTheVectorThatAllKeysShare) {
     const std::tuple<NCRYPT_KEY_HANDLE, DWORD, DWORD> rows[] = {
         {aesKey(16), 16, 8}, {aesKey(32), 16, 17}, {aesKey(24), 8, 16}};
     for (const auto& [key, right, wrong] : rows) {
-        expectRefused("KSPSetKeyProperty",
-                      {{set(key, wrong), NTE_INVALID_PARAMETER,
-                        "KSP: IV size mismatch: got " + number(wrong) + ", expected " + number(right)}});
+        expectRefused("KSPSetKeyProperty", set(key, wrong), NTE_INVALID_PARAMETER,
+                      "KSP: IV size mismatch: got " + number(wrong) + ", expected " + number(right));
         expectSet(set(key, right), {"DEBUG KSP: IV set, size: " + number(right)});
         EXPECT_EQ(shared(), right);
         expectSet(set(key, 0), {"DEBUG KSP: IV cleared"});
@@ -361,13 +357,10 @@ TEST_F(KspKeys, FindsItsCertificateByAliasAndElseByPublicKey) {
     byKey.derLength = 0xFFFFFFFF;  // counts as the whole field
     const TalvikCertificate byAlias = scripted::certificateOf(record, bytes(9));
     const Bytes modulus = content(record.modulus, 256), wrong = filled(256, 0xAB);
-    const auto attach = [&](const std::vector<TalvikCertificate>& certificates) {
-        scripted::attach({{DEVICE, {scripted::tokenInfo("one"), {record}, certificates, {}}}});
-    };
-    attach({});
+    attachToken({record}, {});
     open();
     const NCRYPT_KEY_HANDLE key = openKey(hProv, record);
-    const Lines calls = {"talvik_initDevice(\"T1\", true, null)", "talvik_getCertificateList(\"T1\", null)"};
+    const Lines calls = {"talvik_initDevice(\"T1\", true, null)", CERTIFICATE_LIST};
     size = UNTOUCHED;
     const Act query = [&] { return ksp.GetKeyProperty(hProv, key, L"SmartCardKeyCertificate", nullptr, 0, &size, 0); };
     const Lines refused = {"DEBUG KSP: GetKeyProperty: SmartCardKeyCertificate",
@@ -375,11 +368,11 @@ TEST_F(KspKeys, FindsItsCertificateByAliasAndElseByPublicKey) {
     expect(NTE_NOT_FOUND, "KSPGetKeyProperty", query, refused, calls);
     EXPECT_EQ(size, UNTOUCHED);
 
-    attach({byKey, byAlias});
+    attachToken({record}, {byKey, byAlias});
     expect(ERROR_SUCCESS, "KSPGetKeyProperty", query, {refused[0]}, calls);
     EXPECT_EQ(readKeyProperty(key, L"SmartCardKeyCertificate"), bytes(9));
 
-    attach({byKey});
+    attachToken({record}, {byKey});
     scripted::always("talvik_getCertificateDetails", {.output = modulus});
     EXPECT_EQ(readKeyProperty(key, L"SmartCardKeyCertificate").size(), 3072u);
     for (const scripted::Outcome& outcome : {scripted::Outcome{1, modulus}, {.output = wrong}, {.output = Bytes{}}}) {
@@ -388,7 +381,7 @@ TEST_F(KspKeys, FindsItsCertificateByAliasAndElseByPublicKey) {
     }
     // An empty alias is that of any certificate that has none either.
     keyOf(key)->keyAliasLength = byKey.keyAliasLength = 0;
-    attach({byKey, byAlias});
+    attachToken({record}, {byKey, byAlias});
     EXPECT_EQ(readKeyProperty(key, L"SmartCardKeyCertificate").size(), 3072u);
 }
 
@@ -398,12 +391,12 @@ TEST_F(KspKeys, StoresACertificateOfAtMostTheRecordsRoom) {
     const auto store = [&](const BYTE* from, DWORD length) {
         return setting(key, L"SmartCardKeyCertificate", from, length);
     };
-    const std::string empty = "KSPSetKeyProperty: NCRYPT_CERTIFICATE_PROPERTY pbInput is null or empty";
-    const std::string tooLarge = "KSPSetKeyProperty: NCRYPT_CERTIFICATE_PROPERTY certificate too large";
-    expectRefused("KSPSetKeyProperty", {{store(nullptr, 5), NTE_INVALID_PARAMETER, empty},
-                                        {store(der.data(), 0), NTE_INVALID_PARAMETER, empty},
-                                        {store(der.data(), 3073), NTE_INVALID_PARAMETER, tooLarge},
-                                        {store(der.data(), 0xFFFFFFFF), NTE_INVALID_PARAMETER, tooLarge}});
+    for (const Act& act : {store(nullptr, 5), store(der.data(), 0)})
+        expectRefused("KSPSetKeyProperty", act, NTE_INVALID_PARAMETER,
+                      "KSPSetKeyProperty: NCRYPT_CERTIFICATE_PROPERTY pbInput is null or empty");
+    for (const DWORD length : {3073u, 0xFFFFFFFFu})
+        expectRefused("KSPSetKeyProperty", store(der.data(), length), NTE_INVALID_PARAMETER,
+                      "KSPSetKeyProperty: NCRYPT_CERTIFICATE_PROPERTY certificate too large");
     const auto call = [](const Bytes& stored) {
         return Lines{"talvik_importCertificate(\"T1\", \"1234\", {keyId=" + KEY_ID + " der=" + hex(stored) + "/" +
                      number(stored.size()) + " keyAlias=ab/1 label=\"label 171\"}, null)"};

@@ -44,9 +44,7 @@ NCRYPT_KEY_HANDLE KspTest::openKey(NCRYPT_PROV_HANDLE provider, const TalvikKeyP
 }
 
 NCRYPT_KEY_HANDLE KspTest::aesKey(std::size_t length) {
-    Bytes blob = {0x4B, 0x44, 0x42, 0x4D, 1, 0, 0, 0, static_cast<unsigned char>(length), 0, 0, 0};
-    for (const unsigned char byte : bytes(length, 0xA0))
-        blob.push_back(byte);
+    Bytes blob = words({BCRYPT_KEY_DATA_BLOB_MAGIC, 1, static_cast<DWORD>(length)}) + bytes(length, 0xA0);
     NCRYPT_KEY_HANDLE key = 0;
     EXPECT_EQ(ksp.ImportKey(hProv, 0, L"KeyDataBlob", nullptr, &key, blob.data(), static_cast<DWORD>(blob.size()), 0),
               ERROR_SUCCESS);
@@ -79,11 +77,10 @@ void KspTest::expectError(const Act& act, SECURITY_STATUS status, const std::str
     EXPECT_EQ((Lines{""} + log.entries()).back(), lastLine);
 }
 
-void KspTest::expectRefused(const std::string& entryPoint, const std::vector<KspRefusal>& refusals, Where where) {
-    for (const KspRefusal& refusal : refusals) {
-        SCOPED_TRACE(refusal.text);
-        expect(refusal.status, entryPoint, refusal.act, {"ERROR " + refusal.text}, {}, where);
-    }
+void KspTest::expectRefused(const std::string& entryPoint, const Act& act, SECURITY_STATUS status,
+                            const std::string& text, Where where) {
+    SCOPED_TRACE(text);
+    expect(status, entryPoint, act, {"ERROR " + text}, {}, where);
 }
 
 void KspTest::expectPinHandling(const UnderPin& of, Where where) {

@@ -39,20 +39,15 @@ class KspTest : public ProviderTest {
     void expectError(const Act& act, SECURITY_STATUS status, const std::string& lastLine,
                      Where where = Where::current());
 
-    // Refusals without a device call: one ERROR line, the last.
-    struct KspRefusal {
-        Act act;
-        SECURITY_STATUS status;
-        std::string text;
-    };
-    void expectRefused(const std::string& entryPoint, const std::vector<KspRefusal>& refusals,
+    // A refusal without a device call: one ERROR line, the last. The second is to be called with the status, the text
+    // and the arguments that are refused.
+    void expectRefused(const std::string& entryPoint, const Act& act, SECURITY_STATUS status, const std::string& text,
                        Where where = Where::current());
-
-    // The same for one entry point: called with the status, the text and the arguments that are refused.
     template <class... Parameters>
     auto refusalsOf(const std::string& entryPoint, SECURITY_STATUS(WINAPI* function)(Parameters...)) {
         return [=, this](SECURITY_STATUS status, const std::string& text, Parameters... arguments) {
-            expect(status, entryPoint, [=] { return function(arguments...); }, {"ERROR " + text});
+            expectRefused(
+                entryPoint, [=] { return function(arguments...); }, status, text);
         };
     }
 
