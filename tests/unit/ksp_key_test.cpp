@@ -159,8 +159,9 @@ TEST_F(KspKeys, MakesAKeyOnTheTokenOnceItIsFinalized) {
                {"DEBUG KSP: Key object created, waiting for FinalizeKey"});
         keep(handle);
         EXPECT_EQ(readKeyProperty(handle, L"Name"), utf16(std::wstring(32, L'0')));
-        if (row.length != 0)
+        if (row.length != 0) {
             EXPECT_EQ(setting(handle, L"Length", &row.length, 4)(), ERROR_SUCCESS);
+        }
         const Act finalize = [&] { return ksp.FinalizeKey(hProv, handle, 0); };
         const Lines calls = {"talvik_generateKeyPair(\"T1\", \"1234\", {keyId=" + std::string(32, '0') + " usage=" +
                              number(row.requestedUsage) + " keyType=" + number(row.requestedType) + "}, null)"};
