@@ -69,14 +69,14 @@ class CertificateChainTest : public ProviderTest {
             chain.push_back(token[index]);
         return chain;
     }
-    BOOL build(const std::vector<std::size_t>& chain, TokenCertificates& held, BYTE* buffer) {
-        forgetSoFar();
-        SetLastError(UNTOUCHED_ERROR);
-        return BuildCertificateChain(chain, held, buffer, &size);
+    Call building(const std::vector<std::size_t>& chain, TokenCertificates& held, DWORD room, bool hasBuffer = true) {
+        return [=, this, &held] {
+            offer(room);
+            return BuildCertificateChain(chain, held, hasBuffer ? data.data() : nullptr, &size);
+        };
     }
 
     const Certificates& of = certificates();
-    DWORD size = 0;
 };
 
 TEST_F(CertificateChainTest, OrdersLeafToRootWhateverTheTokensOrder) {
@@ -86,7 +86,6 @@ TEST_F(CertificateChainTest, OrdersLeafToRootWhateverTheTokensOrder) {
         const auto leaf = std::find(token.begin(), token.end(), of.leaf) - token.begin();
         ASSERT_EQ(ordered(token, static_cast<std::size_t>(leaf)), Chain({of.leaf, of.intermediate, of.root}));
     } while (std::next_permutation(token.begin(), token.end()) && !HasFailure());
-    EXPECT_EQ(ordered({of.leaf, of.intermediate, of.root}, 0).size(), 3u);
     EXPECT_EQ(log.entries(), Lines({ROOT_FOUND}));
 }
 
@@ -137,26 +136,18 @@ TEST_F(CertificateChainTest, EncodesBySizeRule) {
     EXPECT_EQ(chain, std::vector<std::size_t>({1, 0, 2}));
     const CERT_CONTEXT* const decoded[] = {held.decoded(0), held.decoded(1), held.decoded(2)};
 
-    size = UNTOUCHED;
-    EXPECT_TRUE(build(chain, held, nullptr));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_MORE_DATA));
+    EXPECT_TRUE(building(chain, held, UNTOUCHED, false)());
     const DWORD needed = size;
     EXPECT_THAT(needed, AllOf(Gt(of.root.size() + of.intermediate.size() + of.leaf.size()), Lt(4096u)));
-    Bytes message = filled(needed + 8, 0xCD);
     for (const DWORD room : {DWORD{0}, DWORD{1}, needed - 1}) {
-        size = room;
-        EXPECT_TRUE(build(chain, held, message.data()));
-        EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_MORE_DATA));
-        EXPECT_EQ(size, needed);
-        EXPECT_EQ(message, filled(needed + 8, 0xCD));
+        expectOutcome(building(chain, held, room), TRUE, ERROR_MORE_DATA, {});
+        EXPECT_TRUE(isOnlyTold(needed));
     }
     for (const DWORD room : {needed, needed + 1}) {
-        size = room;
-        EXPECT_TRUE(build(chain, held, message.data()));
+        EXPECT_TRUE(building(chain, held, room)());
         EXPECT_EQ(size, needed);
-        EXPECT_EQ(Bytes(message.begin() + needed, message.end()), filled(8, 0xCD));
-        EXPECT_THAT(log.entries(), IsEmpty());
     }
+    const Bytes message = delivered();
     for (const Bytes& der : {of.root, of.intermediate, of.leaf})
         EXPECT_NE(std::search(message.begin(), message.end(), der.begin(), der.end()), message.end());
     // Each certificate was decoded once, and is still.
@@ -165,22 +156,12 @@ TEST_F(CertificateChainTest, EncodesBySizeRule) {
 
 TEST_F(CertificateChainTest, RefusesWhatIsNoChain) {
     TokenCertificates held = on({GARBAGE, of.root});
-    BYTE buffer[8];
-    const struct {
-        std::vector<std::size_t> chain;
-        long error;
-        const char* text;
-    } rows[] = {{{}, NTE_NO_KEY, "ERROR Certificate Is Empty"},
-                {{0, 1}, NTE_BAD_KEY, "ERROR Failed creating leaf certificate"}};
-    for (const auto& row : rows) {
-        size = 8;
-        EXPECT_FALSE(build(row.chain, held, buffer));
-        EXPECT_EQ(GetLastError(), static_cast<DWORD>(row.error));
-        EXPECT_EQ(log.entries(), Lines({row.text}));
-        EXPECT_EQ(size, 8u);
-    }
+    expectFailure(building({}, held, 8), NTE_NO_KEY, {"ERROR Certificate Is Empty"});
+    EXPECT_TRUE(isOnlyTold(8));
+    expectFailure(building({0, 1}, held, 8), NTE_BAD_KEY, {"ERROR Failed creating leaf certificate"});
+    EXPECT_TRUE(isOnlyTold(8));
     // Beside the leaf, what does not decode is left out.
-    EXPECT_TRUE(build({1, 0}, held, nullptr));
+    EXPECT_TRUE(building({1, 0}, held, 0, false)());
 }
 
 }  // namespace

@@ -41,7 +41,7 @@ class CspCipherTest : public ProviderTest {
             return CPDecrypt(prov, handle(), 99, FALSE, 7, data.data(), &size);
         };
     }
-    Bytes delivered() const { return {data.begin(), data.begin() + size}; }
+    Bytes answered() const { return {data.begin(), data.begin() + size}; }
     bool isInputIntact() const {
         return std::equal(INPUT.begin(), INPUT.end(), data.begin()) && isUntouchedFrom(INPUT.size());
     }
@@ -51,45 +51,34 @@ class CspCipherTest : public ProviderTest {
 
     csp::KEY_HANDLE key;
     HCRYPTPROV prov;
-    Bytes data;
-    DWORD size = 0;
 
   private:
     void fill(DWORD inputSize) {
-        data = filled(1200, 0xCD);
+        offer(inputSize);
         std::copy(INPUT.begin(), INPUT.end(), data.begin());
-        size = inputSize;
     }
 };
 
 // The mechanism compares bytes with bits: no real key's length meets it, so the rows that do have made-up ones.
 TEST_F(CspCipherTest, EncryptsWithThePublicKeyInTheCallersByteOrder) {
-    struct {
-        std::uint32_t publicKeyLen;
-        int mechanism;
-    } const rows[] = {{128, 8}, {256, 8}, {384, 8}, {512, 8}, {550, 8}, {1024, 7}};
     const Bytes ciphertext = bytes(256);
-    for (const auto& row : rows) {
-        for (const bool isDer : {false, true}) {
-            for (const auto& [flags, padding] :
-                 {std::pair<DWORD, int>{0, 1}, {CRYPT_OAEP, 4}, {CRYPT_OAEP | 0x80, 4}, {0x80, 1}}) {
+    scripted::always("talvik_encrypt", {.output = ciphertext});
+    for (const auto& [length, mechanism] : {std::pair<DWORD, int>{128, 8}, {256, 8}, {512, 8}, {550, 8}, {1024, 7}})
+        for (const bool isDer : {false, true})
+            for (const auto& [flags, padding] : {std::pair<DWORD, int>{0, 1}, {CRYPT_OAEP | 0x80, 4}, {0x80, 1}}) {
                 key.publicKey[0] = isDer ? 0x30 : 0xC1;
-                key.publicKeyLen = row.publicKeyLen;
-                const Bytes held(key.publicKey, key.publicKey + row.publicKeyLen);
+                key.publicKeyLen = length;
+                const Bytes held = content(key.publicKey, length);
                 const Bytes der = isDer ? held : buildRsaPublicKeyDer(hex(held), "010001");
-                scripted::next("talvik_encrypt", {.output = ciphertext});
                 expectSuccess(encrypting(256, flags),
                               {"DEBUG CPEncrypt",
                                isDer ? "DEBUG CSP: Public key is already DER encoded"
                                      : "DEBUG CSP: Public key is raw modulus, converting to DER",
                                "DEBUG CPEncrypt - return success"},
-                              {"talvik_encrypt(" + number(row.mechanism) + ", " + number(padding) + ", " + hex(INPUT) +
+                              {"talvik_encrypt(" + number(mechanism) + ", " + number(padding) + ", " + hex(INPUT) +
                                ", 20, out, 0, " + hex(der) + ", " + number(der.size()) + ", null)"});
                 EXPECT_EQ(delivered(), reversed(ciphertext));
-                EXPECT_TRUE(isUntouchedFrom(256));
             }
-        }
-    }
 }
 
 TEST_F(CspCipherTest, SizeQueriesAndShortBuffersGoByTheKeysBits) {
@@ -140,16 +129,14 @@ TEST_F(CspCipherTest, DecryptsOnTheTokenAndAsksAgainWhenTheSignOnExpired) {
     };
     const Lines head = {"DEBUG CPDecrypt", "DEBUG CPDecrypt - dwFlags : 7",
                         "DEBUG CPDecrypt - key id : ABABABABABABABABABABABABABABABAB", "DEBUG CPDecrypt - usage : 3"};
-    const Lines before = head + Lines{VALIDATED, "DEBUG Before reversing encrypted data",
-                                      "DEBUG After reversing encrypted data", "DEBUG Before decrypting data"};
-    const Lines expired =
-        before + Lines{"DEBUG CPDecrypt: SSO expired, re-prompting for PIN", NOT_VALIDATED} + dialogShown;
+    const Lines turning = {"DEBUG Before reversing encrypted data", "DEBUG After reversing encrypted data",
+                           "DEBUG Before decrypting data"};
+    const Lines before = head + VALIDATED + turning;
     const Lines after = {"DEBUG After decrypting data", "DEBUG CPDecrypt- return"};
-
     for (const std::size_t length : {9u, 0u, 20u}) {
         scripted::next("talvik_decrypt", {.output = bytes(length, 0x41)});
         expectSuccess(decrypting(), before + after, {call("1234")});
-        EXPECT_EQ(delivered(), bytes(length, 0x41));
+        EXPECT_EQ(answered(), bytes(length, 0x41));
         EXPECT_TRUE(isUntouchedFrom(20));
     }
     scripted::next("talvik_decrypt", {.output = bytes(21)});
@@ -164,25 +151,8 @@ TEST_F(CspCipherTest, DecryptsOnTheTokenAndAsksAgainWhenTheSignOnExpired) {
                       {call("1234")});
         EXPECT_TRUE(isInputIntact());
     }
-    scripted::next("talvik_decrypt", {.status = 49});
-    scripted::next("talvik_decrypt", {.output = bytes(9)});
-    robot.enters("5678");
-    expectSuccess(decrypting(), expired + after, {call("1234"), TOKEN_INFO, validation("5678"), call("5678")});
-    scripted::always("talvik_decrypt", {.status = 49});
-    robot.enters("5678");
-    expectFailure(decrypting(), NTE_PROVIDER_DLL_FAIL, expired + Lines{after[0], "ERROR Decrypt data failed : 49"},
-                  {call("5678"), TOKEN_INFO, validation("5678"), call("5678")});
-    robot.cancels();
-    expectFailure(decrypting(), NTE_FAIL,
-                  expired + Lines{"DEBUG User cancelled password dialog", "ERROR Password validation failed",
-                                  "ERROR CPDecrypt: ensurePasswordValidated failed after SSO expiry"},
-                  {call("5678"), TOKEN_INFO});
-    robot.cancels();
-    expectFailure(decrypting(), NTE_FAIL,
-                  head + NOT_VALIDATED + dialogShown +
-                      Lines{"DEBUG User cancelled password dialog", "ERROR Password validation failed",
-                            "ERROR CPDecrypt: ensurePasswordValidated failed"},
-                  {TOKEN_INFO});
+    expectRenewal({"CPDecrypt", "talvik_decrypt", decrypting(), head, turning, after,
+                   Lines{after[0], "ERROR Decrypt data failed : 49"}, call});
 }
 
 TEST_F(CspCipherTest, AesGoesByKeyLengthAndVector) {
@@ -192,12 +162,10 @@ TEST_F(CspCipherTest, AesGoesByKeyLengthAndVector) {
     for (const auto& row : rows) {
         for (const std::size_t ivLength : {0u, 8u, 16u}) {
             useAes(row.length);
-            setSharedIv(filled(ivLength, 0x1F));
-            const std::string value = hex(bytes(static_cast<std::size_t>(row.length)));
-            const std::string iv = ivLength != 0 ? hex(filled(ivLength, 0x1F)) : "null";
-            const std::string upperIv =
-                ivLength != 0 ? talvik::bytesToHexString(filled(ivLength, 0x1F).data(), static_cast<int>(ivLength))
-                              : "";
+            const Bytes vector = filled(ivLength, 0x1F);
+            setSharedIv(vector);
+            const Bytes bare = bytes(static_cast<std::size_t>(row.length));
+            const std::string value = hex(bare), iv = ivLength != 0 ? hex(vector) : "null";
             scripted::next("talvik_encrypt_aes", {.output = bytes(32)});
             expectSuccess(encrypting(32),
                           {"DEBUG CPEncrypt", "DEBUG CPEncrypt: symmetric encryption, keyLen=" + number(row.length),
@@ -206,17 +174,16 @@ TEST_F(CspCipherTest, AesGoesByKeyLengthAndVector) {
                            value + ", " + number(row.length) + ", " + hex(INPUT) + ", 20, out, out, false, " + iv +
                            ", " + number(ivLength) + ", null, 0, null)"});
             EXPECT_EQ(delivered(), bytes(32));
-            EXPECT_TRUE(isUntouchedFrom(32));
 
             scripted::next("talvik_decryptSymetric", {.output = Bytes{0xAB, 0x0C}});
             expectSuccess(decrypting(),
                           {"DEBUG CPDecrypt", "DEBUG CPDecrypt - dwFlags : 7", "DEBUG CPDecrypt - key id : ",
-                           "DEBUG CPDecrypt - usage : 0", "DEBUG CPDecrypt input iv : " + upperIv,
-                           "DEBUG CPDecrypt input key : " + talvik::bytesToHexString(bytes(32).data(), row.length),
-                           "DEBUG CPDecrypt - decrypted data : AB0C", "DEBUG CPDecrypt- return"},
+                           "DEBUG CPDecrypt - usage : 0", "DEBUG CPDecrypt input iv : " + upperHex(vector),
+                           "DEBUG CPDecrypt input key : " + upperHex(bare), "DEBUG CPDecrypt - decrypted data : AB0C",
+                           "DEBUG CPDecrypt- return"},
                           {"talvik_decryptSymetric(\"T1\", " + hex(INPUT) + ", 20, out, 20, " + iv + ", " +
                            number(ivLength) + ", " + value + ", " + number(row.length) + ", null)"});
-            EXPECT_EQ(delivered(), Bytes({0xAB, 0x0C}));
+            EXPECT_EQ(answered(), Bytes({0xAB, 0x0C}));
             EXPECT_TRUE(isUntouchedFrom(20));
         }
     }
@@ -250,28 +217,23 @@ TEST_F(CspCipherTest, AesNeedsNoToken) {
 TEST_F(CspCipherTest, Refusals) {
     DWORD length = 20;
     BYTE some[256] = {};
-    const auto encrypt = [&](HCRYPTPROV context, HCRYPTKEY with, DWORD* count) {
-        return [=, &some] { return CPEncrypt(context, with, 0, TRUE, 0, some, count, 256); };
-    };
-    const auto decrypt = [&](HCRYPTPROV context, HCRYPTKEY with, BYTE* from, DWORD* count) {
-        return [=] { return CPDecrypt(context, with, 0, TRUE, 0, from, count); };
-    };
     const std::string noContext = ": context is null or not initialized", noKey = ": key handle is null";
-    expectRefusals("CPEncrypt",
-                   {{encrypt(0, 0, nullptr), ERROR_INVALID_PARAMETER, "CPEncrypt: pcbDataLen is null"},
-                    {encrypt(0, 0, &length), NTE_BAD_UID, "CPEncrypt" + noContext},
-                    {encrypt(invalid, handle(), &length), NTE_BAD_UID, "CPEncrypt" + noContext},
-                    {encrypt(prov, 0, &length), NTE_BAD_KEY, "CPEncrypt" + noKey},
-                    {encrypting(256, 0, 0), NTE_BAD_LEN, "Invalid data length for encrypt: 0"},
-                    {encrypting(256, 0, 0x80000000), NTE_BAD_LEN, "Invalid data length for encrypt: 2147483648"}});
-    expectRefusals("CPDecrypt",
-                   {{decrypt(0, 0, some, nullptr), NTE_BAD_UID, "CPDecrypt" + noContext},
-                    {decrypt(invalid, handle(), some, &length), NTE_BAD_UID, "CPDecrypt" + noContext},
-                    {decrypt(prov, 0, some, nullptr), NTE_BAD_KEY, "CPDecrypt" + noKey},
-                    {decrypt(prov, handle(), some, nullptr), ERROR_INVALID_PARAMETER, "CPDecrypt: pcbDataLen is null"},
-                    {decrypt(prov, handle(), nullptr, &length), NTE_BAD_DATA, "Invalid data length for decrypt : 20"},
-                    {decrypting(0), NTE_BAD_DATA, "Invalid data length for decrypt : 0"},
-                    {decrypting(0xFFFFFFFF), NTE_BAD_DATA, "Invalid data length for decrypt : 4294967295"}});
+    const auto encrypt = refusalsOf("CPEncrypt", CPEncrypt);
+    encrypt(ERROR_INVALID_PARAMETER, "CPEncrypt: pcbDataLen is null", 0, 0, 0, TRUE, 0, some, nullptr, 256);
+    encrypt(NTE_BAD_UID, "CPEncrypt" + noContext, 0, 0, 0, TRUE, 0, some, &length, 256);
+    encrypt(NTE_BAD_UID, "CPEncrypt" + noContext, invalid, handle(), 0, TRUE, 0, some, &length, 256);
+    encrypt(NTE_BAD_KEY, "CPEncrypt" + noKey, prov, 0, 0, TRUE, 0, some, &length, 256);
+    const auto decrypt = refusalsOf("CPDecrypt", CPDecrypt);
+    decrypt(NTE_BAD_UID, "CPDecrypt" + noContext, 0, 0, 0, TRUE, 0, some, nullptr);
+    decrypt(NTE_BAD_UID, "CPDecrypt" + noContext, invalid, handle(), 0, TRUE, 0, some, &length);
+    decrypt(NTE_BAD_KEY, "CPDecrypt" + noKey, prov, 0, 0, TRUE, 0, some, nullptr);
+    decrypt(ERROR_INVALID_PARAMETER, "CPDecrypt: pcbDataLen is null", prov, handle(), 0, TRUE, 0, some, nullptr);
+    decrypt(NTE_BAD_DATA, "Invalid data length for decrypt : 20", prov, handle(), 0, TRUE, 0, nullptr, &length);
+    for (const DWORD wrong : {0u, 0x80000000u, 0xFFFFFFFFu}) {
+        expectError(encrypting(256, 0, wrong), NTE_BAD_LEN, "ERROR Invalid data length for encrypt: " + number(wrong));
+        expectError(decrypting(wrong), NTE_BAD_DATA, "ERROR Invalid data length for decrypt : " + number(wrong));
+    }
+    EXPECT_THAT(scripted::takeCalls(), IsEmpty());
 }
 
 }  // namespace

@@ -27,6 +27,7 @@ Lines paramLog(DWORD param, unsigned int mechanism) {
     return {"DEBUG CPGetHashParam", "DEBUG CPGetHashParam dwParam : " + number(param),
             "DEBUG CPGetHashParam mechanism : " + number(mechanism)};
 }
+
 class CspHashTest : public ProviderTest {
   protected:
     CspHashTest() : prov(acquire()) {}
@@ -38,21 +39,22 @@ class CspHashTest : public ProviderTest {
     HCRYPTHASH create(ALG_ID algorithm = CALG_SHA_256) {
         HCRYPTHASH hash = 0;
         EXPECT_TRUE(CPCreateHash(prov, algorithm, 0, 0, &hash));
-        made_.push_back(hash);
-        return hash;
+        return owned(hash);
     }
     HCRYPTHASH owned(HCRYPTHASH hash) {
         made_.push_back(hash);
         return hash;
     }
-
-    Call get(HCRYPTHASH hash, DWORD param, Bytes& value, DWORD& size) {
-        return [=, this, &value, &size] { return CPGetHashParam(prov, hash, param, value.data(), &size, 0); };
+    Call get(HCRYPTHASH hash, DWORD param, DWORD room, bool hasBuffer = true) {
+        return [=, this] {
+            offer(room);
+            return CPGetHashParam(prov, hash, param, hasBuffer ? data.data() : nullptr, &size, 0);
+        };
     }
 
     const HCRYPTPROV prov;
-    DWORD size = UNTOUCHED;
-    BYTE buffer[64] = {};
+    csp::HASH_CONTEXT unmade;
+    const HCRYPTHASH notValid = reinterpret_cast<HCRYPTHASH>(&unmade);
 
   private:
     std::vector<HCRYPTHASH> made_;
@@ -74,25 +76,17 @@ TEST_F(CspHashTest, EveryAlgorithmOpensItsDeviceHash) {
 
 TEST_F(CspHashTest, CreationRefusals) {
     HCRYPTHASH hash = UNTOUCHED_HANDLE;
+    const auto refused = refusalsOf("CPCreateHash", CPCreateHash);
     const std::string parameters = "CPCreateHash: invalid parameter - phHash=";
-    std::vector<Refusal> refusals = {{[&] { return CPCreateHash(prov, CALG_SHA1, 0, 1, nullptr); },
-                                      ERROR_INVALID_PARAMETER, parameters + "0 hProv=" + number(prov)},
-                                     {[&] { return CPCreateHash(0, CALG_SHA1, 0, 1, &hash); }, ERROR_INVALID_PARAMETER,
-                                      parameters + number(&hash) + " hProv=0"},
-                                     {[&] { return CPCreateHash(invalid, CALG_MD5, 0, 0x0000ABC1, &hash); },
-                                      NTE_BAD_FLAGS, "CPCreateHash: invalid dwFlags=0x0000ABC1"},
-                                     {[&] { return CPCreateHash(invalid, CALG_MD5, 0, 0, &hash); }, NTE_BAD_UID,
-                                      "CPCreateHash: context not initialized"}};
-    const std::pair<ALG_ID, const char*> unsupported[] = {
-        {CALG_MD5, "00008003"}, {CALG_HMAC, "00008009"}, {CALG_SSL3_SHAMD5, "00008008"}, {0, "00000000"},
-        {CALG_MAC, "00008005"}, {2, "00000002"},         {0xFFFF800C, "FFFF800C"}};
+    refused(ERROR_INVALID_PARAMETER, parameters + "0 hProv=" + number(prov), prov, CALG_SHA1, 0, 1, nullptr);
+    refused(ERROR_INVALID_PARAMETER, parameters + number(&hash) + " hProv=0", 0, CALG_SHA1, 0, 1, &hash);
+    refused(NTE_BAD_FLAGS, "CPCreateHash: invalid dwFlags=0x0000ABC1", invalid, CALG_MD5, 0, 0x0000ABC1, &hash);
+    refused(NTE_BAD_UID, "CPCreateHash: context not initialized", invalid, CALG_MD5, 0, 0, &hash);
+    const std::pair<ALG_ID, std::string> unsupported[] = {
+        {CALG_MD5, "00008003"}, {CALG_HMAC, "00008009"}, {0, "00000000"}, {2, "00000002"}, {0xFFFF800C, "FFFF800C"}};
     for (const auto& [id, digits] : unsupported)
-        refusals.push_back({[&, id = id] { return CPCreateHash(prov, id, 0, 0, &hash); }, NTE_BAD_ALGID,
-                            std::string("CPCreateHash: unsupported Algid=0x") + digits});
-    expectRefusals("CPCreateHash", refusals);
-    EXPECT_EQ(hash, UNTOUCHED_HANDLE);
+        refused(NTE_BAD_ALGID, "CPCreateHash: unsupported Algid=0x" + digits, prov, id, 0, 0, &hash);
     EXPECT_THAT(log.entries(), Contains("DEBUG Crete hash algorithm input : 4294934540"));
-
     scripted::next("talvik_initHash", {.status = -12});
     expectFailure([&] { return CPCreateHash(prov, CALG_SHA_512, 0, 0, &hash); }, NTE_FAIL,
                   {"DEBUG CPCreateHash", "DEBUG Crete hash algorithm input : 32782", algorithms[3].line,
@@ -112,57 +106,45 @@ TEST_F(CspHashTest, DataGoesToTheDeviceAsItIs) {
     expectFailure([&] { return CPHashData(prov, hash, data.data(), 1, 0); }, NTE_FAIL,
                   {"DEBUG CPHashData", "ERROR CPHashData: talvik_updateHash failed, ret=77"},
                   {"talvik_updateHash(#1, 61, 1, null)"});
+    const auto refused = refusalsOf("CPHashData", CPHashData);
     const std::string context = "CPHashData: invalid or uninitialized context";
-    expectRefusals("CPHashData", {{[&] { return CPHashData(0, 0, data.data(), 3, 0); }, NTE_BAD_UID, context},
-                                  {[&] { return CPHashData(invalid, hash, data.data(), 3, 0); }, NTE_BAD_UID, context},
-                                  {[&] { return CPHashData(prov, 0, data.data(), 3, 0); }, NTE_BAD_HASH,
-                                   "CPHashData: pHashHandle is NULL"}});
+    refused(NTE_BAD_UID, context, 0, 0, data.data(), 3, 0);
+    refused(NTE_BAD_UID, context, invalid, hash, data.data(), 3, 0);
+    refused(NTE_BAD_HASH, "CPHashData: pHashHandle is NULL", prov, 0, data.data(), 3, 0);
 }
 
 TEST_F(CspHashTest, ParameterRefusals) {
     const HCRYPTHASH hash = create();
-    csp::HASH_CONTEXT unmade;
-    const auto notValid = reinterpret_cast<HCRYPTHASH>(&unmade);
-    const std::string get = "CPGetHashParam: invalid parameter - hProv=",
-                      set = "CPSetHashParam: invalid parameter - hProv=";
-    const std::string getInvalid = "CPGetHashParam: context not initialized or hash not valid";
-    const std::string setInvalid = "CPSetHashParam: context not initialized or hash not valid";
+    BYTE buffer[64] = {};
     size = 64;
-    expectRefusals(
-        "CPGetHashParam",
-        {{[&] { return CPGetHashParam(0, hash, HP_ALGID, buffer, &size, 0); }, ERROR_INVALID_PARAMETER,
-          get + "0 hHash=" + number(hash) + " pcbDataLen=" + number(&size)},
-         {[&] { return CPGetHashParam(prov, 0, HP_ALGID, buffer, &size, 0); }, ERROR_INVALID_PARAMETER,
-          get + number(prov) + " hHash=0 pcbDataLen=" + number(&size)},
-         {[&] { return CPGetHashParam(prov, hash, HP_ALGID, buffer, nullptr, 1); }, ERROR_INVALID_PARAMETER,
-          get + number(prov) + " hHash=" + number(hash) + " pcbDataLen=0"},
-         {[&] { return CPGetHashParam(invalid, hash, HP_ALGID, buffer, &size, 16); }, NTE_BAD_FLAGS,
-          "CPGetHashParam: invalid dwFlags=0x00000010"},
-         {[&] { return CPGetHashParam(invalid, hash, HP_ALGID, buffer, &size, 0); }, NTE_BAD_HASH, getInvalid},
-         {[&] { return CPGetHashParam(prov, notValid, HP_ALGID, buffer, &size, 0); }, NTE_BAD_HASH, getInvalid},
-         {[&] { return CPGetHashParam(prov, hash, 3, buffer, &size, 0); }, NTE_BAD_TYPE,
-          "CPGetHashParam: unsupported dwParam=0x00000003"},
-         {[&] { return CPGetHashParam(prov, hash, 0xABCDEF12, nullptr, &size, 0); }, NTE_BAD_TYPE,
-          "CPGetHashParam: unsupported dwParam=0xABCDEF12"},
-         {[&] { return CPGetHashParam(prov, hash, HP_HMAC_INFO, buffer, &size, 0); }, NTE_BAD_TYPE,
-          "CPGetHashParam: HP_HMAC_INFO requested but hash is not HMAC"}});
-    expectRefusals("CPSetHashParam",
-                   {{[&] { return CPSetHashParam(0, hash, HP_HASHVAL, buffer, 0); }, ERROR_INVALID_PARAMETER,
-                     set + "0 hHash=" + number(hash) + " pbData=" + number(buffer)},
-                    {[&] { return CPSetHashParam(prov, 0, HP_HASHVAL, buffer, 0); }, ERROR_INVALID_PARAMETER,
-                     set + number(prov) + " hHash=0 pbData=" + number(buffer)},
-                    {[&] { return CPSetHashParam(prov, hash, HP_HASHVAL, nullptr, 1); }, ERROR_INVALID_PARAMETER,
-                     set + number(prov) + " hHash=" + number(hash) + " pbData=0"},
-                    {[&] { return CPSetHashParam(invalid, hash, HP_HASHVAL, buffer, 2); }, NTE_BAD_FLAGS,
-                     "CPSetHashParam: invalid dwFlags=0x00000002"},
-                    {[&] { return CPSetHashParam(invalid, hash, HP_HASHVAL, buffer, 0); }, NTE_BAD_HASH, setInvalid},
-                    {[&] { return CPSetHashParam(prov, notValid, HP_HASHVAL, buffer, 0); }, NTE_BAD_HASH, setInvalid},
-                    {[&] { return CPSetHashParam(prov, hash, HP_ALGID, buffer, 0); }, NTE_BAD_TYPE,
-                     "CPSetHashParam: unsupported dwParam=0x00000001"}});
-    EXPECT_EQ(log.entries(),
-              Lines({"DEBUG CPSetHashParam", "DEBUG Set hash param dwParam : 1", "DEBUG Set hash param dwFlags : 0",
-                     "ERROR CPSetHashParam: unsupported dwParam=0x00000001"}));
+    const auto get = refusalsOf("CPGetHashParam", CPGetHashParam);
+    const std::string parameter = ": invalid parameter - hProv=";
+    const std::string notInitialized = ": context not initialized or hash not valid", of = "CPGetHashParam";
+    get(ERROR_INVALID_PARAMETER, of + parameter + "0 hHash=" + number(hash) + " pcbDataLen=" + number(&size), 0, hash,
+        HP_ALGID, buffer, &size, 0);
+    get(ERROR_INVALID_PARAMETER, of + parameter + number(prov) + " hHash=0 pcbDataLen=" + number(&size), prov, 0,
+        HP_ALGID, buffer, &size, 0);
+    get(ERROR_INVALID_PARAMETER, of + parameter + number(prov) + " hHash=" + number(hash) + " pcbDataLen=0", prov, hash,
+        HP_ALGID, buffer, nullptr, 1);
+    get(NTE_BAD_FLAGS, of + ": invalid dwFlags=0x00000010", invalid, hash, HP_ALGID, buffer, &size, 16);
+    get(NTE_BAD_HASH, of + notInitialized, invalid, hash, HP_ALGID, buffer, &size, 0);
+    get(NTE_BAD_HASH, of + notInitialized, prov, notValid, HP_ALGID, buffer, &size, 0);
+    get(NTE_BAD_TYPE, of + ": unsupported dwParam=0xABCDEF12", prov, hash, 0xABCDEF12, nullptr, &size, 0);
+    get(NTE_BAD_TYPE, of + ": HP_HMAC_INFO requested but hash is not HMAC", prov, hash, HP_HMAC_INFO, buffer, &size, 0);
     EXPECT_EQ(size, 64u);
+
+    const auto set = refusalsOf("CPSetHashParam", CPSetHashParam);
+    const std::string to = "CPSetHashParam";
+    set(ERROR_INVALID_PARAMETER, to + parameter + "0 hHash=" + number(hash) + " pbData=" + number(buffer), 0, hash,
+        HP_HASHVAL, buffer, 0);
+    set(ERROR_INVALID_PARAMETER, to + parameter + number(prov) + " hHash=0 pbData=" + number(buffer), prov, 0,
+        HP_HASHVAL, buffer, 0);
+    set(ERROR_INVALID_PARAMETER, to + parameter + number(prov) + " hHash=" + number(hash) + " pbData=0", prov, hash,
+        HP_HASHVAL, nullptr, 1);
+    set(NTE_BAD_FLAGS, to + ": invalid dwFlags=0x00000002", invalid, hash, HP_HASHVAL, buffer, 2);
+    set(NTE_BAD_HASH, to + notInitialized, invalid, hash, HP_HASHVAL, buffer, 0);
+    set(NTE_BAD_HASH, to + notInitialized, prov, notValid, HP_HASHVAL, buffer, 0);
+    set(NTE_BAD_TYPE, to + ": unsupported dwParam=0x00000001", prov, hash, HP_ALGID, buffer, 0);
 }
 
 // HP_ALGID and HP_HASHSIZE: a 32-bit answer, whatever room there is.
@@ -172,30 +154,18 @@ TEST_F(CspHashTest, WordParametersFollowTheSizeRule) {
         const std::tuple<DWORD, DWORD, const char*> parameters[] = {{HP_ALGID, row.id, "HP_ALGID"},
                                                                     {HP_HASHSIZE, row.size, "HP_HASHSIZE"}};
         for (const auto& [param, expected, name] : parameters) {
+            const Lines lines = paramLog(param, row.mechanism);
             for (const DWORD room : {0, 1, 2, 3}) {
-                Bytes value = filled(4, 0xCD);
-                size = room;
-                expectFailure(get(hash, param, value, size), ERROR_MORE_DATA,
-                              paramLog(param, row.mechanism) +
-                                  Lines{std::string("ERROR CPGetHashParam: ") + name + " buffer too small"});
-                EXPECT_EQ(size, 4u);
-                EXPECT_EQ(value, filled(4, 0xCD));
+                expectFailure(get(hash, param, room), ERROR_MORE_DATA,
+                              lines + (std::string("ERROR CPGetHashParam: ") + name + " buffer too small"));
+                EXPECT_TRUE(isOnlyTold(4));
             }
-            size = UNTOUCHED;
-            expectSuccess([&, param = param] { return CPGetHashParam(prov, hash, param, nullptr, &size, 0); },
-                          paramLog(param, row.mechanism));
-            EXPECT_EQ(size, 4u);
-            Bytes value = filled(8, 0xCD);
-            size = 8;
-            Lines lines = paramLog(param, row.mechanism);
-            if (param == HP_HASHSIZE)
-                lines.push_back("DEBUG Get hash param hashSize : " + number(row.size));
-            expectSuccess(get(hash, param, value, size), lines + "DEBUG Get hash param success");
-            EXPECT_EQ(size, 4u);
-            DWORD answered;
-            std::memcpy(&answered, value.data(), 4);
-            EXPECT_EQ(answered, expected);
-            EXPECT_EQ(value[4], 0xCD);
+            expectSuccess(get(hash, param, UNTOUCHED, false), lines);
+            EXPECT_TRUE(isOnlyTold(4));
+            const std::string told = "DEBUG Get hash param hashSize : " + number(row.size);
+            expectSuccess(get(hash, param, 8),
+                          lines + (param == HP_HASHSIZE ? Lines{told} : Lines{}) + "DEBUG Get hash param success");
+            EXPECT_EQ(delivered(), words({expected}));
         }
     }
 }
@@ -205,30 +175,20 @@ TEST_F(CspHashTest, TheDigestIsFinishedOnceAndThenCached) {
         scripted::reset();
         const HCRYPTHASH hash = create(row.id);
         const Bytes digest = bytes(row.size, 0x10);
+        const Lines lines = paramLog(HP_HASHVAL, row.mechanism);
+        const std::string tooSmall = "ERROR CPGetHashParam: HP_HASHVAL buffer too small for ";
         scripted::always("talvik_finalHash", {.output = digest});
-        size = UNTOUCHED;
-        expectSuccess([&] { return CPGetHashParam(prov, hash, HP_HASHVAL, nullptr, &size, 0); },
-                      paramLog(HP_HASHVAL, row.mechanism));
-        EXPECT_EQ(size, row.size);
-        for (const bool finalised : {false, true}) {
-            Bytes value = filled(10, 0xCD);
-            size = 10;
-            expectFailure(get(hash, HP_HASHVAL, value, size), ERROR_MORE_DATA,
-                          paramLog(HP_HASHVAL, row.mechanism) +
-                              Lines{std::string("ERROR CPGetHashParam: HP_HASHVAL buffer too small for ") +
-                                    (finalised ? "cached hash value" : "finalized hash")},
-                          finalised ? Lines{} : Lines{finalHash("#1", row.size)});
-            EXPECT_EQ(size, row.size);
-            EXPECT_EQ(value, filled(10, 0xCD));
-        }
-        Bytes value = filled(row.size + 1, 0xCD);
-        size = row.size + 1;
-        expectSuccess(get(hash, HP_HASHVAL, value, size), paramLog(HP_HASHVAL, row.mechanism));
-        EXPECT_EQ(size, row.size);
-        EXPECT_EQ(Bytes(value.begin(), value.end() - 1), digest);
-        EXPECT_EQ(value.back(), 0xCD);
+        expectSuccess(get(hash, HP_HASHVAL, UNTOUCHED, false), lines);
+        EXPECT_TRUE(isOnlyTold(row.size));
+        expectFailure(get(hash, HP_HASHVAL, 10), ERROR_MORE_DATA, lines + (tooSmall + "finalized hash"),
+                      {finalHash("#1", row.size)});
+        EXPECT_TRUE(isOnlyTold(row.size));
+        expectFailure(get(hash, HP_HASHVAL, row.size - 1), ERROR_MORE_DATA, lines + (tooSmall + "cached hash value"));
+        EXPECT_TRUE(isOnlyTold(row.size));
+        expectSuccess(get(hash, HP_HASHVAL, row.size), lines);
+        EXPECT_EQ(delivered(), digest);
         // Data that comes later reaches the device and changes nothing here.
-        EXPECT_TRUE(CPHashData(prov, hash, value.data(), 1, 0));
+        EXPECT_TRUE(CPHashData(prov, hash, data.data(), 1, 0));
         EXPECT_EQ(csp::hashOf(hash)->hashValueLen, row.size);
     }
 }
@@ -237,13 +197,12 @@ TEST_F(CspHashTest, AFailedDigestIsAskedForAgain) {
     const HCRYPTHASH hash = create();
     scripted::next("talvik_finalHash", {.status = 3});
     scripted::always("talvik_finalHash", {.output = bytes(32)});
-    Bytes value(size = 32);
-    expectFailure(get(hash, HP_HASHVAL, value, size), NTE_FAIL,
+    expectFailure(get(hash, HP_HASHVAL, 33), NTE_FAIL,
                   paramLog(HP_HASHVAL, 3) + "ERROR CPGetHashParam: talvik_finalHash failed, ret=3",
                   {finalHash("#1", 32)});
-    EXPECT_EQ(std::tuple(size, csp::hashOf(hash)->isFinalized), std::tuple(32u, 0));
-    expectSuccess(get(hash, HP_HASHVAL, value, size), paramLog(HP_HASHVAL, 3), {finalHash("#1", 32)});
-    EXPECT_EQ(value, bytes(32));
+    EXPECT_TRUE(isOnlyTold(33) && csp::hashOf(hash)->isFinalized == 0);
+    expectSuccess(get(hash, HP_HASHVAL, 32), paramLog(HP_HASHVAL, 3), {finalHash("#1", 32)});
+    EXPECT_EQ(delivered(), bytes(32));
 }
 
 // A digest of a length that cannot be is a failure of the operation: nothing is cached, nothing overrun.
@@ -252,14 +211,8 @@ TEST_F(CspHashTest, ALyingDigestLengthIsAFailure) {
         SCOPED_TRACE(lie);
         const HCRYPTHASH hash = create();
         scripted::next("talvik_finalHash", {.output = bytes(32), .length = lie});
-        Bytes value = filled(200, 0xCD);
-        size = 200;
-        SetLastError(UNTOUCHED_ERROR);
-        EXPECT_FALSE(get(hash, HP_HASHVAL, value, size)());
-        EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_FAIL));
-        EXPECT_EQ(value, filled(200, 0xCD));
-        EXPECT_LE(csp::hashOf(hash)->hashValueLen, 128u);
-        EXPECT_EQ(csp::hashOf(hash)->isFinalized, 0);
+        expectError(get(hash, HP_HASHVAL, 200), NTE_FAIL, "ERROR CPGetHashParam: talvik_finalHash failed, ret=0");
+        EXPECT_TRUE(isOnlyTold(200) && csp::hashOf(hash)->isFinalized == 0);
     }
 }
 
@@ -272,9 +225,8 @@ TEST_F(CspHashTest, HmacInfoReplacesTheDeviceHashAndIsNeverReadBack) {
     EXPECT_EQ(Bytes(csp::hashOf(hash)->hmacInfo, csp::hashOf(hash)->hmacInfo + 40), info);
     EXPECT_TRUE(CPHashData(prov, hash, info.data(), 1, 0));
     EXPECT_EQ(scripted::takeCalls(), Lines({"talvik_updateHash(#2, 03, 1, null)"}));
-    size = 64;
-    EXPECT_FALSE(CPGetHashParam(prov, hash, HP_HMAC_INFO, buffer, &size, 0));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_TYPE));
+    expectError(get(hash, HP_HMAC_INFO, 64), NTE_BAD_TYPE,
+                "ERROR CPGetHashParam: HP_HMAC_INFO requested but hash is not HMAC");
     scripted::next("talvik_initHash", {.status = 9});
     expectFailure([&] { return CPSetHashParam(prov, hash, HP_HMAC_INFO, info.data(), 0); }, NTE_FAIL,
                   lines + "ERROR CPSetHashParam: talvik_initHash failed for HP_HMAC_INFO, ret=9", {initHash(3)});
@@ -301,31 +253,24 @@ TEST_F(CspHashTest, ACopyStartsAnEmptyDeviceHash) {
     EXPECT_TRUE(CPSetHashParam(prov, hash, HP_HASHVAL, bytes(48, 7).data(), 0));
     EXPECT_TRUE(CPDuplicateHash(prov, hash, nullptr, 0, &copy));
     owned(copy);
-    Bytes value(48);
-    size = 48;
-    expectSuccess(get(copy, HP_HASHVAL, value, size), paramLog(HP_HASHVAL, 4));
-    EXPECT_EQ(value, bytes(48, 7));
+    expectSuccess(get(copy, HP_HASHVAL, 48), paramLog(HP_HASHVAL, 4));
+    EXPECT_EQ(delivered(), bytes(48, 7));
 }
 
 TEST_F(CspHashTest, CopyRefusals) {
     const HCRYPTHASH hash = create();
-    csp::HASH_CONTEXT unmade;
-    const auto notValid = reinterpret_cast<HCRYPTHASH>(&unmade);
     HCRYPTHASH copy = UNTOUCHED_HANDLE;
+    const auto refused = refusalsOf("CPDuplicateHash", CPDuplicateHash);
     const std::string text = "CPDuplicateHash: invalid parameter - phHash=";
-    expectRefusals("CPDuplicateHash",
-                   {{[&] { return CPDuplicateHash(prov, hash, nullptr, 1, nullptr); }, ERROR_INVALID_PARAMETER,
-                     text + "0 hProv=" + number(prov) + " hHash=" + number(hash)},
-                    {[&] { return CPDuplicateHash(0, hash, nullptr, 0, &copy); }, ERROR_INVALID_PARAMETER,
-                     text + number(&copy) + " hProv=0 hHash=" + number(hash)},
-                    {[&] { return CPDuplicateHash(prov, 0, nullptr, 0, &copy); }, ERROR_INVALID_PARAMETER,
-                     text + number(&copy) + " hProv=" + number(prov) + " hHash=0"},
-                    {[&] { return CPDuplicateHash(invalid, notValid, nullptr, 0x10, &copy); }, NTE_BAD_FLAGS,
-                     "CPDuplicateHash: invalid dwFlags=0x00000010"},
-                    {[&] { return CPDuplicateHash(invalid, notValid, nullptr, 0, &copy); }, NTE_BAD_UID,
-                     "CPDuplicateHash: invalid or uninitialized context"},
-                    {[&] { return CPDuplicateHash(prov, notValid, nullptr, 0, &copy); }, NTE_BAD_HASH,
-                     "CPDuplicateHash: source hash is NULL or invalid"}});
+    refused(ERROR_INVALID_PARAMETER, text + "0 hProv=" + number(prov) + " hHash=" + number(hash), prov, hash, nullptr,
+            1, nullptr);
+    refused(ERROR_INVALID_PARAMETER, text + number(&copy) + " hProv=0 hHash=" + number(hash), 0, hash, nullptr, 0,
+            &copy);
+    refused(ERROR_INVALID_PARAMETER, text + number(&copy) + " hProv=" + number(prov) + " hHash=0", prov, 0, nullptr, 0,
+            &copy);
+    refused(NTE_BAD_FLAGS, "CPDuplicateHash: invalid dwFlags=0x00000010", invalid, notValid, nullptr, 0x10, &copy);
+    refused(NTE_BAD_UID, "CPDuplicateHash: invalid or uninitialized context", invalid, notValid, nullptr, 0, &copy);
+    refused(NTE_BAD_HASH, "CPDuplicateHash: source hash is NULL or invalid", prov, notValid, nullptr, 0, &copy);
     scripted::next("talvik_initHash", {.status = 1});
     expectFailure([&] { return CPDuplicateHash(prov, hash, nullptr, 0, &copy); }, NTE_FAIL,
                   {"DEBUG CPDuplicateHash", "ERROR CPDuplicateHash: talvik_initHash failed, ret=1"}, {initHash(3)});
@@ -335,11 +280,11 @@ TEST_F(CspHashTest, CopyRefusals) {
 TEST_F(CspHashTest, DestructionAsksNothingOfTheDevice) {
     HCRYPTHASH hash = 0;
     ASSERT_TRUE(CPCreateHash(prov, CALG_SHA1, 0, 0, &hash));
+    const auto refused = refusalsOf("CPDestroyHash", CPDestroyHash);
     const std::string context = "CPDestroyHash: invalid or uninitialized context";
-    expectRefusals("CPDestroyHash",
-                   {{[&] { return CPDestroyHash(0, hash); }, NTE_BAD_UID, context},
-                    {[&] { return CPDestroyHash(invalid, 0); }, NTE_BAD_UID, context},
-                    {[&] { return CPDestroyHash(prov, 0); }, NTE_BAD_HASH, "CPDestroyHash: pHashHandle is NULL"}});
+    refused(NTE_BAD_UID, context, 0, hash);
+    refused(NTE_BAD_UID, context, invalid, 0);
+    refused(NTE_BAD_HASH, "CPDestroyHash: pHashHandle is NULL", prov, 0);
     csp::hashOf(hash)->isValid = 0;
     expectSuccess([&] { return CPDestroyHash(prov, hash); }, {"DEBUG CPDestroyHash"});
 }

@@ -19,22 +19,21 @@ class CspKeyParamTest : public ProviderTest {
         return {"DEBUG CPGetKeyParam", "DEBUG CPGetKeyParam - dwparam : " + number(param),
                 "DEBUG CPGetKeyParam - key id : " + ONE};
     }
-    Call get(DWORD param) {
-        return [=, this] { return CPGetKeyParam(prov, key, param, value.data(), &size, 0xFF); };
+    Call get(DWORD param, DWORD room) {
+        return [=, this] {
+            offer(room);
+            return CPGetKeyParam(prov, key, param, data.data(), &size, 0xFF);
+        };
     }
-    Call query(DWORD param) {
-        return [=, this] { return CPGetKeyParam(prov, key, param, nullptr, &size, 0); };
-    }
-    DWORD word() const {
-        DWORD answered;
-        std::memcpy(&answered, value.data(), 4);
-        return answered;
+    Call query(DWORD param, DWORD room = UNTOUCHED) {
+        return [=, this] {
+            offer(room);
+            return CPGetKeyParam(prov, key, param, nullptr, &size, 0);
+        };
     }
 
     HCRYPTPROV prov = 0;
     HCRYPTKEY key = 0;
-    Bytes value = filled(8, 0xCD);
-    DWORD size = 8;
 };
 
 TEST_F(CspKeyParamTest, WordsFollowTheSizeRule) {
@@ -51,53 +50,43 @@ TEST_F(CspKeyParamTest, WordsFollowTheSizeRule) {
                        {"DEBUG CPGetKeyParam - input for alg id is null"},
                        {"DEBUG CPGetKeyParam - copying alg id : 8704"}}};
     for (const auto& row : rows) {
-        for (const auto& [call, room] :
-             {std::pair<Call, DWORD>{query(row.param), 0}, {query(row.param), UNTOUCHED}, {get(row.param), 0}}) {
-            size = room;
+        for (const Call& call : {query(row.param, 0), query(row.param), get(row.param, 0)}) {
             expectSuccess(call, head(row.param) + row.asked);
-            EXPECT_EQ(size, 4u);
+            EXPECT_TRUE(isOnlyTold(4));
         }
         for (const DWORD room : {1u, 2u, 3u}) {
-            size = room;
-            expectFailure(get(row.param), ERROR_MORE_DATA,
+            expectFailure(get(row.param, room), ERROR_MORE_DATA,
                           head(row.param) +
                               ("ERROR CPGetKeyParam - Output buffer length for " + row.tooSmall + " not enough : 4"));
-            EXPECT_EQ(size, 4u);
+            EXPECT_TRUE(isOnlyTold(4));
         }
-        EXPECT_EQ(value, filled(8, 0xCD));
-        size = 8;
-        expectSuccess(get(row.param), head(row.param) + row.written);
-        EXPECT_EQ(size, 4u);
-        EXPECT_EQ(std::exchange(value, filled(8, 0xCD)), words({row.expected}) + filled(4, 0xCD));
+        expectSuccess(get(row.param, 8), head(row.param) + row.written);
+        EXPECT_EQ(delivered(), words({row.expected}));
     }
 }
 
 TEST_F(CspKeyParamTest, PermissionsFollowTheUsage) {
     for (const std::uint32_t usage : {0u, 1u, 2u, 3u, 4u}) {
         csp::keyOf(key)->keyUsage = usage;
-        size = 4;
-        EXPECT_TRUE(get(KP_PERMISSIONS)());
-        EXPECT_EQ(word(), usage == 2 || usage == 3 ? CRYPT_DECRYPT : 0u) << usage;
+        EXPECT_TRUE(get(KP_PERMISSIONS, 4)());
+        EXPECT_EQ(delivered(), words({usage == 2 || usage == 3 ? CRYPT_DECRYPT : 0u})) << usage;
     }
 }
 
 TEST_F(CspKeyParamTest, Refusals) {
-    std::vector<Refusal> refusals = {{[&] { return CPGetKeyParam(0, key, KP_KEYLEN, nullptr, &size, 0); }, NTE_BAD_UID,
-                                      "CPGetKeyParam: context is null or not initialized"},
-                                     {[&] { return CPGetKeyParam(invalid, 0, KP_KEYLEN, nullptr, &size, 0); },
-                                      NTE_BAD_UID, "CPGetKeyParam: context is null or not initialized"},
-                                     {[&] { return CPGetKeyParam(prov, 0, KP_KEYLEN, nullptr, &size, 0); }, NTE_BAD_KEY,
-                                      "CPGetKeyParam: key handle is null"}};
-    for (const DWORD param : std::initializer_list<DWORD>{0, KP_IV, KP_SALT, 5, 10, 25, 27, 0xFFFFFFFF})
-        refusals.push_back({query(param), NTE_BAD_TYPE, "CPGetKeyParam - unsupported input : " + number(param)});
-    expectRefusals("CPGetKeyParam", refusals);
-    EXPECT_EQ(size, 8u);
+    const auto refused = refusalsOf("CPGetKeyParam", CPGetKeyParam);
+    const std::string context = "CPGetKeyParam: context is null or not initialized";
+    size = 8;
+    refused(NTE_BAD_UID, context, 0, key, KP_KEYLEN, nullptr, &size, 0);
+    refused(NTE_BAD_UID, context, invalid, 0, KP_KEYLEN, nullptr, &size, 0);
+    refused(NTE_BAD_KEY, "CPGetKeyParam: key handle is null", prov, 0, KP_KEYLEN, nullptr, &size, 0);
     // A missing length is refused too, never written through.
-    for (const DWORD param : {KP_PERMISSIONS, KP_ALGID, KP_KEYLEN, KP_CERTIFICATE}) {
-        EXPECT_FALSE(CPGetKeyParam(prov, key, param, value.data(), nullptr, 0));
-        EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
-        EXPECT_THAT(ofLevel(log.take(), "ERROR"), Not(IsEmpty()));
-    }
+    for (const DWORD param : {KP_PERMISSIONS, KP_ALGID, KP_KEYLEN, KP_CERTIFICATE})
+        refused(ERROR_INVALID_PARAMETER, "CPGetKeyParam: pcbDataLen is null", prov, key, param, nullptr, nullptr, 0);
+    for (const DWORD param : std::initializer_list<DWORD>{0, KP_IV, KP_SALT, 5, 10, 25, 27, 0xFFFFFFFF})
+        refused(NTE_BAD_TYPE, "CPGetKeyParam - unsupported input : " + number(param), prov, key, param, nullptr, &size,
+                0);
+    EXPECT_EQ(size, 8u);
 }
 
 TEST_F(CspKeyParamTest, CertificatesAreFoundByLabelOrAlias) {
@@ -118,53 +107,41 @@ TEST_F(CspKeyParamTest, CertificatesAreFoundByLabelOrAlias) {
                       {"others only", {foreign, longerAlias, noAlias}, std::nullopt},
                       {"by alias", {foreign, byAlias, byLabel}, bytes(5)},
                       {"by label", {foreign, byLabel, byAlias}, bytes(6, 0x40)}};
-    const Lines calls = {"talvik_initDevice(\"T1\", true, null)", "talvik_getCertificateList(\"T1\", null)"};
+    const Lines calls = {"talvik_initDevice(\"T1\", true, null)", CERTIFICATE_LIST};
     scripted::always("talvik_initDevice", {.status = 9});  // no matter
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        scripted::attach({{DEVICE, {scripted::tokenInfo("one"), {pair}, row.certificates, {}}}});
-        size = UNTOUCHED;
+        attachToken({pair}, row.certificates);
         if (!row.expected) {
             expectFailure(query(KP_CERTIFICATE), NTE_NOT_FOUND,
                           head(KP_CERTIFICATE) + "ERROR CPGetKeyParam - Certificate not found", calls);
-            EXPECT_EQ(size, UNTOUCHED);
+            EXPECT_TRUE(isOnlyTold(UNTOUCHED));
             continue;
         }
         const auto length = static_cast<DWORD>(row.expected->size());
-        expectSuccess(query(KP_CERTIFICATE), head(KP_CERTIFICATE), calls);
-        EXPECT_EQ(size, length);
-        value = filled(8, 0xCD);
-        size = 0;
-        expectSuccess(get(KP_CERTIFICATE), head(KP_CERTIFICATE), calls);
-        EXPECT_EQ(size, length);
-        size = length - 1;
-        expectFailure(get(KP_CERTIFICATE), ERROR_MORE_DATA,
+        for (const Call& call : {query(KP_CERTIFICATE), get(KP_CERTIFICATE, 0)}) {
+            expectSuccess(call, head(KP_CERTIFICATE), calls);
+            EXPECT_TRUE(isOnlyTold(length));
+        }
+        expectFailure(get(KP_CERTIFICATE, length - 1), ERROR_MORE_DATA,
                       head(KP_CERTIFICATE) +
                           ("ERROR CPGetKeyParam - Output buffer length for certificate not enough : " + number(length)),
                       calls);
-        EXPECT_EQ(size, length);
-        EXPECT_EQ(value, filled(8, 0xCD));
-        size = 8;
-        expectSuccess(get(KP_CERTIFICATE), head(KP_CERTIFICATE), calls);
-        EXPECT_EQ(content(value.data(), length), *row.expected);
-        EXPECT_EQ(value[length], 0xCD);
+        EXPECT_TRUE(isOnlyTold(length));
+        expectSuccess(get(KP_CERTIFICATE, length), head(KP_CERTIFICATE), calls);
+        EXPECT_EQ(delivered(), *row.expected);
     }
-}
-
-TEST_F(CspKeyParamTest, ALyingCertificateGivesItsWholeField) {
-    TalvikCertificate certificate = scripted::certificateOf(scripted::keyPair(0x11), filled(3072, 0x30));
-    for (const std::uint32_t lie : {3073u, 0x7FFFFFFFu, 0xFFFFFFFFu}) {
-        certificate.derLength = lie;
-        scripted::attach({{DEVICE, {scripted::tokenInfo("one"), {}, {certificate}, {}}}});
-        size = 0;
+    // One that lies about its length counts as its whole field.
+    for (const std::uint32_t lie : {3073u, 0xFFFFFFFFu}) {
+        byAlias.derLength = lie;
+        attachToken({}, {byAlias});
         EXPECT_TRUE(query(KP_CERTIFICATE)());
-        EXPECT_EQ(size, 3072u);
-        value = filled(3073, 0xCD);
-        size = 3073;
-        EXPECT_TRUE(get(KP_CERTIFICATE)());
-        EXPECT_EQ(value[3071], 0x30);
-        EXPECT_EQ(value[3072], 0xCD);
+        EXPECT_TRUE(isOnlyTold(3072));
     }
+    // No label is none in common.
+    csp::keyOf(key)->label[0] = '\0';
+    attachToken({}, {foreign});
+    EXPECT_FALSE(query(KP_CERTIFICATE)());
 }
 
 class CspSetKeyParamTest : public CspKeyParamTest {
@@ -179,6 +156,13 @@ class CspSetKeyParamTest : public CspKeyParamTest {
     }
     Call clear(DWORD param) {
         return [=, this] { return CPSetKeyParam(prov, key, param, nullptr, 0); };
+    }
+    void expectStored(const Bytes& der, const Lines& calls) {
+        expectSuccess(set(KP_CERTIFICATE, der),
+                      setHead(KP_CERTIFICATE) +
+                          ("DEBUG CPSetKeyParam: KP_CERTIFICATE DER length=" + number(der.size())) +
+                          "DEBUG CPSetKeyParam: KP_CERTIFICATE imported successfully",
+                      calls);
     }
     // A SEQUENCE that says with `header` that it is `total` bytes long.
     static Bytes certificate(const Bytes& header, std::size_t total) {
@@ -211,19 +195,14 @@ Bytes currentVector() {
 }
 
 TEST_F(CspSetKeyParamTest, TheVectorIsSharedAndItsLengthIsTheKeys) {
-    const Bytes data = bytes(16);
-    expectSuccess(set(KP_IV, data), setHead(KP_IV));
+    expectSuccess(set(KP_IV, bytes(16)), setHead(KP_IV));
     EXPECT_EQ(currentVector(), Bytes());
-    csp::keyOf(key)->algId = 10;
-    EXPECT_TRUE(set(KP_IV, data)());
-    EXPECT_EQ(currentVector(), bytes(16));
-    csp::keyOf(key)->algId = 11;
-    EXPECT_TRUE(set(KP_IV, data)());
-    EXPECT_EQ(currentVector(), bytes(8));
-    EXPECT_EQ(log.entries().back(), "DEBUG Set key param key algo : 11");
-    EXPECT_FALSE(clear(KP_IV)());
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
-    EXPECT_EQ(currentVector(), bytes(8));
+    for (const auto& [algorithm, length] : {std::pair<ALG_ID, std::size_t>{10, 16}, {11, 8}}) {
+        csp::keyOf(key)->algId = algorithm;
+        EXPECT_TRUE(set(KP_IV, bytes(16))());
+        EXPECT_EQ(currentVector(), bytes(length));
+        EXPECT_EQ(log.entries().back(), "DEBUG Set key param key algo : " + number(algorithm));
+    }
 }
 
 TEST_F(CspSetKeyParamTest, CertificateLengthsComeFromTheirHeader) {
@@ -235,35 +214,31 @@ TEST_F(CspSetKeyParamTest, CertificateLengthsComeFromTheirHeader) {
                                                   {{0x30, 0x82, 0x0B, 0xFC}, 3072},
                                                   {{0x30, 0x83, 0x00, 0x01, 0x00}, 261}};
     setDevicePassword(DEVICE, "1234");
-    for (const auto& [header, total] : rows) {
-        const Bytes der = certificate(header, total);
-        expectSuccess(set(KP_CERTIFICATE, der),
-                      setHead(KP_CERTIFICATE) + Lines{"DEBUG CPSetKeyParam: KP_CERTIFICATE DER length=" + number(total),
-                                                      "DEBUG CPSetKeyParam: KP_CERTIFICATE imported successfully"},
-                      {import("1234", der)});
-    }
+    for (const auto& [header, total] : rows)
+        expectStored(certificate(header, total), {import("1234", certificate(header, total))});
 }
 
 TEST_F(CspSetKeyParamTest, Refusals) {
     const std::string prefix = "CPSetKeyParam: KP_CERTIFICATE ";
-    const auto refused = [&](const Bytes& der, ErrorCode error, const std::string& text) {
-        return Refusal{set(KP_CERTIFICATE, der), error, prefix + text};
-    };
-    expectRefusals("CPSetKeyParam", {{[&] { return CPSetKeyParam(0, key, KP_IV, value.data(), 0); }, NTE_BAD_UID,
-                                      "CPSetKeyParam: context is null or not initialized"},
-                                     {[&] { return CPSetKeyParam(invalid, 0, KP_IV, value.data(), 0); }, NTE_BAD_UID,
-                                      "CPSetKeyParam: context is null or not initialized"},
-                                     {[&] { return CPSetKeyParam(prov, 0, KP_IV, value.data(), 0); }, NTE_BAD_KEY,
-                                      "CPSetKeyParam: key handle is null"},
-                                     {clear(KP_CERTIFICATE), ERROR_INVALID_PARAMETER, prefix + "pbData is null"},
-                                     refused({0x31, 0x03, 1, 1, 1}, NTE_BAD_DATA, "invalid DER (not a SEQUENCE)"),
-                                     refused({0x30, 0x80, 0, 0, 0}, NTE_BAD_DATA, "unsupported DER length encoding"),
-                                     refused({0x30, 0x84, 0, 0, 0, 1}, NTE_BAD_DATA, "unsupported DER length encoding"),
-                                     refused({0x30, 0xFF, 0, 0, 0, 1}, NTE_BAD_DATA, "unsupported DER length encoding"),
-                                     // Nothing behind these headers is read.
-                                     refused({0x30, 0x82, 0x0B, 0xFD}, NTE_BAD_DATA, "certificate too large"),
-                                     refused({0x30, 0x82, 0xFF, 0xFF}, NTE_BAD_DATA, "certificate too large"),
-                                     refused({0x30, 0x83, 0xFF, 0xFF, 0xFF}, NTE_BAD_DATA, "certificate too large")});
+    const auto set = refusalsOf("CPSetKeyParam", CPSetKeyParam);
+    const std::string context = "CPSetKeyParam: context is null or not initialized";
+    set(NTE_BAD_UID, context, 0, key, KP_IV, data.data(), 0);
+    set(NTE_BAD_UID, context, invalid, 0, KP_IV, data.data(), 0);
+    set(NTE_BAD_KEY, "CPSetKeyParam: key handle is null", prov, 0, KP_IV, data.data(), 0);
+    set(ERROR_INVALID_PARAMETER, prefix + "pbData is null", prov, key, KP_CERTIFICATE, nullptr, 0);
+    csp::keyOf(key)->algId = 10;
+    set(ERROR_INVALID_PARAMETER, "CPSetKeyParam: KP_IV pbData is null", prov, key, KP_IV, nullptr, 0);
+    const std::string encoding = "unsupported DER length encoding", large = "certificate too large";
+    const std::pair<Bytes, std::string> rows[] = {{{0x31, 0x03, 1, 1, 1}, "invalid DER (not a SEQUENCE)"},
+                                                  {{0x30, 0x80, 0, 0, 0}, encoding},
+                                                  {{0x30, 0x84, 0, 0, 0, 1}, encoding},
+                                                  {{0x30, 0xFF, 0, 0, 0, 1}, encoding},
+                                                  // Nothing behind these headers is read.
+                                                  {{0x30, 0x82, 0x0B, 0xFD}, large},
+                                                  {{0x30, 0x82, 0xFF, 0xFF}, large},
+                                                  {{0x30, 0x83, 0xFF, 0xFF, 0xFF}, large}};
+    for (const auto& [der, text] : rows)
+        set(NTE_BAD_DATA, prefix + text, prov, key, KP_CERTIFICATE, der.data(), 0);
 }
 
 TEST_F(CspSetKeyParamTest, StoringACertificateLogsInOnce) {
@@ -288,10 +263,7 @@ TEST_F(CspSetKeyParamTest, SingleSignOnStoresWithAnEmptyPin) {
     attachTokens({}, true);
     const Bytes der = certificate({0x30, 0x03}, 5);
     for (int i = 0; i < 2; ++i)
-        expectSuccess(set(KP_CERTIFICATE, der),
-                      setHead(KP_CERTIFICATE) + Lines{"DEBUG CPSetKeyParam: KP_CERTIFICATE DER length=5",
-                                                      "DEBUG CPSetKeyParam: KP_CERTIFICATE imported successfully"},
-                      {TOKEN_INFO, import("", der)});
+        expectStored(der, {TOKEN_INFO, import("", der)});
     EXPECT_TRUE(isPasswordValidated(DEVICE));
 }
 

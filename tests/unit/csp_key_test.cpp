@@ -67,13 +67,8 @@ TEST_F(CspKeyTest, GenerationChoosesUsageAndSize) {
         const csp::KEY_HANDLE& handle = *csp::keyOf(owned(key));
         EXPECT_EQ(std::tuple(handle.algId, handle.keyBits, handle.keyUsage, handle.keyIdLen),
                   std::tuple(row.algorithm, row.bits, row.usage, 16u));
-        EXPECT_EQ(content(handle.keyId, 16), filled(16, 0x22));
-        EXPECT_EQ(content(handle.keyAlias, handle.keyAliasLen), Bytes({0x22}));
-        EXPECT_STREQ(handle.label, "label 34");
-        EXPECT_EQ(handle.publicKeyLen, 256u);
-        EXPECT_EQ(content(handle.publicKey, 256), content(generated.modulus, 256));
-        EXPECT_EQ(handle.storageFlag, 0);
-        EXPECT_EQ(handle.aesKeyLen, 0);
+        EXPECT_THAT(handle.keyId, Each(0x22));
+        EXPECT_EQ(std::tuple(handle.publicKeyLen, handle.storageFlag, handle.aesKeyLen), std::tuple(256u, 0, 0));
         EXPECT_EQ(context().containerName, TWO);
     }
     EXPECT_FALSE(findContainerAlias(""));
@@ -82,38 +77,30 @@ TEST_F(CspKeyTest, GenerationChoosesUsageAndSize) {
 TEST_F(CspKeyTest, GenerationRefusals) {
     open("old");
     HCRYPTKEY key = UNTOUCHED_HANDLE;
-    expectRefusals(
-        "CPGenKey",
-        {{[&] { return CPGenKey(0, 0, 0, nullptr); }, ERROR_INVALID_PARAMETER, "CPGenKey: phKey is NULL"},
-         {[&] { return CPGenKey(0, 0, 0, &key); }, NTE_BAD_UID, "Invalid CSP context"},
-         {[&] { return CPGenKey(invalid, CALG_RSA_SIGN, 0, &key); }, NTE_BAD_UID, "Invalid CSP context"},
-         {[&] { return CPGenKey(prov, CALG_AES_128, 0, &key); }, NTE_BAD_ALGID, "Unsupported algorithm26126"},
-         {[&] { return CPGenKey(prov, 3, 0, &key); }, NTE_BAD_ALGID, "Unsupported algorithm3"},
-         {[&] { return CPGenKey(prov, AT_SIGNATURE, 0x0000FFFF, &key); }, NTE_BAD_LEN, "Unsupported Length2"},
-         {[&] { return CPGenKey(prov, AT_KEYEXCHANGE, 0, &key); }, NTE_BAD_LEN, "Unsupported Length1"}});
+    const auto refused = refusalsOf("CPGenKey", CPGenKey);
+    refused(ERROR_INVALID_PARAMETER, "CPGenKey: phKey is NULL", 0, 0, 0, nullptr);
+    refused(NTE_BAD_UID, "Invalid CSP context", 0, 0, 0, &key);
+    refused(NTE_BAD_UID, "Invalid CSP context", invalid, CALG_RSA_SIGN, 0, &key);
+    refused(NTE_BAD_ALGID, "Unsupported algorithm26126", prov, CALG_AES_128, 0, &key);
+    refused(NTE_BAD_ALGID, "Unsupported algorithm3", prov, 3, 0, &key);
+    refused(NTE_BAD_LEN, "Unsupported Length2", prov, AT_SIGNATURE, 0x0000FFFF, &key);
+    refused(NTE_BAD_LEN, "Unsupported Length1", prov, AT_KEYEXCHANGE, 0, &key);
     EXPECT_EQ(key, 0u);
 
     key = UNTOUCHED_HANDLE;
+    const Call generate = [&] { return CPGenKey(prov, CALG_RSA_SIGN, 0, &key); };
     robot.cancels();
-    forgetSoFar();
-    EXPECT_FALSE(CPGenKey(prov, CALG_RSA_SIGN, 0, &key));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_FAIL));
-    EXPECT_THAT(ofLevel(log.entries(), "ERROR"),
-                ElementsAre("Password validation failed", "CPGenKey: ensurePasswordValidated failed"));
+    expectError(generate, NTE_FAIL, "ERROR CPGenKey: ensurePasswordValidated failed");
     EXPECT_EQ(scripted::callCount("talvik_generateKeyPair"), 0);
-
     setDevicePassword(DEVICE, "1234");
     scripted::next("talvik_generateKeyPair", {.status = 31});
-    forgetSoFar();
-    EXPECT_FALSE(CPGenKey(prov, CALG_RSA_SIGN, 0, &key));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_TOKEN_KEYSET_STORAGE_FULL));
-    EXPECT_EQ(log.entries().back(), "ERROR RSA Keypair Generation Failed, code=31");
+    expectError(generate, NTE_TOKEN_KEYSET_STORAGE_FULL, "ERROR RSA Keypair Generation Failed, code=31");
     EXPECT_EQ(key, 0u);
     EXPECT_EQ(context().containerName, "old");
     EXPECT_FALSE(findContainerAlias("old"));
     // A success makes the requested name an alias of the new key's.
     scripted::generates(scripted::keyPair(0x22));
-    EXPECT_TRUE(CPGenKey(prov, CALG_RSA_SIGN, 0, &key));
+    EXPECT_TRUE(generate());
     owned(key);
     EXPECT_EQ(findContainerAlias("old"), TWO);
 }
@@ -199,36 +186,33 @@ TEST_F(CspKeyTest, TheHandleDescribesTheKeyPair) {
 
 // A record that lies about its lengths counts as carrying its whole fields.
 TEST_F(CspKeyTest, LyingRecordsAreBoundedByTheirFields) {
-    for (const std::uint32_t lie : {129u, 1025u, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFFu}) {
-        TalvikKeyPair pair = scripted::keyPair(0x11);
-        pair.modulusLength = lie < 1025 ? 1024 : lie;
-        pair.keyAliasLength = lie;
-        std::ranges::fill(pair.label, 'L');
+    TalvikKeyPair pair = scripted::keyPair(0x11);
+    std::ranges::fill(pair.label, 'L');
+    setDevicePassword(DEVICE, "1234");
+    for (const std::uint32_t lie : {1025u, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFFu}) {
+        pair.modulusLength = lie;
+        pair.keyAliasLength = lie == 1025 ? 129 : lie;
         attachTokens({pair});
-        open();
-        const csp::KEY_HANDLE& handle = *csp::keyOf(userKey());
-        EXPECT_EQ(content(handle.publicKey, handle.publicKeyLen), content(pair.modulus, 1024));
-        EXPECT_EQ(content(handle.keyAlias, handle.keyAliasLen), content(pair.keyAlias, 128));
-        EXPECT_EQ(std::string(handle.label), std::string(128, 'L'));
-        setDevicePassword(DEVICE, "1234");
         scripted::generates(pair);
+        open();
         HCRYPTKEY generated = 0;
         ASSERT_TRUE(CPGenKey(prov, CALG_RSA_SIGN, 0, &generated));
-        EXPECT_EQ(csp::keyOf(owned(generated))->publicKeyLen, 1024u);
-        EXPECT_EQ(csp::keyOf(generated)->keyAliasLen, 128u);
-        EXPECT_EQ(std::string(csp::keyOf(generated)->label), std::string(128, 'L'));
+        for (const HCRYPTKEY key : {userKey(), owned(generated)}) {
+            const csp::KEY_HANDLE& handle = *csp::keyOf(key);
+            EXPECT_EQ(content(handle.publicKey, handle.publicKeyLen), content(pair.modulus, 1024));
+            EXPECT_EQ(content(handle.keyAlias, handle.keyAliasLen), content(pair.keyAlias, 128));
+            EXPECT_EQ(std::string(handle.label), std::string(128, 'L'));
+        }
     }
 }
 
 TEST_F(CspKeyTest, UserKeyRefusals) {
     open();
     HCRYPTKEY key = UNTOUCHED_HANDLE;
-    expectRefusals("CPGetUserKey", {{[&] { return CPGetUserKey(prov, AT_SIGNATURE, nullptr); }, NTE_BAD_KEY,
-                                     "CPGetUserKey: phUserKey or hProv is null"},
-                                    {[&] { return CPGetUserKey(0, AT_SIGNATURE, &key); }, NTE_BAD_KEY,
-                                     "CPGetUserKey: phUserKey or hProv is null"},
-                                    {[&] { return CPGetUserKey(invalid, AT_SIGNATURE, &key); }, NTE_BAD_UID,
-                                     "CPGetUserKey: context is not initialized"}});
+    const auto refused = refusalsOf("CPGetUserKey", CPGetUserKey);
+    refused(NTE_BAD_KEY, "CPGetUserKey: phUserKey or hProv is null", prov, AT_SIGNATURE, nullptr);
+    refused(NTE_BAD_KEY, "CPGetUserKey: phUserKey or hProv is null", 0, AT_SIGNATURE, &key);
+    refused(NTE_BAD_UID, "CPGetUserKey: context is not initialized", invalid, AT_SIGNATURE, &key);
     expectFailure(
         [&] { return CPGetUserKey(prov, AT_SIGNATURE, &key); }, NTE_NO_KEY,
         {"DEBUG CPGetUserKey", "DEBUG CPGetUserKey -> dwKeySpec : 2", "ERROR CPGetUserKey: key list is empty"},
@@ -242,10 +226,10 @@ TEST_F(CspKeyTest, DestructionDeletesNothingOnTheToken) {
     HCRYPTKEY key = 0;
     ASSERT_TRUE(CPGetUserKey(prov, AT_SIGNATURE, &key));
     const std::string context = "CPDestroyKey: invalid or uninitialized context";
-    expectRefusals("CPDestroyKey",
-                   {{[&] { return CPDestroyKey(0, key); }, NTE_BAD_UID, context},
-                    {[&] { return CPDestroyKey(invalid, 0); }, NTE_BAD_UID, context},
-                    {[&] { return CPDestroyKey(prov, 0); }, NTE_BAD_KEY, "CPDestroyKey: pKeyHandle is NULL"}});
+    const auto refused = refusalsOf("CPDestroyKey", CPDestroyKey);
+    refused(NTE_BAD_UID, context, 0, key);
+    refused(NTE_BAD_UID, context, invalid, 0);
+    refused(NTE_BAD_KEY, "CPDestroyKey: pKeyHandle is NULL", prov, 0);
     expectSuccess([&] { return CPDestroyKey(prov, key); }, {"DEBUG CPDestroyKey"});
 }
 

@@ -28,42 +28,41 @@ class CspSignTest : public ProviderTest {
     }
     csp::HASH_CONTEXT& record() const { return *csp::hashOf(hash); }
 
-    Call sign() {
-        return [this] { return CPSignHash(prov, hash, AT_SIGNATURE, L"x", 5, signature.data(), &size); };
+    Call sign(DWORD room = 600) {
+        return [=, this] {
+            offer(room);
+            return CPSignHash(prov, hash, AT_SIGNATURE, L"x", 5, data.data(), &size);
+        };
     }
     Call querySize() {
-        return [this] { return CPSignHash(prov, hash, 99, nullptr, 0, nullptr, &size); };
+        return [this] {
+            offer(UNTOUCHED);
+            return CPSignHash(prov, hash, 99, nullptr, 0, nullptr, &size);
+        };
     }
-    static std::string signCall(unsigned char key, const std::string& pin, const Bytes& hashValue, DWORD room) {
-        return "talvik_signHash(\"T1\", " + hex(filled(16, key)) + ", \"" + pin + "\", " + hex(hashValue) + ", " +
-               number(hashValue.size()) + ", out, " + number(room) + ", false, null, false)";
-    }
-    static Lines parameters(unsigned int keyType, unsigned int mechanismCopy = 3) {
-        return {"DEBUG CPSignHash dwFlags : 5", "DEBUG CPSignHash hashAlgorithm : " + number(mechanismCopy),
-                "DEBUG CPSignHash key mechanism : " + number(keyType)};
+    std::string signCall(const std::string& pin = "1234") const {
+        return "talvik_signHash(\"T1\", " + ONE + ", \"" + pin + "\", " + hex(digest) +
+               ", 32, out, 600, false, null, false)";
     }
 
     const Bytes digest = bytes(32, 0x40);
     const Bytes signatureOfToken = bytes(256, 0x80);
     HCRYPTPROV prov = 0;
     HCRYPTHASH hash = 0;
-    Bytes signature = filled(600, 0xCD);
-    DWORD size = 600;
+    const Lines parameters = {"DEBUG CPSignHash dwFlags : 5", "DEBUG CPSignHash hashAlgorithm : 3",
+                              "DEBUG CPSignHash key mechanism : 2"};
+    const Lines signing = Lines{"DEBUG CPSignHash", VALIDATED} + parameters;
 };
 
 TEST_F(CspSignTest, SigningTurnsTheTokensSignature) {
     open({scripted::keyPair(0x11)}, ONE);
     scripted::always("talvik_signHash", {.output = signatureOfToken});
-    expectSuccess(sign(), Lines{"DEBUG CPSignHash", VALIDATED} + parameters(2),
-                  {FINAL, KEY_LIST, signCall(0x11, "1234", digest, 600)});
-    EXPECT_EQ(size, 256u);
-    EXPECT_EQ(content(signature.data(), 256), reversed(signatureOfToken));
-    EXPECT_EQ(signature[256], 0xCD);
+    expectSuccess(sign(), signing, {FINAL, KEY_LIST, signCall()});
+    EXPECT_EQ(delivered(), reversed(signatureOfToken));
 
     // Again: neither the digest nor the key is asked for, even if the key has gone since.
     attachTokens({});
-    size = 600;
-    expectSuccess(sign(), Lines{"DEBUG CPSignHash", VALIDATED} + parameters(2), {signCall(0x11, "1234", digest, 600)});
+    expectSuccess(sign(), signing, {signCall()});
 
     // The digest is cached; its ALG_ID and size are now read from the key's type.
     Bytes value(32);
@@ -78,18 +77,18 @@ TEST_F(CspSignTest, TheKeysTypeReplacesTheMechanism) {
     open({scripted::keyPair(0x11, 1, TALVIK_KEY_RSA_1024)});
     EXPECT_TRUE(querySize()());
     EXPECT_EQ(record().mechanism, 1u);
-    size = 600;
     const std::pair<DWORD, std::string> rows[] = {
         {HP_ALGID, "HP_ALGID"}, {HP_HASHSIZE, "HP_HASHSIZE"}, {HP_HASHVAL, "HP_HASHVAL"}};
     for (const std::uint32_t type : {1u, 7u})
         for (const auto& [param, name] : rows) {
             record().mechanism = type;
-            expectFailure([&, param = param] { return CPGetHashParam(prov, hash, param, signature.data(), &size, 0); },
+            offer(600);
+            expectFailure([&, param = param] { return CPGetHashParam(prov, hash, param, data.data(), &size, 0); },
                           NTE_BAD_ALGID,
                           {"DEBUG CPGetHashParam", "DEBUG CPGetHashParam dwParam : " + number(param),
                            "DEBUG CPGetHashParam mechanism : " + number(type),
                            "ERROR CPGetHashParam: " + name + " unsupported mechanism=" + number(type)});
-            EXPECT_EQ(size, 600u);
+            EXPECT_TRUE(isOnlyTold(600));
         }
 }
 
@@ -98,14 +97,11 @@ TEST_F(CspSignTest, SizeQueriesGoByTheKeysTypeAndFinishTheDigest) {
                                                     {5, 256}, {6, 256}, {7, 256}, {0, 256}};
     clearDevicePassword(DEVICE);  // no PIN is asked for
     for (const auto& [type, expected] : rows) {
+        scripted::reset();
+        scripted::always("talvik_finalHash", {.output = digest});
         open({scripted::keyPair(0x11, 1, type)});
-        size = UNTOUCHED;
-        SetLastError(UNTOUCHED_ERROR);
-        EXPECT_TRUE(querySize()());
-        EXPECT_EQ(GetLastError(), UNTOUCHED_ERROR);
+        expectSuccess(querySize(), {"DEBUG CPSignHash"}, {FINAL, KEY_LIST});
         EXPECT_EQ(size, expected);
-        EXPECT_EQ(log.entries(), Lines({"DEBUG CPSignHash"}));
-        EXPECT_THAT(scripted::takeCalls(), ElementsAre(HasSubstr("talvik_finalHash"), KEY_LIST));
         EXPECT_EQ(record().hashValueLen, 32u);
     }
 }
@@ -131,7 +127,6 @@ TEST_F(CspSignTest, TheContainerChoosesTheKey) {
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         open(row.keys, row.container);
-        size = UNTOUCHED;
         if (row.signs == 0) {
             expectError(querySize(), NTE_NO_KEY, "ERROR CPSignHash: sign key not found for container=" + row.container);
             EXPECT_EQ(size, UNTOUCHED);
@@ -142,75 +137,49 @@ TEST_F(CspSignTest, TheContainerChoosesTheKey) {
             EXPECT_EQ(record().mechanism, row.signs == 2 ? 4u : 2u);
         }
     }
-}
-
-// A key that appears between two calls is found by the second.
-TEST_F(CspSignTest, AKeyMayAppearLater) {
-    open({});
-    EXPECT_FALSE(querySize()());
-    attachTokens({scripted::keyPair(0x11)});
+    // A key that appears between two calls is found by the second, with the digest of the first.
+    attachTokens({sign1});
     EXPECT_TRUE(querySize()());
-    EXPECT_EQ(scripted::callCount("talvik_finalHash"), 1);
+    EXPECT_EQ(scripted::callCount("talvik_finalHash"), static_cast<int>(std::size(rows)));
 }
 
 TEST_F(CspSignTest, SignRefusals) {
     open({scripted::keyPair(0x11)});
+    const auto refused = refusalsOf("CPSignHash", CPSignHash);
     const std::string context = "CPSignHash: context is null or not initialized";
-    expectRefusals("CPSignHash",
-                   {{[&] { return CPSignHash(0, hash, 2, nullptr, 0, nullptr, &size); }, NTE_BAD_UID, context},
-                    {[&] { return CPSignHash(invalid, 0, 2, nullptr, 0, nullptr, &size); }, NTE_BAD_UID, context},
-                    {[&] { return CPSignHash(prov, 0, 2, nullptr, 0, nullptr, &size); }, NTE_BAD_HASH,
-                     "CPSignHash: hash handle is null"}});
-    EXPECT_FALSE(CPSignHash(prov, hash, 2, nullptr, 0, signature.data(), nullptr));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
-    EXPECT_THAT(ofLevel(log.entries(), "ERROR"), Not(IsEmpty()));
+    refused(NTE_BAD_UID, context, 0, hash, 2, nullptr, 0, nullptr, &size);
+    refused(NTE_BAD_UID, context, invalid, 0, 2, nullptr, 0, nullptr, &size);
+    refused(NTE_BAD_HASH, "CPSignHash: hash handle is null", prov, 0, 2, nullptr, 0, nullptr, &size);
+    refused(ERROR_INVALID_PARAMETER, "CPSignHash: pdwSigLen is null", prov, hash, 2, nullptr, 0, data.data(), nullptr);
 
-    open({scripted::keyPair(0x11)});
     scripted::next("talvik_finalHash", {.status = 8});
     expectFailure(sign(), NTE_FAIL, {"DEBUG CPSignHash", "ERROR CPSignHash: talvik_finalHash failed with ret=8"},
-                  {"talvik_finalHash(#2, out, 128, null)"});
+                  {FINAL});
     for (const int lie : {-1, 129, INT_MAX}) {
         scripted::next("talvik_finalHash", {.output = digest, .length = lie});
-        EXPECT_FALSE(sign()());
-        EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_FAIL));
+        expectError(sign(), NTE_FAIL, "ERROR CPSignHash: talvik_finalHash failed with ret=0");
         EXPECT_EQ(record().hashValueLen, 0u);
     }
     scripted::next("talvik_signHash", {.status = 50});
-    expectFailure(sign(), NTE_PROVIDER_DLL_FAIL,
-                  Lines{"DEBUG CPSignHash", VALIDATED} + parameters(2) + "ERROR Sign hash failed : 50",
-                  {"talvik_finalHash(#2, out, 128, null)", KEY_LIST, signCall(0x11, "1234", digest, 600)});
-    EXPECT_EQ(size, 600u);
-    EXPECT_EQ(signature, filled(600, 0xCD));
+    expectFailure(sign(), NTE_PROVIDER_DLL_FAIL, signing + "ERROR Sign hash failed : 50",
+                  {FINAL, KEY_LIST, signCall()});
+    EXPECT_TRUE(isOnlyTold(600));
     EXPECT_STREQ(getDevicePassword(DEVICE).c_str(), "1234");
 }
 
 TEST_F(CspSignTest, AnExpiredSignOnIsRenewedOnce) {
-    const Lines first = Lines{"DEBUG CPSignHash", VALIDATED} + parameters(2) +
-                        "DEBUG CPSignHash: SSO expired, re-prompting for PIN" + NOT_VALIDATED + dialogShown;
-    const std::string again = signCall(0x11, "5678", digest, 600);
-    const Lines cancelled = {"DEBUG User cancelled password dialog", "ERROR Password validation failed"};
-
     open({scripted::keyPair(0x11)});
-    scripted::next("talvik_signHash", {.status = 49, .length = 3});
-    scripted::next("talvik_signHash", {.output = signatureOfToken});
-    robot.enters("5678").enters("5678").cancels().cancels();
-    expectSuccess(sign(), first,
-                  {FINAL, KEY_LIST, signCall(0x11, "1234", digest, 600), TOKEN_INFO, validation("5678"), again});
-    EXPECT_EQ(content(signature.data(), 256), reversed(signatureOfToken));
-
-    size = 600;
-    scripted::always("talvik_signHash", {.status = 49});
-    expectFailure(sign(), NTE_PROVIDER_DLL_FAIL, first + "ERROR Sign hash failed : 49",
-                  {again, TOKEN_INFO, validation("5678"), again});
-    expectFailure(sign(), NTE_FAIL,
-                  first + cancelled + "ERROR CPSignHash: ensurePasswordValidated failed after SSO expiry",
-                  {again, TOKEN_INFO});
-    expectFailure(sign(), NTE_FAIL,
-                  Lines{"DEBUG CPSignHash", NOT_VALIDATED} + dialogShown + cancelled +
-                      "ERROR CPSignHash: ensurePasswordValidated failed",
-                  {TOKEN_INFO});
-    EXPECT_EQ(size, 600u);
-    EXPECT_EQ(robot.finish(), Lines(4, "PIN"));
+    scripted::always("talvik_signHash", {.output = signatureOfToken});
+    EXPECT_TRUE(sign()());
+    expectRenewal({"CPSignHash",
+                   "talvik_signHash",
+                   sign(),
+                   {"DEBUG CPSignHash"},
+                   parameters,
+                   {},
+                   {"ERROR Sign hash failed : 49"},
+                   [&](const std::string& pin) { return signCall(pin); }});
+    EXPECT_TRUE(isOnlyTold(600));
 }
 
 // What the token produces goes to the caller only as far as it fits.
@@ -218,31 +187,19 @@ TEST_F(CspSignTest, AShortBufferIsNeverOverrun) {
     open({scripted::keyPair(0x11)});
     scripted::always("talvik_signHash", {.output = signatureOfToken, .length = 256});
     for (const DWORD room : {0, 1, 128, 255}) {
-        size = room;
-        SetLastError(UNTOUCHED_ERROR);
-        expectError(sign(), ERROR_MORE_DATA, "ERROR CPSignHash: signature buffer too small, required=256");
-        EXPECT_EQ(size, 256u);
-        EXPECT_EQ(signature, filled(600, 0xCD));
+        expectError(sign(room), ERROR_MORE_DATA, "ERROR CPSignHash: signature buffer too small, required=256");
+        EXPECT_TRUE(isOnlyTold(256));
     }
-    size = 256;
-    EXPECT_TRUE(sign()());
-    EXPECT_EQ(content(signature.data(), 256), reversed(signatureOfToken));
-}
-
-TEST_F(CspSignTest, ALyingSignatureLengthIsAFailure) {
-    open({scripted::keyPair(0x11)});
+    EXPECT_TRUE(sign(256)());
+    EXPECT_EQ(delivered(), reversed(signatureOfToken));
     for (const int lie : {-1, INT_MIN, 1 << 20, INT_MAX}) {
-        SCOPED_TRACE(lie);
         scripted::next("talvik_signHash", {.output = signatureOfToken, .length = lie});
-        size = 600;
-        EXPECT_FALSE(sign()());
-        EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_PROVIDER_DLL_FAIL));
-        EXPECT_EQ(signature, filled(600, 0xCD));
-        EXPECT_EQ(size, 600u);
+        expectError(sign(), NTE_PROVIDER_DLL_FAIL, "ERROR Sign hash failed : 0");
+        EXPECT_TRUE(isOnlyTold(600));
     }
     scripted::next("talvik_signHash", {.output = Bytes{}});
-    expectSuccess(sign(), Lines{"DEBUG CPSignHash", VALIDATED} + parameters(2), {signCall(0x11, "1234", digest, 600)});
-    EXPECT_EQ(size, 0u);
+    expectSuccess(sign(), signing, {signCall()});
+    EXPECT_TRUE(isOnlyTold(0));
 }
 
 class CspVerifyTest : public CspSignTest {
@@ -295,17 +252,12 @@ TEST_F(CspVerifyTest, TheDigestIsFetchedOnceAndTheSignatureTurned) {
                       {verifyCall(der)});
     }
     EXPECT_STREQ(getDevicePassword(DEVICE).c_str(), "1234");
-}
-
-TEST_F(CspVerifyTest, AKeyThatBeginsLikeDerIsTakenAsItIs) {
-    knowDigest();
+    // A key that begins like DER is taken as it is.
     keyRecord().publicKey[0] = 0x30;
-    const Bytes held(keyRecord().publicKey, keyRecord().publicKey + 256);
     expectSuccess(
         verify(),
-        Lines{"DEBUG CPVerifySignature", "DEBUG key handle available", "DEBUG Public key is already DER encoded"} +
-            facts(256),
-        {verifyCall(held)});
+        Lines{"DEBUG CPVerifySignature", converted[0], "DEBUG Public key is already DER encoded"} + facts(256),
+        {verifyCall(content(keyRecord().publicKey, 256))});
 }
 
 TEST_F(CspVerifyTest, WithoutAKeyHandleTheTokensKeyServes) {
@@ -348,12 +300,13 @@ TEST_F(CspVerifyTest, WithoutAKeyHandleTheTokensKeyServes) {
 }
 
 TEST_F(CspVerifyTest, Refusals) {
-    expectRefusals("CPVerifySignature", {{[&] { return CPVerifySignature(0, hash, claim.data(), 3, 0, nullptr, 0); },
-                                          NTE_BAD_UID, "CSP Context Not Initialized"},
-                                         {[&] { return CPVerifySignature(invalid, 0, claim.data(), 3, 0, nullptr, 0); },
-                                          NTE_BAD_UID, "CSP Context Not Initialized"},
-                                         {[&] { return CPVerifySignature(prov, 0, claim.data(), 3, 0, nullptr, 0); },
-                                          NTE_BAD_HASH, "Hash Context is not Initialized"}});
+    const auto refused = refusalsOf("CPVerifySignature", CPVerifySignature);
+    refused(NTE_BAD_UID, "CSP Context Not Initialized", 0, hash, claim.data(), 3, 0, nullptr, 0);
+    refused(NTE_BAD_UID, "CSP Context Not Initialized", invalid, 0, claim.data(), 3, 0, nullptr, 0);
+    refused(NTE_BAD_HASH, "Hash Context is not Initialized", prov, 0, claim.data(), 3, 0, nullptr, 0);
+    refused(ERROR_INVALID_PARAMETER, "CPVerifySignature: pbSignature is null", prov, hash, nullptr, 3, 0, nullptr, 0);
+    refused(NTE_BAD_SIGNATURE, "CPVerifySignature: signature too long, cbSigLen=65537", prov, hash, claim.data(),
+            0x10001, 0, nullptr, 0);
     struct {
         std::function<void()> arrange;
         const char* text;
@@ -365,15 +318,9 @@ TEST_F(CspVerifyTest, Refusals) {
                           "CPGetHashParam failed to get hash value"}};
     for (const auto& row : digests) {
         row.arrange();
-        log.mark();
-        EXPECT_FALSE(verify()());
-        EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_HASH));
-        EXPECT_EQ(log.entries().back(), std::string("ERROR ") + row.text);
+        expectError(verify(), NTE_BAD_HASH, std::string("ERROR ") + row.text);
         EXPECT_EQ(record().hashValueLen, 0u);
     }
-    knowDigest();
-    EXPECT_FALSE(CPVerifySignature(prov, hash, nullptr, 3, 0, nullptr, 0));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
     EXPECT_EQ(scripted::callCount("talvik_verifySignatureHash"), 0);
 }
 

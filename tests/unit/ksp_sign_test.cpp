@@ -5,8 +5,6 @@ using namespace talvik;
 
 namespace {
 
-const std::string EXPIRED = "DEBUG KSP: SignHash SSO expired, re-prompting for PIN";
-
 std::string signCall(const std::string& pin = PIN, bool pss = false) {
     return "talvik_signHash(\"T1\", " + KEY_ID + ", \"" + pin + "\", " + hex(HASH) + ", 32, out, 1024, false, null, " +
            (pss ? "true)" : "false)");
@@ -16,10 +14,8 @@ class KspSign : public KspTest {
   protected:
     Act signing(NCRYPT_KEY_HANDLE key, DWORD flags = BCRYPT_PAD_PKCS1, DWORD room = 512) {
         return [=, this] {
-            signature = Bytes(1024, 0xCD);
-            size = UNTOUCHED;
-            return ksp.SignHash(hProv, key, nullptr, const_cast<BYTE*>(HASH.data()), 32, signature.data(), room, &size,
-                                flags);
+            offer(UNTOUCHED);
+            return ksp.SignHash(hProv, key, nullptr, hash, 32, data.data(), room, &size, flags);
         };
     }
     static Lines signLines(const std::string& padding) {
@@ -28,8 +24,7 @@ class KspSign : public KspTest {
                 "DEBUG KSP: SignHash - hash length: 32"};
     }
 
-    Bytes signature;
-    DWORD size = 0;
+    BYTE* const hash = const_cast<BYTE*>(HASH.data());
 };
 
 TEST_F(KspSign, SignsWithThePaddingOfTheFlags) {
@@ -41,9 +36,7 @@ TEST_F(KspSign, SignsWithThePaddingOfTheFlags) {
         expect(ERROR_SUCCESS, "KSPSignHash", signing(key, flags, 256),
                PIN_KNOWN + signLines(pss ? "PSS" : "PKCS1") + "DEBUG KSP: SignHash success, signature length=256",
                {signCall(PIN, pss)});
-        EXPECT_EQ(size, 256u);
-        EXPECT_THAT(content(signature.data(), 256), Each(0x5A));
-        EXPECT_EQ(signature[256], 0xCD);
+        EXPECT_EQ(delivered(), filled(256, 0x5A));
     }
 }
 
@@ -61,48 +54,41 @@ TEST_F(KspSign, AnswersTheSizeFirstAndTheTrueLengthAfterwards) {
         EXPECT_EQ(size, told);
         const std::string tooSmall = "ERROR KSPSignHash: signature buffer too small, required=";
         expect(NTE_BUFFER_TOO_SMALL, "KSPSignHash", signing(key, 0, told - 1), {tooSmall + number(told)});
-        EXPECT_EQ(size, told);
+        EXPECT_TRUE(isOnlyTold(told));
         scripted::always("talvik_signHash", {.output = filled(made, 0x5A)});
         if (made > told) {
             expect(NTE_BUFFER_TOO_SMALL, "KSPSignHash", signing(key, 0, made - 1),
                    PIN_KNOWN + signLines("PKCS1") + (tooSmall + number(made)), {signCall()});
-            EXPECT_EQ(size, made);
-            EXPECT_THAT(signature, Each(0xCD));
+            EXPECT_TRUE(isOnlyTold(made));
         }
         EXPECT_EQ(signing(key, 0, made)(), ERROR_SUCCESS);
-        EXPECT_EQ(size, made);
+        EXPECT_EQ(delivered(), filled(made, 0x5A));
     }
 }
 
 TEST_F(KspSign, RefusesWhatIsMissing) {
     const NCRYPT_KEY_HANDLE key = openOnlyKey();
-    BYTE* const hash = const_cast<BYTE*>(HASH.data());
-    BYTE buffer[256];
+    BYTE some[256];
+    const auto sign = refusalsOf("KSPSignHash", ksp.SignHash);
     const std::string noKey = "KSPSignHash: key handle or pcbResult is null";
     const std::string noHash = "KSPSignHash: pbHashValue is null or cbHashValue is zero";
-    const auto sign = [&](NCRYPT_KEY_HANDLE k, BYTE* h, DWORD length, DWORD* s) {
-        return [=, this, &buffer] { return ksp.SignHash(hProv, k, nullptr, h, length, buffer, 256, s, 0); };
-    };
-    expectRefused("KSPSignHash", {{sign(0, hash, 32, &size), NTE_INVALID_PARAMETER, noKey},
-                                  {sign(key, hash, 32, nullptr), NTE_INVALID_PARAMETER, noKey},
-                                  {sign(key, nullptr, 32, &size), NTE_INVALID_PARAMETER, noHash},
-                                  {sign(key, hash, 0, &size), NTE_INVALID_PARAMETER, noHash},
-                                  {sign(key, hash, 0x80000000, &size), NTE_INVALID_PARAMETER,
-                                   "KSPSignHash: cbHashValue is too large"}});
+    const std::string tooLarge = "KSPSignHash: cbHashValue is too large";
+    sign(NTE_INVALID_PARAMETER, noKey, hProv, 0, nullptr, hash, 32, some, 256, &size, 0);
+    sign(NTE_INVALID_PARAMETER, noKey, hProv, key, nullptr, hash, 32, some, 256, nullptr, 0);
+    sign(NTE_INVALID_PARAMETER, noHash, hProv, key, nullptr, nullptr, 32, some, 256, &size, 0);
+    sign(NTE_INVALID_PARAMETER, noHash, hProv, key, nullptr, hash, 0, some, 256, &size, 0);
+    sign(NTE_INVALID_PARAMETER, tooLarge, hProv, key, nullptr, hash, 0x80000000, some, 256, &size, 0);
+    const auto verify = refusalsOf("KSPVerifySignature", ksp.VerifySignature);
     const std::string missing = "KSPVerifySignature: invalid input parameters";
-    const auto verify = [&](NCRYPT_KEY_HANDLE k, BYTE* h, DWORD hl, BYTE* s, DWORD sl) {
-        return [=, this] { return ksp.VerifySignature(hProv, k, nullptr, h, hl, s, sl, 0); };
-    };
-    expectRefused("KSPVerifySignature",
-                  {{verify(0, hash, 32, buffer, 1), NTE_INVALID_HANDLE, "KSPVerifySignature: key handle is null"},
-                   {verify(key, nullptr, 32, buffer, 1), NTE_INVALID_PARAMETER, missing},
-                   {verify(key, hash, 0, buffer, 1), NTE_INVALID_PARAMETER, missing},
-                   {verify(key, hash, 32, nullptr, 1), NTE_INVALID_PARAMETER, missing},
-                   {verify(key, hash, 32, buffer, 0), NTE_INVALID_PARAMETER, missing},
-                   {verify(key, hash, 32, buffer, 0xFFFFFFFF), NTE_INVALID_PARAMETER, missing}});
+    verify(NTE_INVALID_HANDLE, "KSPVerifySignature: key handle is null", hProv, 0, nullptr, hash, 32, some, 1, 0);
+    verify(NTE_INVALID_PARAMETER, missing, hProv, key, nullptr, nullptr, 32, some, 1, 0);
+    verify(NTE_INVALID_PARAMETER, missing, hProv, key, nullptr, hash, 0, some, 1, 0);
+    verify(NTE_INVALID_PARAMETER, missing, hProv, key, nullptr, hash, 0x80000000, some, 1, 0);
+    verify(NTE_INVALID_PARAMETER, missing, hProv, key, nullptr, hash, 32, nullptr, 1, 0);
+    verify(NTE_INVALID_PARAMETER, missing, hProv, key, nullptr, hash, 32, some, 0, 0);
+    verify(NTE_INVALID_PARAMETER, missing, hProv, key, nullptr, hash, 32, some, 0xFFFFFFFF, 0);
     keyOf(key)->publicKeyLength = 0;
-    expectRefused("KSPVerifySignature",
-                  {{verify(key, hash, 32, buffer, 1), NTE_BAD_KEY, "KSP: No public key for verification"}});
+    verify(NTE_BAD_KEY, "KSP: No public key for verification", hProv, key, nullptr, hash, 32, some, 1, 0);
 }
 
 TEST_F(KspSign, ALibraryThatFailsOrLiesAboutTheLengthIsAnInternalError) {
@@ -115,44 +101,17 @@ TEST_F(KspSign, ALibraryThatFailsOrLiesAboutTheLengthIsAnInternalError) {
     }
 }
 
-TEST_F(KspSign, AsksOnceMoreWhenTheSignOnHasExpired) {
+TEST_F(KspSign, AsksOnceMoreWhenTheSignOnHasExpiredUnlessSilent) {
     const NCRYPT_KEY_HANDLE key = openOnlyKey();
-    scripted::next("talvik_signHash", {49});
-    scripted::next("talvik_signHash", {.output = filled(256, 1)});
-    robot.enters("5678");
-    const Lines asking = Lines{"DEBUG KSP: Password not validated, checking SSO"} + dialogShown;
-    const Lines askCalls = {TOKEN_INFO};
-    expect(
-        ERROR_SUCCESS, "KSPSignHash", signing(key),
-        PIN_KNOWN + signLines("PKCS1") + EXPIRED + asking + Lines{"DEBUG KSP: SignHash success, signature length=256"},
-        Lines{signCall()} + askCalls + Lines{validation("5678"), signCall("5678")});
-    // Only once: the second 49 is an ordinary failure.
-    scripted::always("talvik_signHash", {49});
-    robot.enters(PIN);
-    EXPECT_EQ(signing(key)(), NTE_INTERNAL_ERROR);
-    EXPECT_THAT(log.take(), Contains("ERROR KSP: Sign hash failed: 49"));
-    robot.cancels();
-    expectError(signing(key), NTE_FAIL, "ERROR KSPSignHash: password validation failed after SSO expiry");
-    robot.cancels();
-    expectError(signing(key), NTE_FAIL, "ERROR KSPSignHash: password validation failed");
-    EXPECT_EQ(robot.finish().size(), 4u);
-}
-
-TEST_F(KspSign, ASilentCallNeverShowsAnything) {
-    const NCRYPT_KEY_HANDLE key = openOnlyKey();
-    const Act silently = signing(key, NCRYPT_SILENT_FLAG);
-    const std::string refusal = "ERROR KSPSignHash: silent mode requested but PIN not validated";
     scripted::always("talvik_signHash", {.output = filled(256, 1)});
-    EXPECT_EQ(silently(), ERROR_SUCCESS);
-    scripted::next("talvik_signHash", {49});
-    expect(NTE_SILENT_CONTEXT, "KSPSignHash", silently, PIN_KNOWN + signLines("PKCS1") + Lines{EXPIRED, refusal},
-           {signCall(), TOKEN_INFO});
-    EXPECT_FALSE(isPasswordValidated(DEVICE));
-    expect(NTE_SILENT_CONTEXT, "KSPSignHash", silently, {refusal}, {TOKEN_INFO});
-    attachTokens({}, true);
-    EXPECT_EQ(silently(), ERROR_SUCCESS);
-    EXPECT_THAT(scripted::takeCalls(), Contains(signCall("")));
-    EXPECT_THAT(robot.finish(), IsEmpty());
+    expectPinHandling({"KSPSignHash",
+                       "talvik_signHash",
+                       "SignHash",
+                       "Sign hash failed",
+                       [=, this](DWORD flags) { return signing(key, flags); },
+                       signLines("PKCS1"),
+                       {"DEBUG KSP: SignHash success, signature length=256"},
+                       [](const std::string& pin) { return signCall(pin); }});
 }
 
 // Between the silent test and the password check the user may have signed off.
@@ -193,8 +152,7 @@ TEST_F(KspSign, PssNeedsFirmware2) {
                       std::string("ERROR KSPSignHash: PSS not supported on firmware ") + firmware);
             EXPECT_THAT(scripted::takeCalls(), IsEmpty());
         }
-        EXPECT_EQ(ksp.VerifySignature(hProv, key, nullptr, const_cast<BYTE*>(HASH.data()), 32, signature, 1,
-                                      BCRYPT_PAD_PSS | BCRYPT_PAD_PKCS1),
+        EXPECT_EQ(ksp.VerifySignature(hProv, key, nullptr, hash, 32, signature, 1, BCRYPT_PAD_PSS | BCRYPT_PAD_PKCS1),
                   allowed ? ERROR_SUCCESS : NTE_NOT_SUPPORTED);
     }
     EXPECT_THAT(log.entries(),
@@ -205,8 +163,7 @@ TEST_F(KspSign, VerifiesWithTheKeysOwnCodeAndPublicKey) {
     const Bytes signature = bytes(5);
     const auto verifying = [&](NCRYPT_KEY_HANDLE key, DWORD flags) {
         return [=, this] {
-            return ksp.VerifySignature(hProv, key, nullptr, const_cast<BYTE*>(HASH.data()), 32,
-                                       const_cast<BYTE*>(signature.data()), 5, flags);
+            return ksp.VerifySignature(hProv, key, nullptr, hash, 32, const_cast<BYTE*>(signature.data()), 5, flags);
         };
     };
     // A modulus is wrapped, whatever begins with 0x30 is taken as DER.

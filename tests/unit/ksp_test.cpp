@@ -44,9 +44,7 @@ NCRYPT_KEY_HANDLE KspTest::openKey(NCRYPT_PROV_HANDLE provider, const TalvikKeyP
 }
 
 NCRYPT_KEY_HANDLE KspTest::aesKey(std::size_t length) {
-    Bytes blob = {0x4B, 0x44, 0x42, 0x4D, 1, 0, 0, 0, static_cast<unsigned char>(length), 0, 0, 0};
-    for (const unsigned char byte : bytes(length, 0xA0))
-        blob.push_back(byte);
+    Bytes blob = words({BCRYPT_KEY_DATA_BLOB_MAGIC, 1, static_cast<DWORD>(length)}) + bytes(length, 0xA0);
     NCRYPT_KEY_HANDLE key = 0;
     EXPECT_EQ(ksp.ImportKey(hProv, 0, L"KeyDataBlob", nullptr, &key, blob.data(), static_cast<DWORD>(blob.size()), 0),
               ERROR_SUCCESS);
@@ -79,11 +77,41 @@ void KspTest::expectError(const Act& act, SECURITY_STATUS status, const std::str
     EXPECT_EQ((Lines{""} + log.entries()).back(), lastLine);
 }
 
-void KspTest::expectRefused(const std::string& entryPoint, const std::vector<KspRefusal>& refusals, Where where) {
-    for (const KspRefusal& refusal : refusals) {
-        SCOPED_TRACE(refusal.text);
-        expect(refusal.status, entryPoint, refusal.act, {"ERROR " + refusal.text}, {}, where);
-    }
+void KspTest::expectRefused(const std::string& entryPoint, const Act& act, SECURITY_STATUS status,
+                            const std::string& text, Where where) {
+    SCOPED_TRACE(text);
+    expect(status, entryPoint, act, {"ERROR " + text}, {}, where);
+}
+
+void KspTest::expectPinHandling(const UnderPin& of, Where where) {
+    const ScopedTrace trace(where.file_name(), static_cast<int>(where.line()), "called from here");
+    const Act act = of.calling(0), silently = of.calling(NCRYPT_SILENT_FLAG);
+    const Lines expired = PIN_KNOWN + of.before + ("DEBUG KSP: " + of.name + " SSO expired, re-prompting for PIN");
+    const std::string refused = "ERROR " + of.entryPoint + ": password validation failed";
+    const std::string hidden = "ERROR " + of.entryPoint + ": silent mode requested but PIN not validated";
+    const std::string call = of.deviceCall(PIN), again = of.deviceCall("5678");
+    robot.enters("5678").enters(PIN).cancels().cancels();
+    const auto expire = [&] { scripted::next(of.operation, {49}); };
+    expire();
+    expect(ERROR_SUCCESS, of.entryPoint, act, expired + PIN_ASKED + of.after,
+           {call, TOKEN_INFO, validation("5678"), again});
+    expire();
+    expire();
+    expect(NTE_INTERNAL_ERROR, of.entryPoint, act, expired + PIN_ASKED + ("ERROR KSP: " + of.failed + ": 49"),
+           {again, TOKEN_INFO, validation(PIN), call});
+    expire();
+    expectError(act, NTE_FAIL, refused + " after SSO expiry");
+    expectError(act, NTE_FAIL, refused);
+    expect(NTE_SILENT_CONTEXT, of.entryPoint, silently, {hidden}, {TOKEN_INFO});
+    talvik::setDevicePassword(DEVICE, PIN);
+    EXPECT_EQ(silently(), ERROR_SUCCESS);
+    expire();
+    expect(NTE_SILENT_CONTEXT, of.entryPoint, silently, expired + hidden, {call, TOKEN_INFO});
+    EXPECT_FALSE(talvik::isPasswordValidated(DEVICE));
+    attachTokens({}, true);
+    EXPECT_EQ(silently(), ERROR_SUCCESS);
+    EXPECT_EQ(scripted::takeCalls().back(), of.deviceCall(""));
+    EXPECT_EQ(robot.finish(), Lines(4, "PIN"));
 }
 
 Bytes KspTest::readKeyProperty(NCRYPT_KEY_HANDLE key, const wchar_t* name, Where where) {

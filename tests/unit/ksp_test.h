@@ -39,14 +39,28 @@ class KspTest : public ProviderTest {
     void expectError(const Act& act, SECURITY_STATUS status, const std::string& lastLine,
                      Where where = Where::current());
 
-    // Refusals without a device call: one ERROR line, the last.
-    struct KspRefusal {
-        Act act;
-        SECURITY_STATUS status;
-        std::string text;
-    };
-    void expectRefused(const std::string& entryPoint, const std::vector<KspRefusal>& refusals,
+    // A refusal without a device call: one ERROR line, the last. The second is to be called with the status, the text
+    // and the arguments that are refused.
+    void expectRefused(const std::string& entryPoint, const Act& act, SECURITY_STATUS status, const std::string& text,
                        Where where = Where::current());
+    template <class... Parameters>
+    auto refusalsOf(const std::string& entryPoint, SECURITY_STATUS(WINAPI* function)(Parameters...)) {
+        return [=, this](SECURITY_STATUS status, const std::string& text, Parameters... arguments) {
+            expectRefused(
+                entryPoint, [=] { return function(arguments...); }, status, text);
+        };
+    }
+
+    // What goes for every operation under the PIN: when the single sign-on has expired it asks once more and no more,
+    // what the user gives up fails, and a silent call shows nothing. `before` and `after` are the lines around the
+    // device call; the texts call the operation `name` and, when the token refuses it, `failed`.
+    struct UnderPin {
+        std::string entryPoint, operation, name, failed;
+        std::function<Act(DWORD flags)> calling;
+        Lines before, after;
+        std::function<std::string(const std::string& pin)> deviceCall;
+    };
+    void expectPinHandling(const UnderPin& of, Where where = Where::current());
 
     // A value by name; checks the size query, a buffer one byte short and the exact buffer.
     Bytes readKeyProperty(NCRYPT_KEY_HANDLE key, const wchar_t* name, Where where = Where::current());
@@ -65,6 +79,7 @@ Bytes readBySizeRule(const std::function<SECURITY_STATUS(BYTE*, DWORD, DWORD*)>&
 inline const std::string KEY_ID = "abababababababababababababababab";  // of the only key
 inline const Bytes HASH = bytes(32);
 inline const Lines PIN_KNOWN = {"DEBUG KSP: PIN already validated"};
+inline const Lines PIN_ASKED = Lines{"DEBUG KSP: Password not validated, checking SSO"} + dialogShown;
 
 template <class Value>
 Value valueOf(const Bytes& bytes) {

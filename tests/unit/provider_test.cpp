@@ -7,9 +7,6 @@
 
 using namespace testing;
 
-const Lines dialogShown = {"DEBUG Password dialog show window", "DEBUG Password dialog show window before",
-                           "DEBUG Password dialog show window after"};
-
 Lines operator+(Lines left, const Lines& right) {
     left.insert(left.end(), right.begin(), right.end());
     return left;
@@ -22,6 +19,21 @@ Lines operator+(Lines left, const std::string& line) {
 
 std::string validation(const std::string& pin) {
     return "talvik_validatePassword(\"T1\", \"" + pin + "\", 1, 0, null)";
+}
+
+std::string storeAesCall(const Bytes& value, unsigned int type) {
+    return "talvik_importAesKey(\"T1\", \"1234\", {key=" + hex(value) + "/" + number(value.size()) +
+           " label=\"\" name=\"\" usage=0 keyType=" + number(type) + "}, null)";
+}
+
+std::string unwrapCall(const Bytes& keyId, bool storageFlag) {
+    return "talvik_decrypt_aes(\"T1\", " + hex(keyId) + ", " + number(keyId.size()) + ", 0102030405, 5, out, out, " +
+           (storageFlag ? "true" : "false") + ", null, 0, null)";
+}
+
+void attachToken(std::vector<TalvikKeyPair> keyPairs, std::vector<TalvikCertificate> certificates,
+                 std::vector<TalvikSymmetricKey> aesKeys) {
+    scripted::attach({{DEVICE, {scripted::tokenInfo("one"), keyPairs, certificates, aesKeys}}});
 }
 
 void attachTokens(std::vector<TalvikKeyPair> keyPairs, bool loggedIn) {
@@ -91,22 +103,50 @@ void ProviderTest::expectError(const Call& call, ErrorCode error, const std::str
     EXPECT_EQ((Lines{""} + log.entries()).back(), lastLine);
 }
 
-void ProviderTest::expectRefusals(const std::string& entryPoint, const std::vector<Refusal>& refusals, Where where) {
-    const ScopedTrace trace(where.file_name(), static_cast<int>(where.line()), "table of refusals");
-    for (const Refusal& refusal : refusals) {
-        SCOPED_TRACE(refusal.text);
-        forgetSoFar();
-        SetLastError(UNTOUCHED_ERROR);
-        EXPECT_FALSE(refusal.call());
-        EXPECT_EQ(GetLastError(), static_cast<DWORD>(refusal.error));
-        const Lines lines = log.entries();
-        EXPECT_THAT(ofLevel(lines, "ERROR"), ElementsAre(refusal.text));
-        if (!lines.empty()) {
-            EXPECT_EQ(lines.front(), "DEBUG " + entryPoint);
-            EXPECT_EQ(lines.back(), "ERROR " + refusal.text);
-        }
-        EXPECT_THAT(scripted::takeCalls(), IsEmpty());
-    }
+void ProviderTest::expectRefusal(const std::string& entryPoint, const Call& call, ErrorCode error,
+                                 const std::string& text) {
+    SCOPED_TRACE(text);
+    expectError(call, error, "ERROR " + text);
+    const Lines lines = log.entries();
+    ASSERT_THAT(ofLevel(lines, "ERROR"), SizeIs(1));
+    EXPECT_EQ(lines.front(), "DEBUG " + entryPoint);
+    EXPECT_THAT(scripted::takeCalls(), IsEmpty());
+}
+
+void ProviderTest::expectRenewal(const UnderPin& of, Where where) {
+    const std::string refused = "ERROR " + of.entryPoint + ": ensurePasswordValidated failed";
+    const Lines asked = Lines{NOT_VALIDATED} + dialogShown;
+    const Lines cancelled = {"DEBUG User cancelled password dialog", "ERROR Password validation failed"};
+    const Lines expired =
+        of.head + VALIDATED + of.before + ("DEBUG " + of.entryPoint + ": SSO expired, re-prompting for PIN") + asked;
+    const std::string again = of.deviceCall("5678");
+    robot.enters("5678").enters("5678").cancels().cancels();
+    const auto expire = [&] { scripted::next(of.operation, {.status = 49, .length = 3}); };
+    expire();
+    expectSuccess(of.call, expired + of.after, {of.deviceCall("1234"), TOKEN_INFO, validation("5678"), again}, where);
+    expire();
+    expire();
+    expectFailure(of.call, NTE_PROVIDER_DLL_FAIL, expired + of.failed, {again, TOKEN_INFO, validation("5678"), again},
+                  where);
+    expire();
+    expectFailure(of.call, NTE_FAIL, expired + cancelled + (refused + " after SSO expiry"), {again, TOKEN_INFO}, where);
+    expectFailure(of.call, NTE_FAIL, of.head + asked + cancelled + refused, {TOKEN_INFO}, where);
+    EXPECT_EQ(robot.finish(), Lines(4, "PIN"));
+}
+
+void ProviderTest::offer(DWORD room) {
+    data = filled(4096, 0xCD);
+    size = room;
+}
+
+Bytes ProviderTest::delivered() const {
+    const auto end = data.begin() + static_cast<std::ptrdiff_t>(std::min<std::size_t>(size, data.size()));
+    EXPECT_TRUE(std::all_of(end, data.end(), [](unsigned char byte) { return byte == 0xCD; }));
+    return {data.begin(), end};
+}
+
+bool ProviderTest::isOnlyTold(DWORD needed) const {
+    return size == needed && data == filled(data.size(), 0xCD);
 }
 
 VTableProvStruc* someTable() {
@@ -131,6 +171,14 @@ std::string hex(const Bytes& value) {
         text += "0123456789abcdef"[byte & 15];
     }
     return text;
+}
+
+std::string upperHex(const Bytes& value) {
+    return talvik::bytesToHexString(value.data(), static_cast<int>(value.size()));
+}
+
+Bytes cut(const Bytes& value, std::size_t length) {
+    return content(value.data(), length);
 }
 
 Bytes operator+(Bytes left, const Bytes& right) {

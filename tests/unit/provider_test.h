@@ -31,8 +31,10 @@ using Lines = std::vector<std::string>;
 
 inline constexpr char DEVICE[] = "T1";
 
-// Two tokens that nobody is logged in to: "T1" with `keyPairs`, "T2" with none.
+// Two tokens that nobody is logged in to: "T1" with `keyPairs`, "T2" with none. Or "T1" alone.
 void attachTokens(std::vector<TalvikKeyPair> keyPairs, bool loggedIn = false);
+void attachToken(std::vector<TalvikKeyPair> keyPairs, std::vector<TalvikCertificate> certificates = {},
+                 std::vector<TalvikSymmetricKey> aesKeys = {});
 
 // A fresh process as far as one can be had: no session state, logLevel 3, an empty script with two tokens, a robot
 // for the windows. The device monitor runs throughout, so that every acquisition logs the same.
@@ -62,16 +64,36 @@ class ProviderTest : public testing::Test {
     // A failure, of which only the error and the last line count.
     void expectError(const Call& call, ErrorCode error, const std::string& lastLine, Where where = Where::current());
 
-    // An entry point that refuses before it touches the token: its own DEBUG line comes first, one ERROR line last.
-    struct Refusal {
+    // An entry point that refuses before it touches the token: its own DEBUG line comes first, one ERROR line last. To
+    // be called with the error, the text and the arguments that are refused.
+    template <class... Parameters>
+    auto refusalsOf(const std::string& entryPoint, BOOL(WINAPI* function)(Parameters...)) {
+        return [=, this](ErrorCode error, const std::string& text, Parameters... arguments) {
+            expectRefusal(
+                entryPoint, [=] { return function(arguments...); }, error, text);
+        };
+    }
+    void expectRefusal(const std::string& entryPoint, const Call& call, ErrorCode error, const std::string& text);
+
+    // What goes for every operation under the PIN "1234": when the single sign-on has expired it asks once more and no
+    // more, and what the user gives up fails. `head`, `before` and `after` are the lines around the PIN check and the
+    // device call; `failed` are those in the place of `after` when the token goes on saying 49.
+    struct UnderPin {
+        std::string entryPoint, operation;
         Call call;
-        ErrorCode error;
-        std::string text;
+        Lines head, before, after, failed;
+        std::function<std::string(const std::string& pin)> deviceCall;
     };
-    void expectRefusals(const std::string& entryPoint, const std::vector<Refusal>& refusals,
-                        Where where = Where::current());
+    void expectRenewal(const UnderPin& of, Where where = Where::current());
 
     void forgetSoFar();
+
+    // Where a call puts its answer: canaries in all of `data`, and the length that it is given and leaves behind.
+    void offer(DWORD room);
+    Bytes delivered() const;              // as long as `size` says; fails where a byte behind it was touched
+    bool isOnlyTold(DWORD needed) const;  // the size, and nothing was written
+    Bytes data;
+    DWORD size = 0;
 
     LogReader log;
     DialogRobot robot;
@@ -87,7 +109,8 @@ inline constexpr DWORD UNTOUCHED = 0xCDCDCDCD;
 inline constexpr HCRYPTHASH UNTOUCHED_HANDLE = 0xCDCDCDCDCDCD;
 
 // What the PIN dialog logs when it is shown.
-extern const Lines dialogShown;
+inline const Lines dialogShown = {"DEBUG Password dialog show window", "DEBUG Password dialog show window before",
+                                  "DEBUG Password dialog show window after"};
 
 // What many calls log, and what they ask of the token "T1".
 inline constexpr char VALIDATED[] = "DEBUG PIN already validated -- no need to ask again";
@@ -97,7 +120,11 @@ inline constexpr char INIT[] = "talvik_init(0, null, 2)";
 inline constexpr char DEVICES[] = "talvik_getConnectedDeviceList(false, null)";
 inline constexpr char KEY_LIST[] = "talvik_getKeyPairList(\"T1\", null)";
 inline constexpr char TOKEN_INFO[] = "talvik_getTokenInfo(\"T1\", null)";
+inline const std::string CERTIFICATE_LIST = "talvik_getCertificateList(\"T1\", null)";
+inline const std::string AES_LIST = "talvik_getAesKeyList(\"T1\", null)";
 std::string validation(const std::string& pin);
+std::string storeAesCall(const Bytes& value, unsigned int type);  // under the PIN "1234"
+std::string unwrapCall(const Bytes& keyId, bool storageFlag);     // of the bytes 1 to 5
 
 // The names of the keys that are filled with 0x11 and 0x22.
 inline const std::string ONE(32, '1'), TWO(32, '2');
@@ -110,6 +137,8 @@ VTableProvStruc* someTable();
 
 Bytes bytes(std::size_t count, unsigned char first = 1);  // first, first + 1, ...
 std::string hex(const Bytes& value);                      // lower case, as in recorded calls
+std::string upperHex(const Bytes& value);                 // as in the log
+Bytes cut(const Bytes& value, std::size_t length);
 Bytes filled(std::size_t count, unsigned char value);
 Bytes operator+(Bytes left, const Bytes& right);
 Bytes reversed(const Bytes& value);
