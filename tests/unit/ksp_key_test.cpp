@@ -380,6 +380,10 @@ TEST_F(KspKeys, FindsItsCertificateByAliasAndElseByPublicKey) {
         scripted::next("talvik_getCertificateDetails", outcome);
         EXPECT_EQ(query(), NTE_NOT_FOUND);
     }
+    // A handle without a public key has no certificate in one whose key cannot be read.
+    keyOf(key)->publicKeyLength = 0;
+    scripted::next("talvik_getCertificateDetails", {.output = Bytes{}});
+    EXPECT_EQ(query(), NTE_NOT_FOUND);
     // An empty alias is that of any certificate that has none either.
     keyOf(key)->keyAliasLength = byKey.keyAliasLength = 0;
     attachToken({record}, {byKey, byAlias});
