@@ -129,12 +129,6 @@ chain_holds_signer_and_ca() {
 }
 
 # Wine's CNG loads no key storage provider: a stand-in for that part of the system lies beside the program.
-register_cng() {
-    scripts/wine-run reg add \
-        'HKLM\SYSTEM\CurrentControlSet\Control\Cryptography\Providers\Talvik Cryptographic Provider CSP\UM' \
-        /v Image /d TalvikCSP.dll /f /reg:64
-}
-
 sign_with_cng() {
     mkdir -p "$(dirname "$(log_folder)")/talvik_cng_demo.exe"
     TALVIK_DEMO_PIN=$pin WINEDLLOVERRIDES="mscoree,mshtml,winemenubuilder.exe=;ncrypt=n" timeout 120 \
@@ -223,7 +217,7 @@ fi
 cp "$(log_folder)"/*.LOG "$out/"
 
 say "Signing it once more through CNG (with a stand-in for the part of CNG that Wine lacks)"
-step "the provider in CNG's list" register_cng
+step "the provider in CNG's list" scripts/register-ksp
 sign_with_cng || fail "the CNG program failed"
 
 openssl x509 -inform DER -in "$state/signer.der" -out "$out/signer.pem"
