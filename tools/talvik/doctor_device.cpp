@@ -12,6 +12,7 @@
 
 #include "device_library_exports.h"
 #include "log_files.h"
+#include "system_folder.h"
 #include "token/device_library.h"
 
 namespace talvik_tool {
@@ -23,7 +24,7 @@ constexpr int soonDays = 30;
 // Loaded for good: what it hands out may outlive every scope here.
 class DeviceLibrary {
   public:
-    DeviceLibrary() : module_(LoadLibraryW(libraryName)) {}
+    DeviceLibrary() : module_(loadSystemModule(libraryName)) {}
     explicit operator bool() const { return module_ != nullptr; }
 
     std::wstring path() const {
@@ -79,8 +80,13 @@ std::string usageName(std::uint32_t usage) {
     return usage >= 1 && usage <= std::size(names) ? names[usage - 1] : "usage " + std::to_string(usage);
 }
 
+constexpr wchar_t certificateLibrary[] = L"crypt32.dll";
+
 struct FreeCertificate {
-    void operator()(const CERT_CONTEXT* certificate) const { CertFreeCertificateContext(certificate); }
+    void operator()(const CERT_CONTEXT* certificate) const {
+        systemFunction<decltype(CertFreeCertificateContext)>(certificateLibrary,
+                                                             "CertFreeCertificateContext")(certificate);
+    }
 };
 using Certificate = std::unique_ptr<const CERT_CONTEXT, FreeCertificate>;
 
@@ -94,8 +100,9 @@ std::string dateText(const FILETIME& time) {
 
 std::string subjectOf(const CERT_CONTEXT& certificate) {
     std::array<wchar_t, 512> name = {};
-    const DWORD length = CertNameToStrW(X509_ASN_ENCODING, &certificate.pCertInfo->Subject, CERT_X500_NAME_STR,
-                                        name.data(), static_cast<DWORD>(name.size()));
+    const auto nameToText = systemFunction<decltype(CertNameToStrW)>(certificateLibrary, "CertNameToStrW");
+    const DWORD length = nameToText(X509_ASN_ENCODING, &certificate.pCertInfo->Subject, CERT_X500_NAME_STR, name.data(),
+                                    static_cast<DWORD>(name.size()));
     return utf8(std::wstring(name.data(), length > 0 ? length - 1 : 0));
 }
 
@@ -168,8 +175,9 @@ class TokenInspection {
                                         const std::string& container) {
         CertificateFacts facts;
         const DWORD length = std::min<DWORD>(record.derLength, sizeof record.der);
-        const Certificate certificate(
-            CertCreateCertificateContext(X509_ASN_ENCODING | PKCS_7_ASN_ENCODING, record.der, length));
+        const auto create =
+            systemFunction<decltype(CertCreateCertificateContext)>(certificateLibrary, "CertCreateCertificateContext");
+        const Certificate certificate(create(X509_ASN_ENCODING | PKCS_7_ASN_ENCODING, record.der, length));
         if (!certificate) {
             findings_.problem("The certificate of container " + container + " is damaged.", "Store it again.");
             return facts;
@@ -219,8 +227,9 @@ DeviceFacts inspectDevices(Findings& findings) {
     DeviceFacts facts;
     const DeviceLibrary library;
     if (!library) {
-        findings.problem("TalvikDSCLibrary.dll cannot be loaded: " + errorText(GetLastError()),
-                         "Install the token maker's software, or the package's virtual token (ADDLOCAL=VirtualToken).");
+        findings.problem("TalvikDSCLibrary.dll cannot be loaded from the system folder: " + errorText(GetLastError()),
+                         "Install the token maker's software, or the package's virtual token (ADDLOCAL=VirtualToken). "
+                         "A library elsewhere, on PATH for one, is not tried here.");
         return facts;
     }
     facts.library = describeModule(library.path());

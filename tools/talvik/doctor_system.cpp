@@ -8,6 +8,7 @@
 #include <winver.h>
 
 #include "log_files.h"
+#include "system_folder.h"
 #include "token/device_library.h"
 
 namespace talvik_tool {
@@ -38,17 +39,9 @@ std::optional<std::wstring> readText(const std::wstring& key, const wchar_t* val
     return read;
 }
 
-// Where loading a module by this name finds it; empty when nowhere.
-std::wstring findModule(const std::wstring& name) {
-    std::array<wchar_t, 1024> path = {};
-    const DWORD length =
-        SearchPathW(nullptr, name.c_str(), nullptr, static_cast<DWORD>(path.size()), path.data(), nullptr);
-    return std::wstring(path.data(), length < path.size() ? length : 0);
-}
-
 class Module {
   public:
-    explicit Module(const std::wstring& name) : handle_(LoadLibraryW(name.c_str())) {}
+    explicit Module(const std::wstring& name) : handle_(loadSystemModule(name.c_str())) {}
     ~Module() {
         if (handle_ != nullptr) {
             FreeLibrary(handle_);
@@ -63,7 +56,7 @@ class Module {
 };
 
 void checkProviderFile(Installation& found, Findings& findings) {
-    const std::wstring path = findModule(imageName);
+    const std::wstring path = systemFile(imageName);
     if (path.empty()) {
         findings.problem("TalvikCSP.dll is not installed.", "Install the package: msiexec /i Talvik-...-x64.msi");
         return;
@@ -110,7 +103,7 @@ void checkCspEntry(Installation& found, Findings& findings) {
             "The provider's entry in CryptoAPI's provider list is damaged: Type must be 1, Signature "
             "must be there.",
             repair);
-    } else if (findModule(readText(cspKey, L"Image Path").value_or(L"")).empty()) {
+    } else if (systemFile(readText(cspKey, L"Image Path").value_or(L"")).empty()) {
         findings.problem("CryptoAPI's provider list names " + found.cspImage + ", which does not exist.", repair);
     }
 }
@@ -165,16 +158,19 @@ std::string errorText(unsigned long error) {
 }
 
 ModuleFile describeModule(const std::wstring& path) {
+    constexpr wchar_t library[] = L"version.dll";
+    const auto sizeOf = systemFunction<decltype(GetFileVersionInfoSizeW)>(library, "GetFileVersionInfoSizeW");
+    const auto read = systemFunction<decltype(GetFileVersionInfoW)>(library, "GetFileVersionInfoW");
+    const auto query = systemFunction<decltype(VerQueryValueW)>(library, "VerQueryValueW");
     ModuleFile described{utf8(path), "", "", ""};
     DWORD ignored = 0;
-    std::string information(GetFileVersionInfoSizeW(path.c_str(), &ignored), '\0');
-    if (information.empty() ||
-        !GetFileVersionInfoW(path.c_str(), 0, static_cast<DWORD>(information.size()), information.data())) {
+    std::string information(sizeOf(path.c_str(), &ignored), '\0');
+    if (information.empty() || !read(path.c_str(), 0, static_cast<DWORD>(information.size()), information.data())) {
         return described;
     }
     void* value = nullptr;
     UINT size = 0;
-    if (VerQueryValueW(information.data(), L"\\", &value, &size) && size >= sizeof(VS_FIXEDFILEINFO)) {
+    if (query(information.data(), L"\\", &value, &size) && size >= sizeof(VS_FIXEDFILEINFO)) {
         const auto& fixed = *static_cast<const VS_FIXEDFILEINFO*>(value);
         char version[48];
         std::snprintf(version, sizeof version, "%u.%u.%u.%u", HIWORD(fixed.dwFileVersionMS),
@@ -183,7 +179,7 @@ ModuleFile describeModule(const std::wstring& path) {
     }
     const auto text = [&](const wchar_t* name) {
         const std::wstring path = std::wstring(L"\\StringFileInfo\\040904B0\\") + name;
-        const bool isThere = VerQueryValueW(information.data(), path.c_str(), &value, &size) && size > 1;
+        const bool isThere = query(information.data(), path.c_str(), &value, &size) && size > 1;
         return isThere ? utf8(static_cast<const wchar_t*>(value)) : std::string();
     };
     described.company = text(L"CompanyName");

@@ -10,6 +10,7 @@
 #include "exit_code.h"
 #include "log_command.h"
 #include "status.h"
+#include "system_folder.h"
 #include "token_commands.h"
 
 namespace {
@@ -78,6 +79,7 @@ int run() {
 }  // namespace
 
 int main() {
+    loadFromSystemFolderOnly();
     try {
         return run();
     } catch (const TokenError& error) {
