@@ -5,6 +5,7 @@
 #include <cstring>
 #include <iterator>
 #include <memory>
+#include <new>
 
 #include "csp/blob.h"
 #include "csp/context.h"
@@ -21,10 +22,8 @@ namespace {
 
 constexpr std::size_t resultMargin = 1024;  // how much longer than its input an honest plaintext can be
 
-// More than this is no RSA ciphertext, and its length more likely garbage than memory to read.
-constexpr std::size_t longestCiphertext = 0x10000;
-
-// What every import gets: the context, the blob, the key that unwraps it, and where the new handle goes.
+// What every import gets: the context, the blob, the key that unwraps it, and where the new handle goes. That this is
+// somewhere matters once there is a handle to make: what is wrong with the blob is told first.
 struct Import {
     const CspContext& context;
     BlobReader blob;
@@ -34,6 +33,10 @@ struct Import {
     ByteView payload() const { return blob.from(BLOB_PAYLOAD); }
     ALG_ID algId() const { return blob.wordAt(BLOB_ALG_ID); }
 };
+
+Outcome refuseMissingHandle() {
+    return fail(ERROR_INVALID_PARAMETER, "CPImportKey - phKey is null");
+}
 
 void handOver(std::unique_ptr<KEY_HANDLE> key, HCRYPTKEY* phKey) {
     *phKey = reinterpret_cast<HCRYPTKEY>(key.release());
@@ -69,11 +72,11 @@ Outcome importSessionKey(const Import& import) {
     }
     logDebug("Input key id : ", HexBytes{import.importingKey->keyId, sizeof import.importingKey->keyId});
     const ByteView payload = import.payload();
-    const bool isPlausible = payload.size() <= longestCiphertext;
+    const bool fits = payload.size() <= INT_MAX;  // the library takes signed lengths
     LibraryBuffer plaintext(payload.size() + resultMargin);
-    if (!isPlausible || !decryptSessionKey(import, reverseBytes(payload), plaintext)) {
+    if (!fits || !decryptSessionKey(import, reverseBytes(payload), plaintext)) {
         logError("SIMPLEBLOB decryption failed");
-        if (!isPlausible || !decryptSessionKey(import, payload, plaintext)) {
+        if (!fits || !decryptSessionKey(import, payload, plaintext)) {
             return fail(NTE_FAIL, "SIMPLEBLOB decryption failed (both orderings)");
         }
     }
@@ -87,6 +90,9 @@ Outcome importSessionKey(const Import& import) {
     std::unique_ptr<KEY_HANDLE> key = newKey();
     if (value.size() > sizeof key->aesKey) {
         return fail(NTE_BAD_DATA, "SIMPLEBLOB decryption failed (key too long)");
+    }
+    if (import.phKey == nullptr) {
+        return refuseMissingHandle();
     }
     key->algId = algorithm->code;
     std::copy(value.begin(), value.end(), key->aesKey);
@@ -114,13 +120,21 @@ Outcome importPublicKey(const Import& import) {
         return fail(NTE_BAD_DATA, "CPImportKey PUBLICKEYBLOB: size mismatch, cbDataLen=", blob.size(),
                     " required=", BLOB_RSA_MODULUS + modulusSize);
     }
-    const Bytes modulus = reverseBytes(blob.from(BLOB_RSA_MODULUS).first(modulusSize));
+    const std::unique_ptr<unsigned char[]> modulus(new (std::nothrow) unsigned char[modulusSize]);
+    if (modulus == nullptr) {
+        return fail(NTE_NO_MEMORY, "CPImportKey PUBLICKEYBLOB: failed to allocate beModulus buffer");
+    }
+    const ByteView littleEndian = blob.from(BLOB_RSA_MODULUS).first(modulusSize);
+    std::reverse_copy(littleEndian.begin(), littleEndian.end(), modulus.get());
     const Bytes exponent = uintToBigEndianBytes(static_cast<std::int32_t>(blob.wordAt(BLOB_RSA_EXPONENT)), 3);
     logDebug("Public exponent : ", HexBytes{exponent.data(), static_cast<int>(exponent.size())});
-    const Bytes der = buildRsaPublicKeyDerFromBytes(modulus, exponent);
+    const Bytes der = buildRsaPublicKeyDerFromBytes({modulus.get(), modulusSize}, exponent);
     const auto* const size = std::find(std::begin(rsaSizes), std::end(rsaSizes), bits);
     if (size == std::end(rsaSizes)) {
         return fail(NTE_BAD_DATA, "Unsupported RSA key size");
+    }
+    if (import.phKey == nullptr) {
+        return refuseMissingHandle();
     }
     std::unique_ptr<KEY_HANDLE> key = newKey();
     std::copy(der.begin(), der.end(), key->publicKey);
@@ -155,6 +169,9 @@ std::unique_ptr<KEY_HANDLE> describeStoredKey(const TalvikSymmetricKey& record, 
 
 Outcome storeOnToken(const Import& import, ByteView value, std::uint32_t keyType, const char* failed,
                      const char* succeeded) {
+    if (import.phKey == nullptr) {
+        return refuseMissingHandle();
+    }
     const std::optional<TalvikSymmetricKey> stored =
         storeAesKey(import.context.deviceId, value, keyType, import.context.reserved);
     if (!stored) {
@@ -221,9 +238,6 @@ Outcome importKey(HCRYPTPROV hProv, const BYTE* pbData, DWORD dwDataLen, HCRYPTK
     const CspContext* const context = contextOf(hProv);
     if (context == nullptr) {
         return fail(NTE_BAD_UID, "CPImportKey - Contest null or not initialised");
-    }
-    if (phKey == nullptr) {
-        return fail(ERROR_INVALID_PARAMETER, "CPImportKey - phKey is null");
     }
     if (dwDataLen < BLOB_PAYLOAD) {
         return fail(NTE_INVALID_PARAMETER, "CPImportKey - Input data to import is empty");

@@ -16,6 +16,7 @@
 namespace talvik::csp {
 namespace {
 
+// Where a parameter's answer goes. Whether the size can be reported matters only once there is an answer.
 struct Output {
     BYTE* buffer;
     DWORD* size;
@@ -23,10 +24,13 @@ struct Output {
 
 // A null buffer and a zero length both ask for the size here.
 bool isSizeQuery(Output out) {
-    return out.buffer == nullptr || *out.size == 0;
+    return out.buffer == nullptr || out.size == nullptr || *out.size == 0;
 }
 
 Outcome answerSize(DWORD size, Output out) {
+    if (out.size == nullptr) {
+        return fail(ERROR_INVALID_PARAMETER, "CPGetKeyParam: pcbDataLen is null");
+    }
     *out.size = size;
     return success();
 }
@@ -41,9 +45,8 @@ Outcome getWord(DWORD value, Output out, const char* name) {
 
 Outcome getAlgId(const KEY_HANDLE& key, Output out) {
     if (isSizeQuery(out)) {
-        *out.size = sizeof key.algId;
         logDebug("CPGetKeyParam - input for alg id is null");
-        return success();
+        return answerSize(sizeof key.algId, out);
     }
     if (*out.size >= sizeof key.algId) {
         logDebug("CPGetKeyParam - copying alg id : ", key.algId);
@@ -82,9 +85,6 @@ Outcome getParam(HCRYPTPROV hProv, HCRYPTKEY hKey, DWORD dwParam, Output out) {
     }
     if (hKey == 0) {
         return fail(NTE_BAD_KEY, "CPGetKeyParam: key handle is null");
-    }
-    if (out.size == nullptr) {
-        return fail(ERROR_INVALID_PARAMETER, "CPGetKeyParam: pcbDataLen is null");
     }
     const KEY_HANDLE& key = *keyOf(hKey);
     logDebug("CPGetKeyParam - dwparam : ", dwParam);

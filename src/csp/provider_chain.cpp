@@ -49,12 +49,17 @@ Outcome getCertificateChain(const CspContext& context, ProviderOutput out) {
         return fail(NTE_NO_KEY,
                     "CPGetProvParam PP_CERTCHAIN: container not found, containerName=", context.containerName);
     }
-    const DWORD room = *out.size;
-    if (BuildCertificateChain(chain->second, certificates, out.buffer, out.size) == FALSE) {
+    const DWORD room = out.size != nullptr ? *out.size : 0;
+    DWORD size = room;
+    if (BuildCertificateChain(chain->second, certificates, out.buffer, &size) == FALSE) {
         return failureAsSet();
     }
-    const bool isDelivered = out.buffer != nullptr && *out.size <= room;
-    return isDelivered ? success() : successLeaving(ERROR_MORE_DATA);
+    const bool isDelivered = out.buffer != nullptr && size <= room;
+    if (!isDelivered) {
+        return moreData(size, out);
+    }
+    *out.size = size;
+    return success();
 }
 
 }  // namespace talvik::csp

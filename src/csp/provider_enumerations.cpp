@@ -59,7 +59,7 @@ Outcome walkAlgorithms(CspContext& context, ProviderOutput out, DWORD flags, std
     }
     const AdvertisedAlgorithm& algorithm = supportedAlgorithms[context.algEnumIndex];
     const auto record = makeRecord(algorithm);
-    if (out.buffer == nullptr) {
+    if (out.buffer == nullptr || out.size == nullptr) {
         return moreData(sizeof record, out);
     }
     const Outcome outcome = answer(bytesOf(record), out.buffer, out.size, "CPGetProvParam ", parameter,

@@ -19,8 +19,15 @@ constexpr std::string_view providerName = "Talvik Cryptographic Provider CSP";
 constexpr DWORD hardwareAndRemovable = CRYPT_IMPL_HARDWARE | CRYPT_IMPL_REMOVABLE;
 constexpr DWORD providerVersion = 0x100;
 
+Outcome refuseMissingSize() {
+    return fail(ERROR_INVALID_PARAMETER, "CPGetProvParam: pcbDataLen is null");
+}
+
 // How the simple parameters end: a missing or short buffer is no error, the value is just not written.
 Outcome reportLength(std::size_t length, ProviderOutput out) {
+    if (out.size == nullptr) {
+        return refuseMissingSize();
+    }
     *out.size = static_cast<DWORD>(length);
     logDebug("CPGetProvParam out length : ", length);
     logDebug("CPGetProvParam return success");
@@ -168,9 +175,6 @@ Outcome getParam(HCRYPTPROV hProv, DWORD dwParam, ProviderOutput out, DWORD dwFl
     logDebug("CPGetProvParam");
     logDebug("CPGetProvParam input : ", dwParam);
     logDebug("CPGetProvParam : ", dwParam);
-    if (out.size == nullptr) {
-        return fail(ERROR_INVALID_PARAMETER, "CPGetProvParam: pcbDataLen is null");
-    }
     return getByParameter(*context, dwParam, out, dwFlags);
 }
 
@@ -231,6 +235,9 @@ Outcome setParam(HCRYPTPROV hProv, DWORD dwParam, const BYTE* pbData) {
 }  // namespace
 
 Outcome moreData(std::size_t needed, ProviderOutput out) {
+    if (out.size == nullptr) {
+        return refuseMissingSize();
+    }
     *out.size = static_cast<DWORD>(needed);
     return successLeaving(ERROR_MORE_DATA);
 }

@@ -6,12 +6,15 @@
 
 namespace talvik::csp {
 
-// Where a parameter's answer goes; `size` is never null.
+// Where a parameter's answer goes. A null `size` is refused where a size is to be reported, after everything else that
+// a parameter has to refuse.
 struct ProviderOutput {
     BYTE* buffer;
     DWORD* size;
 
-    bool hasRoomFor(std::size_t length) const noexcept { return buffer != nullptr && *size >= length; }
+    bool hasRoomFor(std::size_t length) const noexcept {
+        return buffer != nullptr && size != nullptr && *size >= length;
+    }
 };
 
 // The size answer that most parameters share: the needed size, and success with ERROR_MORE_DATA as the last error.

@@ -1,5 +1,6 @@
 // CPSignHash and CPVerifySignature.
 #include <algorithm>
+#include <climits>
 #include <cstring>
 #include <vector>
 
@@ -20,9 +21,6 @@ namespace {
 // Room for the largest signature of any token key, with a margin for a library that writes more than the caller has
 // room for.
 constexpr std::size_t largestSignature = 1024;
-
-// A signature to verify that is longer than this is none, and its length more likely garbage than memory to read.
-constexpr std::size_t longestSignature = 0x10000;
 
 DWORD signatureSize(std::uint32_t keyType) {
     switch (keyType) {
@@ -104,9 +102,6 @@ Outcome signHash(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD dwFlags, BYTE* pbSign
     if (hHash == 0) {
         return fail(NTE_BAD_HASH, "CPSignHash: hash handle is null");
     }
-    if (pdwSigLen == nullptr) {
-        return fail(ERROR_INVALID_PARAMETER, "CPSignHash: pdwSigLen is null");
-    }
     HASH_CONTEXT& hash = *hashOf(hHash);
     if (hash.hashValueLen == 0) {
         if (const auto failure = finalizeHash(hash, sizeof hash.hashValue, context->reserved)) {
@@ -121,12 +116,16 @@ Outcome signHash(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD dwFlags, BYTE* pbSign
             return fail(NTE_NO_KEY, "CPSignHash: sign key not found for container=", context->containerName);
         }
     }
-    if (pbSignature == nullptr) {
+    const bool isSizeQuery = pbSignature == nullptr;
+    if (!isSizeQuery && !ensurePasswordValidated(context->deviceId, context->reserved)) {
+        return failAsSet("CPSignHash: ensurePasswordValidated failed");
+    }
+    if (pdwSigLen == nullptr) {
+        return fail(ERROR_INVALID_PARAMETER, "CPSignHash: pdwSigLen is null");
+    }
+    if (isSizeQuery) {
         *pdwSigLen = signatureSize(hash.mechanism);
         return success();
-    }
-    if (!ensurePasswordValidated(context->deviceId, context->reserved)) {
-        return failAsSet("CPSignHash: ensurePasswordValidated failed");
     }
     logDebug("CPSignHash dwFlags : ", dwFlags);
     logDebug("CPSignHash hashAlgorithm : ", hash.mechanismCopy);
@@ -196,12 +195,6 @@ Outcome verifySignature(HCRYPTPROV hProv, HCRYPTHASH hHash, ByteView signature, 
     if (hHash == 0) {
         return fail(NTE_BAD_HASH, "Hash Context is not Initialized");
     }
-    if (signature.data() == nullptr && !signature.empty()) {
-        return fail(ERROR_INVALID_PARAMETER, "CPVerifySignature: pbSignature is null");
-    }
-    if (signature.size() > longestSignature) {
-        return fail(NTE_BAD_SIGNATURE, "CPVerifySignature: signature too long, cbSigLen=", signature.size());
-    }
     HASH_CONTEXT& hash = *hashOf(hHash);
     if (hash.hashValueLen == 0) {
         if (const char* const failure = fetchDigest(hProv, hHash, hash)) {
@@ -214,6 +207,13 @@ Outcome verifySignature(HCRYPTPROV hProv, HCRYPTHASH hHash, ByteView signature, 
     if (publicKey.empty()) {
         return fail(NTE_BAD_KEY,
                     "CPVerifySignature: container not found in key list, containerName=", context->containerName);
+    }
+    if (signature.data() == nullptr && !signature.empty()) {
+        return fail(ERROR_INVALID_PARAMETER, "CPVerifySignature: pbSignature is null");
+    }
+    // The library takes signed lengths.
+    if (signature.size() > INT_MAX) {
+        return fail(NTE_BAD_SIGNATURE, "CPVerifySignature: signature too long, cbSigLen=", signature.size());
     }
     return verifyDigest(*context, hash, publicKey, signature);
 }

@@ -17,6 +17,8 @@ namespace {
 // What an AES encryption adds to its input at most: padding, and a margin for a library that adds a block of its own.
 constexpr std::size_t longestAesAddition = 64;
 
+constexpr char tooLargeToEncrypt[] = "KSPEncrypt: cbInput is too large";
+
 EncryptionType aesEncryption(const KspKey& key) {
     const bool isAes128 = key.symmetricKeyLength == 16;
     if (key.useEcb != 0) {
@@ -29,7 +31,7 @@ IvSnapshot ivFor(const KspKey& key) {
     return key.useEcb != 0 ? IvSnapshot(nullptr) : sharedIv();
 }
 
-SECURITY_STATUS encryptRsa(const KspProvider& provider, const KspKey& key, ByteView input, Output out, DWORD dwFlags) {
+SECURITY_STATUS encryptRsa(const BoundToken& token, const KspKey& key, ByteView input, Output out, DWORD dwFlags) {
     const DWORD size = key.keyLength / 8;
     if (out.isSizeQuery()) {
         return answerSize(size, out);
@@ -38,12 +40,15 @@ SECURITY_STATUS encryptRsa(const KspProvider& provider, const KspKey& key, ByteV
         *out.size = size;
         return fail(NTE_BUFFER_TOO_SMALL, "KSPEncrypt: output buffer too small, required=", size);
     }
+    if (isTooLong(input)) {
+        return fail(NTE_INVALID_PARAMETER, tooLargeToEncrypt);
+    }
     const Bytes publicKey = derPublicKeyOf(publicKeyOf(key), publicKeyTexts);
     const PaddingMode padding = (dwFlags & NCRYPT_PAD_OAEP_FLAG) != 0 ? PaddingMode::Oaep : PaddingMode::Pkcs1;
     RsaResult ciphertext;
     const int status = talvik_encrypt(rsaSizeOrDefault(key.keyLength).encryption, padding, input.data(),
                                       lengthOf(input), ciphertext.bytesOut(), ciphertext.lengthOut(), publicKey.data(),
-                                      lengthOf(publicKey), provider.libraryContext);
+                                      lengthOf(publicKey), token.libraryContext);
     if (status != TALVIK_STATUS_OK || !ciphertext.isHonest()) {
         return fail(NTE_INTERNAL_ERROR, "KSP: Encrypt failed: ", status);
     }
@@ -55,14 +60,17 @@ SECURITY_STATUS encryptRsa(const KspProvider& provider, const KspKey& key, ByteV
 }
 
 // A size query is answered like any other call, by doing the work: only the library knows the padding.
-SECURITY_STATUS encryptAes(const KspProvider& provider, const KspKey& key, ByteView input, Output out) {
+SECURITY_STATUS encryptAes(const BoundToken& token, const KspKey& key, ByteView input, Output out) {
+    if (isTooLong(input)) {
+        return fail(NTE_INVALID_PARAMETER, tooLargeToEncrypt);
+    }
     logDebug("KSP: Symmetric encrypt ", key.useEcb != 0 ? "ECB" : "CBC", " mode");
     const IvSnapshot iv = ivFor(key);
     LibraryBuffer ciphertext(input.size() + longestAesAddition, LibraryBuffer::Content::Ciphertext);
     const int status =
-        talvik_encrypt_aes(provider.deviceId.c_str(), aesEncryption(key), key.symmetricKey,
-                           lengthOf(symmetricKeyOf(key)), input.data(), lengthOf(input), ciphertext.bytesOut(),
-                           ciphertext.lengthOut(), false, iv.data(), iv.length(), nullptr, 0, provider.libraryContext);
+        talvik_encrypt_aes(token.deviceId.c_str(), aesEncryption(key), key.symmetricKey, lengthOf(symmetricKeyOf(key)),
+                           input.data(), lengthOf(input), ciphertext.bytesOut(), ciphertext.lengthOut(), false,
+                           iv.data(), iv.length(), nullptr, 0, token.libraryContext);
     if (status != TALVIK_STATUS_OK || !ciphertext.isHonest()) {
         return fail(NTE_INTERNAL_ERROR, "KSP: Symmetric encryption failed: ", status);
     }
@@ -74,33 +82,29 @@ SECURITY_STATUS encryptAes(const KspProvider& provider, const KspKey& key, ByteV
     return answered;
 }
 
-SECURITY_STATUS encrypt(const KspProvider& provider, const KspKey* key, ByteView input, Output out, DWORD dwFlags) {
+SECURITY_STATUS encrypt(const BoundToken& token, const KspKey* key, ByteView input, Output out, DWORD dwFlags) {
     if (key == nullptr || out.size == nullptr) {
         return fail(NTE_INVALID_PARAMETER, "KSPEncrypt: key handle or pcbResult is null");
     }
     if (input.data() == nullptr || input.empty()) {
         return fail(NTE_INVALID_PARAMETER, "KSPEncrypt: pbInput is null or cbInput is zero");
     }
-    if (isTooLong(input)) {
-        return fail(NTE_INVALID_PARAMETER, "KSPEncrypt: cbInput is too large");
-    }
-    return key->symmetricKeyLength == 0 ? encryptRsa(provider, *key, input, out, dwFlags)
-                                        : encryptAes(provider, *key, input, out);
+    return key->symmetricKeyLength == 0 ? encryptRsa(token, *key, input, out, dwFlags)
+                                        : encryptAes(token, *key, input, out);
 }
 
-SECURITY_STATUS decryptRsa(const KspProvider& provider, const KspKey& key, ByteView input, Output out, DWORD dwFlags) {
-    if (const SECURITY_STATUS refusal = requirePin("KSPDecrypt", provider, dwFlags); refusal != ERROR_SUCCESS) {
+SECURITY_STATUS decryptRsa(const BoundToken& token, const KspKey& key, ByteView input, Output out, DWORD dwFlags) {
+    if (const SECURITY_STATUS refusal = requirePin("KSPDecrypt", token, dwFlags); refusal != ERROR_SUCCESS) {
         return refusal;
     }
     LibraryBuffer plaintext(largestRsaResult);
     const auto decryptOnToken = [&](const char* pin) {
-        return talvik_decrypt(provider.deviceId.c_str(), key.keyId, pin, input.data(), lengthOf(input),
-                              plaintext.bytesOut(), plaintext.lengthOut(), key.storageFlag != 0,
-                              provider.libraryContext);
+        return talvik_decrypt(token.deviceId.c_str(), key.keyId, pin, input.data(), lengthOf(input),
+                              plaintext.bytesOut(), plaintext.lengthOut(), key.storageFlag != 0, token.libraryContext);
     };
     int status = TALVIK_STATUS_OK;
     const SECURITY_STATUS refusal = runUnderPin(
-        "KSPDecrypt", provider, dwFlags, "KSP: Decrypt SSO expired, re-prompting for PIN", decryptOnToken, status);
+        "KSPDecrypt", token, dwFlags, "KSP: Decrypt SSO expired, re-prompting for PIN", decryptOnToken, status);
     if (refusal != ERROR_SUCCESS) {
         return refusal;
     }
@@ -114,7 +118,7 @@ SECURITY_STATUS decryptRsa(const KspProvider& provider, const KspKey& key, ByteV
     return answered;
 }
 
-SECURITY_STATUS decryptAes(const KspProvider& provider, const KspKey& key, ByteView input, Output out) {
+SECURITY_STATUS decryptAes(const BoundToken& token, const KspKey& key, ByteView input, Output out) {
     const IvSnapshot iv = ivFor(key);
     const ByteView keyBytes = symmetricKeyOf(key);
     logDebug("KSP: Symmetric decrypt ", key.useEcb != 0 ? "ECB" : "CBC", " mode");
@@ -123,8 +127,8 @@ SECURITY_STATUS decryptAes(const KspProvider& provider, const KspKey& key, ByteV
     SecretBytes plaintext(input.size());
     int length = lengthOf(input);
     const int status =
-        talvik_decryptSymetric(provider.deviceId.c_str(), input.data(), lengthOf(input), plaintext.data(), &length,
-                               iv.data(), iv.length(), keyBytes.data(), lengthOf(keyBytes), provider.libraryContext);
+        talvik_decryptSymetric(token.deviceId.c_str(), input.data(), lengthOf(input), plaintext.data(), &length,
+                               iv.data(), iv.length(), keyBytes.data(), lengthOf(keyBytes), token.libraryContext);
     if (status != TALVIK_STATUS_OK || length < 0 || length > lengthOf(input)) {
         return fail(NTE_INTERNAL_ERROR, "KSP: Symmetric decryption failed: ", status);
     }
@@ -139,7 +143,7 @@ SECURITY_STATUS decryptAes(const KspProvider& provider, const KspKey& key, ByteV
     return answered;
 }
 
-SECURITY_STATUS decrypt(const KspProvider& provider, const KspKey* key, ByteView input, Output out, DWORD dwFlags) {
+SECURITY_STATUS decrypt(const BoundToken& token, const KspKey* key, ByteView input, Output out, DWORD dwFlags) {
     if (key == nullptr || out.size == nullptr) {
         return fail(NTE_INVALID_PARAMETER, "KSPDecrypt: key handle or pcbResult is null");
     }
@@ -153,28 +157,26 @@ SECURITY_STATUS decrypt(const KspProvider& provider, const KspKey* key, ByteView
     if (isTooLong(input)) {
         return fail(NTE_INVALID_PARAMETER, "KSPDecrypt: cbInput is too large");
     }
-    return isRsa ? decryptRsa(provider, *key, input, out, dwFlags) : decryptAes(provider, *key, input, out);
+    return isRsa ? decryptRsa(token, *key, input, out, dwFlags) : decryptAes(token, *key, input, out);
 }
 
 }  // namespace
 }  // namespace talvik::ksp
 
+using talvik::ksp::BoundToken;
 using talvik::ksp::keyOf;
-using talvik::ksp::KspProvider;
-using talvik::ksp::providerEntryPoint;
+using talvik::ksp::tokenEntryPoint;
 
 SECURITY_STATUS WINAPI KSPEncrypt(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey, PBYTE pbInput, DWORD cbInput,
                                   VOID*, PBYTE pbOutput, DWORD cbOutput, DWORD* pcbResult, DWORD dwFlags) {
-    return providerEntryPoint("KSPEncrypt", hProvider, [=](const KspProvider& provider) {
-        return talvik::ksp::encrypt(provider, keyOf(hKey), {pbInput, cbInput}, {pbOutput, cbOutput, pcbResult},
-                                    dwFlags);
+    return tokenEntryPoint("KSPEncrypt", hProvider, [=](const BoundToken& token) {
+        return talvik::ksp::encrypt(token, keyOf(hKey), {pbInput, cbInput}, {pbOutput, cbOutput, pcbResult}, dwFlags);
     });
 }
 
 SECURITY_STATUS WINAPI KSPDecrypt(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey, PBYTE pbInput, DWORD cbInput,
                                   VOID*, PBYTE pbOutput, DWORD cbOutput, DWORD* pcbResult, DWORD dwFlags) {
-    return providerEntryPoint("KSPDecrypt", hProvider, [=](const KspProvider& provider) {
-        return talvik::ksp::decrypt(provider, keyOf(hKey), {pbInput, cbInput}, {pbOutput, cbOutput, pcbResult},
-                                    dwFlags);
+    return tokenEntryPoint("KSPDecrypt", hProvider, [=](const BoundToken& token) {
+        return talvik::ksp::decrypt(token, keyOf(hKey), {pbInput, cbInput}, {pbOutput, cbOutput, pcbResult}, dwFlags);
     });
 }

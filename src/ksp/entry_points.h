@@ -10,7 +10,8 @@ extern "C" {
 // Opens on the first attached token, or on none. The name is not examined.
 SECURITY_STATUS WINAPI KSPOpenProvider(NCRYPT_PROV_HANDLE* phProvider, LPCWSTR pszProviderName, DWORD dwFlags);
 
-// By the 32 upper-case hex digits of a key's identifier; binds the provider to the token that holds the key.
+// By the 32 upper-case hex digits of a key's identifier; binds the provider to the token that holds the key. Calls that
+// have begun go on with the token that they began with.
 SECURITY_STATUS WINAPI KSPOpenKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE* phKey, LPCWSTR pszKeyName,
                                   DWORD dwLegacyKeySpec, DWORD dwFlags);
 
@@ -30,7 +31,8 @@ SECURITY_STATUS WINAPI KSPSetProviderProperty(NCRYPT_PROV_HANDLE hProvider, LPCW
 SECURITY_STATUS WINAPI KSPSetKeyProperty(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey, LPCWSTR pszProperty,
                                          PBYTE pbInput, DWORD cbInput, DWORD dwFlags);
 
-// Makes the key pair on the token; once, and harmless afterwards.
+// Makes the key pair on the token; once, and harmless afterwards. Of dwFlags NCRYPT_SILENT_FLAG counts, here and for
+// deletion: no PIN is asked for.
 SECURITY_STATUS WINAPI KSPFinalizeKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey, DWORD dwFlags);
 
 // Deletes the key pair from the token; the handle stays until KSPFreeKey.

@@ -33,19 +33,14 @@ void describeTokenKey(KspKey& key, const TalvikKeyPair& record) {
     key.isFinalized = 1;
 }
 
-// The token that holds the key named so, from now on the provider's.
-void bindToKey(KspProvider& provider, const std::wstring& name) {
-    if (name.empty()) {
-        return;
-    }
-    const std::string deviceId = resolveDeviceForKeyName(name);
+// The token that holds the key named so, from now on the provider's; nothing where a name leads to none.
+std::shared_ptr<const BoundToken> bindToKey(KspProvider& provider, const std::wstring& name) {
+    const std::string deviceId = name.empty() ? std::string() : resolveDeviceForKeyName(name);
     if (deviceId.empty()) {
-        return;
-    }
-    if (provider.deviceId != deviceId) {
-        provider.deviceId = deviceId;
+        return nullptr;
     }
     logDebug("KSP: Resolved key to device: ", deviceId);
+    return provider.bindTo(deviceId);
 }
 
 // Whether a key's hex name is `name`; the walk up to it goes to the log.
@@ -63,10 +58,12 @@ SECURITY_STATUS openKey(KspProvider& provider, NCRYPT_KEY_HANDLE* phKey, LPCWSTR
     }
     const std::wstring keyName = pszKeyName != nullptr ? pszKeyName : L"";
     const std::string name = narrowed(keyName);
+    std::shared_ptr<const BoundToken> token = provider.token();
     logDebug("KSP: Opening key: ", name);
-    bindToKey(provider, keyName);
-    const std::vector<TalvikKeyPair> records =
-        talvik_getKeyPairList(provider.deviceId.c_str(), provider.libraryContext);
+    if (auto bound = bindToKey(provider, keyName)) {
+        token = std::move(bound);
+    }
+    const std::vector<TalvikKeyPair> records = talvik_getKeyPairList(token->deviceId.c_str(), token->libraryContext);
     if (records.empty()) {
         return fail(NTE_NO_KEY, "KSP: No keys found on token");
     }
@@ -120,14 +117,14 @@ void chooseRsaSize(KspKey& key) {
     }
 }
 
-SECURITY_STATUS finalizeKey(const KspProvider& provider, KspKey* key) {
+SECURITY_STATUS finalizeKey(const BoundToken& token, KspKey* key, DWORD dwFlags) {
     if (key == nullptr) {
         return fail(NTE_INVALID_HANDLE, "KSPFinalizeKey: key handle is null");
     }
     if (key->isFinalized != 0) {
         return ERROR_SUCCESS;
     }
-    if (const SECURITY_STATUS refusal = requirePin("KSPFinalizeKey", provider, 0); refusal != ERROR_SUCCESS) {
+    if (const SECURITY_STATUS refusal = requirePin("KSPFinalizeKey", token, dwFlags); refusal != ERROR_SUCCESS) {
         return refusal;
     }
     if (key->algorithm == 0) {
@@ -137,8 +134,8 @@ SECURITY_STATUS finalizeKey(const KspProvider& provider, KspKey* key) {
     record.usage = key->keyUsage;
     record.keyType = key->algorithm;
     logDebug("KSP: FinalizeKey - generating key, algorithm=", key->algorithm, " bitSize=", key->keyLength);
-    const int status = talvik_generateKeyPair(provider.deviceId.c_str(), getDevicePassword(provider.deviceId).c_str(),
-                                              &record, provider.libraryContext);
+    const int status = talvik_generateKeyPair(token.deviceId.c_str(), getDevicePassword(token.deviceId).c_str(),
+                                              &record, token.libraryContext);
     if (status != TALVIK_STATUS_OK) {
         return fail(NTE_INTERNAL_ERROR, "KSP: Key generation failed: ", status);
     }
@@ -147,16 +144,16 @@ SECURITY_STATUS finalizeKey(const KspProvider& provider, KspKey* key) {
     return ERROR_SUCCESS;
 }
 
-SECURITY_STATUS deleteKey(const KspProvider& provider, KspKey* key) {
+SECURITY_STATUS deleteKey(const BoundToken& token, KspKey* key, DWORD dwFlags) {
     if (key == nullptr) {
         return fail(NTE_INVALID_HANDLE, "KSPDeleteKey: key handle is null");
     }
-    if (const SECURITY_STATUS refusal = requirePin("KSPDeleteKey", provider, 0); refusal != ERROR_SUCCESS) {
+    if (const SECURITY_STATUS refusal = requirePin("KSPDeleteKey", token, dwFlags); refusal != ERROR_SUCCESS) {
         return refusal;
     }
     const int status =
-        talvik_deleteKeyPair(provider.deviceId.c_str(), key->keyId, getDevicePassword(provider.deviceId).c_str(),
-                             key->storageFlag != 0, provider.libraryContext);
+        talvik_deleteKeyPair(token.deviceId.c_str(), key->keyId, getDevicePassword(token.deviceId).c_str(),
+                             key->storageFlag != 0, token.libraryContext);
     if (status != TALVIK_STATUS_OK) {
         return fail(NTE_INTERNAL_ERROR, "KSP: Delete key failed: ", status);
     }
@@ -174,9 +171,8 @@ struct KspKeyEnumState {
 };
 
 // Null when there is no memory for it.
-KspKeyEnumState* beginEnumeration(const KspProvider& provider) {
-    const std::vector<TalvikKeyPair> records =
-        talvik_getKeyPairList(provider.deviceId.c_str(), provider.libraryContext);
+KspKeyEnumState* beginEnumeration(const BoundToken& token) {
+    const std::vector<TalvikKeyPair> records = talvik_getKeyPairList(token.deviceId.c_str(), token.libraryContext);
     const std::size_t size = sizeof(KspKeyEnumState) + records.size() * sizeof(TalvikKeyPair);
     auto* const state = static_cast<KspKeyEnumState*>(std::malloc(size));
     if (state != nullptr) {
@@ -200,12 +196,12 @@ DWORD legacyKeySpecOf(const TalvikKeyPair& record) {
     return canExchange(record) ? AT_KEYEXCHANGE : 0;
 }
 
-SECURITY_STATUS enumKeys(const KspProvider& provider, NCryptKeyName** ppKeyName, PVOID* ppEnumState) {
+SECURITY_STATUS enumKeys(const BoundToken& token, NCryptKeyName** ppKeyName, PVOID* ppEnumState) {
     if (ppKeyName == nullptr || ppEnumState == nullptr) {
         return fail(NTE_INVALID_PARAMETER, "KSPEnumKeys: ppKeyName or ppEnumState is null");
     }
     if (*ppEnumState == nullptr) {
-        *ppEnumState = beginEnumeration(provider);
+        *ppEnumState = beginEnumeration(token);
         if (*ppEnumState == nullptr) {
             return fail(NTE_NO_MEMORY, "KSPEnumKeys: failed to allocate enum state");
         }
@@ -243,10 +239,12 @@ bool setPublicKey(KspKey& key, ByteView publicKey) {
 
 }  // namespace talvik::ksp
 
+using talvik::ksp::BoundToken;
 using talvik::ksp::entryPoint;
 using talvik::ksp::keyOf;
 using talvik::ksp::KspProvider;
 using talvik::ksp::providerEntryPoint;
+using talvik::ksp::tokenEntryPoint;
 
 SECURITY_STATUS WINAPI KSPOpenKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE* phKey, LPCWSTR pszKeyName, DWORD,
                                   DWORD) {
@@ -261,14 +259,16 @@ SECURITY_STATUS WINAPI KSPCreatePersistedKey(NCRYPT_PROV_HANDLE hProvider, NCRYP
     });
 }
 
-SECURITY_STATUS WINAPI KSPFinalizeKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey, DWORD) {
-    return providerEntryPoint("KSPFinalizeKey", hProvider,
-                              [=](KspProvider& provider) { return talvik::ksp::finalizeKey(provider, keyOf(hKey)); });
+SECURITY_STATUS WINAPI KSPFinalizeKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey, DWORD dwFlags) {
+    return tokenEntryPoint("KSPFinalizeKey", hProvider, [=](const BoundToken& token) {
+        return talvik::ksp::finalizeKey(token, keyOf(hKey), dwFlags);
+    });
 }
 
-SECURITY_STATUS WINAPI KSPDeleteKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey, DWORD) {
-    return providerEntryPoint("KSPDeleteKey", hProvider,
-                              [=](KspProvider& provider) { return talvik::ksp::deleteKey(provider, keyOf(hKey)); });
+SECURITY_STATUS WINAPI KSPDeleteKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey, DWORD dwFlags) {
+    return tokenEntryPoint("KSPDeleteKey", hProvider, [=](const BoundToken& token) {
+        return talvik::ksp::deleteKey(token, keyOf(hKey), dwFlags);
+    });
 }
 
 SECURITY_STATUS WINAPI KSPFreeKey(NCRYPT_PROV_HANDLE, NCRYPT_KEY_HANDLE hKey) {
@@ -280,7 +280,7 @@ SECURITY_STATUS WINAPI KSPFreeKey(NCRYPT_PROV_HANDLE, NCRYPT_KEY_HANDLE hKey) {
 
 SECURITY_STATUS WINAPI KSPEnumKeys(NCRYPT_PROV_HANDLE hProvider, LPCWSTR, NCryptKeyName** ppKeyName, PVOID* ppEnumState,
                                    DWORD) {
-    return providerEntryPoint("KSPEnumKeys", hProvider, [=](KspProvider& provider) {
-        return talvik::ksp::enumKeys(provider, ppKeyName, ppEnumState);
+    return tokenEntryPoint("KSPEnumKeys", hProvider, [=](const BoundToken& token) {
+        return talvik::ksp::enumKeys(token, ppKeyName, ppEnumState);
     });
 }

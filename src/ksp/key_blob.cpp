@@ -34,7 +34,7 @@ constexpr unsigned char exportedExponent[] = {0x01, 0x00, 0x01};
 constexpr DWORD legacyExponent = 0x10001;
 
 struct Import {
-    const KspProvider& provider;
+    const BoundToken& token;
     const KspKey* importKey;  // may be null
     ByteView data;
     NCRYPT_KEY_HANDLE* phKey;
@@ -83,9 +83,8 @@ std::unique_ptr<KspKey> makeAesKey(std::uint32_t keyType, ByteView value) {
 }
 
 // An AES key that the token has stored; null when it refuses.
-std::unique_ptr<KspKey> storeOnToken(const KspProvider& provider, std::uint32_t keyType, ByteView value) {
-    const std::optional<TalvikSymmetricKey> record =
-        storeAesKey(provider.deviceId, value, keyType, provider.libraryContext);
+std::unique_ptr<KspKey> storeOnToken(const BoundToken& token, std::uint32_t keyType, ByteView value) {
+    const std::optional<TalvikSymmetricKey> record = storeAesKey(token.deviceId, value, keyType, token.libraryContext);
     if (!record) {
         return nullptr;
     }
@@ -174,7 +173,7 @@ SECURITY_STATUS importKeyData(const Import& import) {
     if (keyType == 0) {
         return fail(NTE_NOT_SUPPORTED, "KSP: Unsupported key size for BCRYPT_KEY_DATA_BLOB: ", value->size());
     }
-    std::unique_ptr<KspKey> key = storeOnToken(import.provider, keyType, *value);
+    std::unique_ptr<KspKey> key = storeOnToken(import.token, keyType, *value);
     if (key == nullptr) {
         return fail(NTE_BAD_TYPE, "KSP: BCRYPT_KEY_DATA_BLOB import failed");
     }
@@ -183,9 +182,9 @@ SECURITY_STATUS importKeyData(const Import& import) {
 
 SECURITY_STATUS importWrappedKey(const Import& import) {
     logDebug("KSP: BCRYPT_OPAQUE_KEY_BLOB: wrapped key length = ", import.data.size());
-    const KspProvider& provider = import.provider;
+    const BoundToken& token = import.token;
     LibraryBuffer unwrapped(import.data.size());
-    const auto kek = unwrapWithTokenKey(provider.deviceId, import.data, unwrapped, provider.libraryContext);
+    const auto kek = unwrapWithTokenKey(token.deviceId, import.data, unwrapped, token.libraryContext);
     if (!kek) {
         return fail(NTE_BAD_KEY, "KSP: Failed to unwrap BCRYPT_OPAQUE_KEY_BLOB with any available KEK");
     }
@@ -193,7 +192,7 @@ SECURITY_STATUS importWrappedKey(const Import& import) {
     const ByteView value = unwrapped.view();
     const std::uint32_t keyType = value.size() == 16 ? TALVIK_KEY_AES_128 : TALVIK_KEY_AES_256;
     std::unique_ptr<KspKey> key =
-        value.size() <= sizeof KspKey::symmetricKey ? storeOnToken(provider, keyType, value) : nullptr;
+        value.size() <= sizeof KspKey::symmetricKey ? storeOnToken(token, keyType, value) : nullptr;
     if (key == nullptr) {
         return fail(NTE_BAD_TYPE, "KSP: Import of unwrapped AES key failed");
     }
@@ -203,14 +202,14 @@ SECURITY_STATUS importWrappedKey(const Import& import) {
 // Under the PIN that is held, if any: an import asks for none.
 SECURITY_STATUS importEncryptedKey(const Import& import) {
     const KspKey& importKey = *import.importKey;
-    const std::string& deviceId = import.provider.deviceId;
+    const std::string& deviceId = import.token.deviceId;
     logDebug("KSP: Input key id : ", HexBytes{importKey.keyId, sizeof importKey.keyId});
     LibraryBuffer plaintext(largestRsaResult);
     const bool decrypted =
         !isTooLong(import.data) &&
         talvik_decrypt(deviceId.c_str(), importKey.keyId, getDevicePassword(deviceId).c_str(), import.data.data(),
                        lengthOf(import.data), plaintext.bytesOut(), plaintext.lengthOut(), importKey.storageFlag != 0,
-                       import.provider.libraryContext) == TALVIK_STATUS_OK;
+                       import.token.libraryContext) == TALVIK_STATUS_OK;
     if (!decrypted || !plaintext.isHonest()) {
         return fail(NTE_BAD_DATA, "KSP: Encrypted key decryption failed");
     }
@@ -253,9 +252,8 @@ SECURITY_STATUS importKey(LPCWSTR pszBlobType, const Import& import) {
 }
 
 // What the token says of a key whose handle carries no public key.
-void fetchPublicKey(const KspProvider& provider, KspKey& key) {
-    const std::vector<TalvikKeyPair> records =
-        talvik_getKeyPairList(provider.deviceId.c_str(), provider.libraryContext);
+void fetchPublicKey(const BoundToken& token, KspKey& key) {
+    const std::vector<TalvikKeyPair> records = talvik_getKeyPairList(token.deviceId.c_str(), token.libraryContext);
     const auto found = std::find_if(records.begin(), records.end(),
                                     [&](const TalvikKeyPair& record) { return equalBytes(record.keyId, key.keyId); });
     if (found != records.end()) {
@@ -304,7 +302,7 @@ constexpr ExportedBlob exportedBlobs[] = {
     {LEGACY_RSAPUBLIC_BLOB, exportLegacyPublicKey},
 };
 
-SECURITY_STATUS exportKey(const KspProvider& provider, KspKey* key, LPCWSTR pszBlobType, Output out) {
+SECURITY_STATUS exportKey(const BoundToken& token, KspKey* key, LPCWSTR pszBlobType, Output out) {
     if (key == nullptr || pszBlobType == nullptr || out.size == nullptr) {
         return fail(NTE_INVALID_PARAMETER, "KSPExportKey: key handle, pszBlobType, or pcbResult is null");
     }
@@ -318,7 +316,7 @@ SECURITY_STATUS exportKey(const KspProvider& provider, KspKey* key, LPCWSTR pszB
         return fail(NTE_NOT_SUPPORTED, "KSP: Unsupported blob type for export");
     }
     if (key->publicKeyLength == 0) {
-        fetchPublicKey(provider, *key);
+        fetchPublicKey(token, *key);
     }
     if (key->publicKeyLength == 0) {
         return fail(NTE_BAD_KEY, "KSP: No public key data available for export");
@@ -329,21 +327,21 @@ SECURITY_STATUS exportKey(const KspProvider& provider, KspKey* key, LPCWSTR pszB
 }  // namespace
 }  // namespace talvik::ksp
 
+using talvik::ksp::BoundToken;
 using talvik::ksp::keyOf;
-using talvik::ksp::KspProvider;
-using talvik::ksp::providerEntryPoint;
+using talvik::ksp::tokenEntryPoint;
 
 SECURITY_STATUS WINAPI KSPImportKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hImportKey, LPCWSTR pszBlobType,
                                     NCryptBufferDesc*, NCRYPT_KEY_HANDLE* phKey, PBYTE pbData, DWORD cbData, DWORD) {
-    return providerEntryPoint("KSPImportKey", hProvider, [=](const KspProvider& provider) {
-        return talvik::ksp::importKey(pszBlobType, {provider, keyOf(hImportKey), {pbData, cbData}, phKey});
+    return tokenEntryPoint("KSPImportKey", hProvider, [=](const BoundToken& token) {
+        return talvik::ksp::importKey(pszBlobType, {token, keyOf(hImportKey), {pbData, cbData}, phKey});
     });
 }
 
 SECURITY_STATUS WINAPI KSPExportKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey, NCRYPT_KEY_HANDLE,
                                     LPCWSTR pszBlobType, NCryptBufferDesc*, PBYTE pbOutput, DWORD cbOutput,
                                     DWORD* pcbResult, DWORD) {
-    return providerEntryPoint("KSPExportKey", hProvider, [=](const KspProvider& provider) {
-        return talvik::ksp::exportKey(provider, keyOf(hKey), pszBlobType, {pbOutput, cbOutput, pcbResult});
+    return tokenEntryPoint("KSPExportKey", hProvider, [=](const BoundToken& token) {
+        return talvik::ksp::exportKey(token, keyOf(hKey), pszBlobType, {pbOutput, cbOutput, pcbResult});
     });
 }

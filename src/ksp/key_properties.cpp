@@ -1,5 +1,6 @@
 // KSPGetKeyProperty.
 #include <algorithm>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -87,8 +88,9 @@ const TalvikCertificate* findCertificate(const std::vector<TalvikCertificate>& c
 }
 
 SECURITY_STATUS getCertificate(const Reading& reading) {
-    const char* const deviceId = reading.provider.deviceId.c_str();
-    void* const context = reading.provider.libraryContext;
+    const std::shared_ptr<const BoundToken> token = reading.provider.token();
+    const char* const deviceId = token->deviceId.c_str();
+    void* const context = token->libraryContext;
     talvik_initDevice(deviceId, true, context);
     const std::vector<TalvikCertificate> certificates = talvik_getCertificateList(deviceId, context);
     const TalvikCertificate* const certificate = findCertificate(certificates, reading.key);

@@ -1,6 +1,7 @@
 // KSPSetKeyProperty.
 #include <algorithm>
 #include <cstring>
+#include <memory>
 #include <string_view>
 
 #include "ksp/entry_points.h"
@@ -30,9 +31,9 @@ SECURITY_STATUS setCertificate(const Setting& setting) {
     if (setting.input.size() > sizeof certificate.der) {
         return fail(NTE_INVALID_PARAMETER, "KSPSetKeyProperty: NCRYPT_CERTIFICATE_PROPERTY certificate too large");
     }
-    const KspProvider& provider = setting.provider;
+    const std::shared_ptr<const BoundToken> token = setting.provider.token();
     const KspKey& key = setting.key;
-    const SECURITY_STATUS refusal = requirePin("KSPSetKeyProperty", provider, 0, " for certificate import");
+    const SECURITY_STATUS refusal = requirePin("KSPSetKeyProperty", *token, 0, " for certificate import");
     if (refusal != ERROR_SUCCESS) {
         return refusal;
     }
@@ -42,8 +43,8 @@ SECURITY_STATUS setCertificate(const Setting& setting) {
     std::memcpy(certificate.keyAlias, key.keyAlias, sizeof certificate.keyAlias);
     certificate.keyAliasLength = key.keyAliasLength;
     std::memcpy(certificate.label, key.label, sizeof certificate.label);
-    const int status = talvik_importCertificate(provider.deviceId.c_str(), getDevicePassword(provider.deviceId).c_str(),
-                                                &certificate, provider.libraryContext);
+    const int status = talvik_importCertificate(token->deviceId.c_str(), getDevicePassword(token->deviceId).c_str(),
+                                                &certificate, token->libraryContext);
     if (status != TALVIK_STATUS_OK) {
         return fail(NTE_INTERNAL_ERROR, "KSP: Import certificate failed: ", status);
     }
@@ -52,11 +53,13 @@ SECURITY_STATUS setCertificate(const Setting& setting) {
 }
 
 SECURITY_STATUS setKeyPin(const Setting& setting) {
-    return setPin("KSPSetKeyProperty", setting.provider, setting.input.data());
+    return setPin("KSPSetKeyProperty", *setting.provider.token(), setting.input.data());
 }
 
 SECURITY_STATUS setWindowHandle(const Setting& setting) {
-    readValue(setting.input, setting.provider.hwnd);
+    if (HWND window = nullptr; readValue(setting.input, window)) {
+        setting.provider.setWindow(window);
+    }
     return ERROR_SUCCESS;
 }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <memory>
+#include <mutex>
 #include <string_view>
 #include <variant>
 #include <vector>
@@ -16,8 +17,11 @@
 namespace talvik::ksp {
 namespace {
 
-SECURITY_STATUS handOver(std::unique_ptr<KspProvider> provider, NCRYPT_PROV_HANDLE* phProvider) {
-    provider->isOpen = 1;
+// One for all providers: it is held for the copy of a pointer.
+std::mutex tokenLock;
+
+SECURITY_STATUS handOver(std::unique_ptr<KspProvider> provider, BoundToken token, NCRYPT_PROV_HANDLE* phProvider) {
+    provider->open(std::move(token));
     *phProvider = reinterpret_cast<NCRYPT_PROV_HANDLE>(provider.release());
     return ERROR_SUCCESS;
 }
@@ -32,17 +36,18 @@ SECURITY_STATUS openProvider(NCRYPT_PROV_HANDLE* phProvider) {
     }
     talvik_init(0, nullptr, 2);
     startDeviceMonitor();
-    void* const context = provider->libraryContext;
+    BoundToken token;
+    void* const context = token.libraryContext;
     const std::vector<std::string> devices = talvik_getConnectedDeviceList(false, context);
     if (devices.empty()) {
         logDebug("KSP: No token connected, opening provider without device");
-        return handOver(std::move(provider), phProvider);
+        return handOver(std::move(provider), std::move(token), phProvider);
     }
-    provider->deviceId = devices.front();
-    provider->firmwareVersion = talvik_getTokenInfo(provider->deviceId.c_str(), context).firmwareVersion;
-    logDebug("KSP: Provider firmware=", provider->firmwareVersion);
+    token.deviceId = devices.front();
+    token.firmwareVersion = talvik_getTokenInfo(token.deviceId.c_str(), context).firmwareVersion;
+    logDebug("KSP: Provider firmware=", token.firmwareVersion);
     initializeDevices(devices, "KSP: Init device failed for ", context);
-    const SECURITY_STATUS status = handOver(std::move(provider), phProvider);
+    const SECURITY_STATUS status = handOver(std::move(provider), std::move(token), phProvider);
     logDebug("KSP: Provider opened successfully");
     return status;
 }
@@ -93,13 +98,13 @@ SECURITY_STATUS setProperty(KspProvider& provider, LPCWSTR pszProperty, ByteView
     }
     const std::wstring_view name = pszProperty;
     if (name == NCRYPT_WINDOW_HANDLE_PROPERTY) {
-        if (!readValue(input, provider.hwnd)) {
-            provider.hwnd = nullptr;
-        }
+        HWND window = nullptr;
+        readValue(input, window);
+        provider.setWindow(window);
         return ERROR_SUCCESS;
     }
     if (name == NCRYPT_PIN_PROPERTY) {
-        return setPin("KSPSetProviderProperty", provider, input.data());
+        return setPin("KSPSetProviderProperty", *provider.token(), input.data());
     }
     return fail(NTE_NOT_SUPPORTED, "KSPSetProviderProperty: unsupported property");
 }
@@ -146,22 +151,44 @@ SECURITY_STATUS enumAlgorithms(DWORD dwAlgOperations, DWORD* pdwAlgCount, NCrypt
 
 }  // namespace
 
-SECURITY_STATUS requirePin(const char* name, const KspProvider& provider, DWORD dwFlags, const char* occasion) {
-    const std::string& deviceId = provider.deviceId;
-    void* const context = provider.libraryContext;
+std::shared_ptr<const BoundToken> KspProvider::token() const {
+    const std::lock_guard guard(tokenLock);
+    return token_;
+}
+
+std::shared_ptr<const BoundToken> KspProvider::bindTo(const std::string& deviceId) {
+    const std::lock_guard guard(tokenLock);
+    if (token_->deviceId != deviceId) {
+        auto changed = std::make_shared<BoundToken>(*token_);
+        changed->deviceId = deviceId;
+        token_ = std::move(changed);
+    }
+    return token_;
+}
+
+void KspProvider::setWindow(HWND window) {
+    const std::lock_guard guard(tokenLock);
+    auto changed = std::make_shared<BoundToken>(*token_);
+    changed->window = window;
+    token_ = std::move(changed);
+}
+
+SECURITY_STATUS requirePin(const char* name, const BoundToken& token, DWORD dwFlags, const char* occasion) {
+    const std::string& deviceId = token.deviceId;
+    void* const context = token.libraryContext;
     if ((dwFlags & NCRYPT_SILENT_FLAG) != 0) {
         if (!canProceedSilently(deviceId, context) || !ensureKspPasswordSilently(deviceId, context)) {
             return fail(NTE_SILENT_CONTEXT, name, ": silent mode requested but PIN not validated");
         }
         return ERROR_SUCCESS;
     }
-    if (!ensureKspPasswordValidated(deviceId, context, provider.hwnd)) {
+    if (!ensureKspPasswordValidated(deviceId, context, token.window)) {
         return fail(NTE_FAIL, name, ": password validation failed", occasion);
     }
     return ERROR_SUCCESS;
 }
 
-SECURITY_STATUS setPin(const char* name, const KspProvider& provider, const BYTE* pin) {
+SECURITY_STATUS setPin(const char* name, const BoundToken& token, const BYTE* pin) {
     if (pin == nullptr) {
         return fail(NTE_INVALID_PARAMETER, name, ": NCRYPT_PIN_PROPERTY pbInput is null");
     }
@@ -169,19 +196,21 @@ SECURITY_STATUS setPin(const char* name, const KspProvider& provider, const BYTE
     const auto* const text = reinterpret_cast<const char*>(pin);
     int remainingAttempts = 0;
     const int status =
-        talvik_validatePassword(provider.deviceId.c_str(), text, 1, &remainingAttempts, provider.libraryContext);
+        talvik_validatePassword(token.deviceId.c_str(), text, 1, &remainingAttempts, token.libraryContext);
     if (status != TALVIK_STATUS_OK) {
         return fail(NTE_VALIDATION_FAILED, "KSP: PIN validation failed: ", status);
     }
-    setDevicePassword(provider.deviceId, text);
+    setDevicePassword(token.deviceId, text);
     return ERROR_SUCCESS;
 }
 
 }  // namespace talvik::ksp
 
+using talvik::ksp::BoundToken;
 using talvik::ksp::entryPoint;
 using talvik::ksp::KspProvider;
 using talvik::ksp::providerEntryPoint;
+using talvik::ksp::tokenEntryPoint;
 
 SECURITY_STATUS WINAPI KSPOpenProvider(NCRYPT_PROV_HANDLE* phProvider, LPCWSTR, DWORD) {
     return entryPoint("KSPOpenProvider", [=] { return talvik::ksp::openProvider(phProvider); });
@@ -224,7 +253,6 @@ SECURITY_STATUS WINAPI KSPFreeBuffer(PVOID pvInput) {
 }
 
 SECURITY_STATUS WINAPI KSPPromptUser(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE, LPCWSTR, DWORD) {
-    return providerEntryPoint("KSPPromptUser", hProvider, [](KspProvider& provider) {
-        return talvik::ksp::requirePin("KSPPromptUser", provider, 0);
-    });
+    return tokenEntryPoint("KSPPromptUser", hProvider,
+                           [](const BoundToken& token) { return talvik::ksp::requirePin("KSPPromptUser", token, 0); });
 }

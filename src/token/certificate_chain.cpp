@@ -26,6 +26,43 @@ struct CloseMessage {
 };
 using CryptMessage = std::unique_ptr<void, CloseMessage>;
 
+// One element at the start of DER: its content, and what comes after it.
+struct DerElement {
+    unsigned char tag;
+    ByteView content;
+    ByteView rest;
+};
+
+std::optional<DerElement> firstElement(ByteView der) {
+    if (der.size() < 2) {
+        return std::nullopt;
+    }
+    std::size_t header = 2;
+    std::size_t length = der[1];
+    if (length >= 0x80) {
+        const std::size_t octets = length - 0x80;
+        if (octets == 0 || octets > sizeof(DWORD) || der.size() - header < octets) {
+            return std::nullopt;
+        }
+        length = 0;
+        for (; header < 2 + octets; ++header) {
+            length = length << 8 | der[header];
+        }
+    }
+    if (der.size() - header < length) {
+        return std::nullopt;
+    }
+    return DerElement{der[0], der.subspan(header, length), der.subspan(header + length)};
+}
+
+// What a record's certificate says of its own length counts: what the field holds behind it would end up in the
+// message, where no reader expects it. Empty where the field does not begin with DER.
+ByteView certificateIn(const TalvikCertificate& record) {
+    const ByteView der = derOf(record);
+    const auto certificate = firstElement(der);
+    return certificate ? der.first(der.size() - certificate->rest.size()) : der.first(0);
+}
+
 bool isSameName(const CERT_NAME_BLOB& left, const CERT_NAME_BLOB& right) {
     // The system's comparison takes its arguments as not const but changes nothing.
     return CertCompareCertificateName(X509_ASN_ENCODING, const_cast<CERT_NAME_BLOB*>(&left),
@@ -81,35 +118,6 @@ CryptMessage openMessage(std::vector<CERT_BLOB>& certificates) {
         message.reset();
     }
     return message;
-}
-
-// One element at the start of DER: its content, and what comes after it.
-struct DerElement {
-    unsigned char tag;
-    ByteView content;
-    ByteView rest;
-};
-
-std::optional<DerElement> firstElement(ByteView der) {
-    if (der.size() < 2) {
-        return std::nullopt;
-    }
-    std::size_t header = 2;
-    std::size_t length = der[1];
-    if (length >= 0x80) {
-        const std::size_t octets = length - 0x80;
-        if (octets > sizeof(DWORD) || der.size() - header < octets) {
-            return std::nullopt;
-        }
-        length = 0;
-        for (; header < 2 + octets; ++header) {
-            length = length << 8 | der[header];
-        }
-    }
-    if (der.size() - header < length) {
-        return std::nullopt;
-    }
-    return DerElement{der[0], der.subspan(header, length), der.subspan(header + length)};
 }
 
 constexpr unsigned char derSequence = 0x30;
@@ -186,7 +194,7 @@ BOOL refuse(long error, const char* text) {
 const CERT_CONTEXT* TokenCertificates::decoded(std::size_t index) {
     std::optional<CertificateContext>& slot = decoded_[index];
     if (!slot) {
-        const ByteView der = derOf(records_[index]);
+        const ByteView der = certificateIn(records_[index]);
         slot.emplace(CertCreateCertificateContext(certificateEncoding, der.data(), static_cast<DWORD>(der.size())));
     }
     return slot->get();

@@ -19,7 +19,8 @@ struct FreeCertificateContext {
 };
 using CertificateContext = std::unique_ptr<const CERT_CONTEXT, FreeCertificateContext>;
 
-// The certificates of one token, each decoded at most once and only when it is looked at. Owns a copy of the records.
+// The certificates of one token, each decoded at most once and only when it is looked at, without what its record holds
+// behind it. Owns a copy of the records.
 class TokenCertificates {
   public:
     explicit TokenCertificates(std::vector<TalvikCertificate> records)

@@ -1,12 +1,14 @@
-// Many threads of one application on both faces at once, each with handles of its own, while what they share changes
-// under them: the session entries, the initialisation vector, the process-wide switches, the PIN. There is little to
-// expect of the results; the thread sanitizer is what watches.
+// Many threads of one application on both faces at once, with handles of their own or one for all, while what they
+// share changes under them: the session entries, the initialisation vector, the process-wide switches, the PIN, the
+// token. There is little to expect of the results; the thread sanitizer is what watches.
 #include <windows.h>
 
 #include <wincrypt.h>
 
+#include <algorithm>
 #include <atomic>
 #include <functional>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <thread>
 #include <vector>
@@ -154,6 +156,83 @@ TEST_F(Concurrency, TwoDialogsAtOnce) {
     };
     allAtOnce({prompts, prompts, prompts});
     desktop::seat(nullptr);
+}
+
+// Opening a key binds the provider to the key's token, while other threads are at work with it. Whatever it is bound to
+// meanwhile, a call keeps to one token and to the PIN of that one. The identifiers are one that a string holds within
+// itself and one that it does not.
+struct SharedToken {
+    std::string id, pin;
+    TalvikKeyPair keyPair;
+};
+const SharedToken sharedTokens[] = {{"TALVIK-0001", "11111111", scripted::keyPair(0x11)},
+                                    {"{5f0c1c1e-6a55-4a0b-9d41-3b7a0b5e8f22}", "22222222", scripted::keyPair(0x22)}};
+thread_local const SharedToken* tokenOfCall;  // null until the call has asked something of one
+thread_local bool looksForKey;                // on every token, as opening does
+
+void keepsToOneToken(const std::string& call) {
+    const std::size_t quote = call.find('"');
+    if (quote == std::string::npos)
+        return;
+    const std::string id = call.substr(quote + 1, call.find('"', quote + 1) - quote - 1);
+    const auto token = std::ranges::find(sharedTokens, id, &SharedToken::id);
+    ASSERT_NE(token, std::end(sharedTokens)) << call;
+    const SharedToken& other = sharedTokens[token == sharedTokens ? 1 : 0];
+    EXPECT_EQ(call.find(other.pin), std::string::npos) << call;
+    EXPECT_TRUE(looksForKey || tokenOfCall == nullptr || tokenOfCall == token) << call;
+    tokenOfCall = token;
+}
+
+TEST_F(Concurrency, OneProviderForTwoTokens) {
+    struct : desktop::User {
+        void dialog(HWND window) override {
+            desktop::type(window, tokenOfCall->pin);
+            desktop::press(window, IDOK);
+        }
+        void message(const std::string&, const std::string&) override {}
+    } user;
+    std::vector<std::pair<std::string, scripted::Token>> attached;
+    for (const auto& [id, pin, keyPair] : sharedTokens)
+        attached.push_back({id, {scripted::tokenInfo(id), {keyPair}, {}, {}}});
+    scripted::attach(attached);
+    desktop::seat(&user);
+    NCRYPT_PROV_HANDLE provider = 0;
+    ASSERT_EQ(KSPOpenProvider(&provider, L"", 0), ERROR_SUCCESS);
+    std::atomic<int> signatures = 0;
+    scripted::before("talvik_signHash", [&] {
+        if (++signatures % 3 == 0)
+            scripted::next("talvik_signHash", {49});
+    });
+    scripted::watch(keepsToOneToken);
+
+    const auto works = [&](const SharedToken& token) {
+        return [&, name = scripted::containerName(token.keyPair)] {
+            NCRYPT_KEY_HANDLE key = 0;
+            BYTE data[600] = {};
+            DWORD size = 0;
+            looksForKey = true;
+            EXPECT_EQ(KSPOpenKey(provider, &key, std::wstring(name.begin(), name.end()).c_str(), 0, 0), ERROR_SUCCESS);
+            looksForKey = false;
+            tokenOfCall = nullptr;
+            KSPSignHash(provider, key, nullptr, data, 32, data, sizeof data, &size, NCRYPT_SILENT_FLAG);
+            tokenOfCall = nullptr;
+            KSPDecrypt(provider, key, data, 256, nullptr, data, sizeof data, &size, NCRYPT_SILENT_FLAG);
+            EXPECT_EQ(KSPFreeKey(provider, key), ERROR_SUCCESS);
+        };
+    };
+    const auto prompts = [&] {
+        HWND window = nullptr;
+        tokenOfCall = nullptr;
+        EXPECT_EQ(KSPSetProviderProperty(provider, L"HWND Handle", reinterpret_cast<BYTE*>(&window), 8, 0),
+                  ERROR_SUCCESS);
+        EXPECT_EQ(KSPPromptUser(provider, 0, nullptr, 0), ERROR_SUCCESS);
+        for (const SharedToken& token : sharedTokens)
+            EXPECT_THAT(talvik::getDevicePassword(token.id).c_str(), testing::AnyOf(testing::StrEq(""), token.pin));
+    };
+    allAtOnce(
+        {works(sharedTokens[0]), works(sharedTokens[1]), works(sharedTokens[0]), works(sharedTokens[1]), prompts});
+    desktop::seat(nullptr);
+    EXPECT_EQ(KSPFreeProvider(provider), ERROR_SUCCESS);
 }
 
 TEST_F(Concurrency, TheLevelChangesWhileLinesAreWritten) {

@@ -18,6 +18,7 @@ struct Script {
     std::map<std::string, std::deque<Outcome>> queued;
     std::map<std::string, Outcome> standing;
     std::map<std::string, std::function<void()>> hooks;
+    std::function<void(const std::string&)> watcher;
     std::map<std::string, int> counts;
     std::vector<std::string> calls;
     TalvikKeyPair generated{};
@@ -138,14 +139,19 @@ Outcome outcomeOf(Script& the, const std::string& operation) {
 
 template <class... Arguments>
 Outcome answer(const std::string& operation, Arguments... arguments) {
+    const std::string call = callText(operation, arguments...);
     std::function<void()> hook;
+    std::function<void(const std::string&)> watcher;
     {
         const std::lock_guard guard(scriptLock);
-        script().calls.push_back(callText(operation, arguments...));
+        script().calls.push_back(call);
         ++script().counts[operation];
         if (const auto found = script().hooks.find(operation); found != script().hooks.end())
             hook = found->second;
+        watcher = script().watcher;
     }
+    if (watcher)
+        watcher(call);
     if (hook)
         hook();
     const std::lock_guard guard(scriptLock);
@@ -244,6 +250,10 @@ void always(const std::string& operation, const Outcome& outcome) {
 
 void before(const std::string& operation, std::function<void()> hook) {
     Locked()->hooks[operation] = std::move(hook);
+}
+
+void watch(std::function<void(const std::string& call)> watcher) {
+    Locked()->watcher = std::move(watcher);
 }
 
 void generates(const TalvikKeyPair& key) {

@@ -62,6 +62,9 @@ TALVIK_DEVICE_API void always(const std::string& operation, const Outcome& outco
 // Runs at each call of the operation, before it is answered.
 TALVIK_DEVICE_API void before(const std::string& operation, std::function<void()> hook);
 
+// Runs at each call of any operation, on its thread, with what takeCalls would say of it.
+TALVIK_DEVICE_API void watch(std::function<void(const std::string& call)> watcher);
+
 // The record that talvik_generateKeyPair returns; the usage and the type of the request are kept when these are 0.
 TALVIK_DEVICE_API void generates(const TalvikKeyPair& key);
 

@@ -9,7 +9,7 @@ using namespace talvik;
 namespace {
 
 constexpr char ROOT_FOUND[] = "DEBUG [ROOT] Self-signed root detected.";
-const Bytes GARBAGE = {0x30, 0x03, 1, 2, 3};
+const Bytes GARBAGE = {0x30, 0x03, 1, 2, 3}, ENDLESS = {0x30, 0x80, 0, 0};
 
 // Certificates of openssl's, made once: root, intermediate and leaf; two that name each other as issuer; an orphan.
 struct Certificates {
@@ -98,6 +98,7 @@ TEST_F(CertificateChainTest, EndsWhereNoIssuerIsOrACertificateRepeats) {
                 {"root missing", {of.leaf, of.intermediate}, {of.leaf, of.intermediate}, {}},
                 {"alone", {of.orphan}, {of.orphan}, {}},
                 {"undecodable leaf", {GARBAGE, of.root}, {GARBAGE}, {"DEBUG [ERROR] Cannot parse leaf cert"}},
+                {"leaf of no length", {ENDLESS, of.root}, {ENDLESS}, {"DEBUG [ERROR] Cannot parse leaf cert"}},
                 {"empty leaf", {Bytes(), of.root}, {Bytes()}, {"DEBUG [ERROR] Cannot parse leaf cert"}},
                 {"self-signed leaf", {of.root, of.intermediate}, {of.root}, {}},
                 {"self-signed leaf twice", {of.root, of.root}, {of.root, of.root}, {ROOT_FOUND}},
@@ -152,6 +153,24 @@ TEST_F(CertificateChainTest, EncodesBySizeRule) {
         EXPECT_NE(std::search(message.begin(), message.end(), der.begin(), der.end()), message.end());
     // Each certificate was decoded once, and is still.
     EXPECT_THAT(decoded, ElementsAre(held.decoded(0), held.decoded(1), held.decoded(2)));
+}
+
+// A record may go on behind its certificate, or lie about its length. Readers of the message would stumble over that.
+TEST_F(CertificateChainTest, CutsWhatFollowsACertificate) {
+    std::vector<TalvikCertificate> records;
+    for (const Bytes& der : {of.leaf, of.intermediate, of.root})
+        records.push_back(scripted::certificateOf(scripted::keyPair(0x11), der + bytes(9)));
+    records[1].derLength = 0xFFFFFFFF;
+    TokenCertificates held(records);
+    const std::vector<std::size_t> chain = orderCertificateChain(0, held);
+    EXPECT_EQ(chain, std::vector<std::size_t>({0, 1, 2}));
+    EXPECT_TRUE(building(chain, held, 4096)());
+    const talvik_test::ScratchFolder scratch;
+    scratch.write("chain", delivered());
+    const std::string listed = talvik_test::openssl(scratch, "pkcs7 -inform DER -in chain -print_certs -noout");
+    for (const char* const name : {"Leaf", "Intermediate", "Root"})
+        EXPECT_THAT(listed, HasSubstr(name));
+    EXPECT_EQ(content(held.record(0).der, held.record(0).derLength), of.leaf + bytes(9));
 }
 
 TEST_F(CertificateChainTest, RefusesWhatIsNoChain) {

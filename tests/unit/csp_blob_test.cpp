@@ -37,6 +37,12 @@ class CspBlobTest : public ProviderTest {
                                withKey ? reinterpret_cast<HCRYPTKEY>(&importing) : 0, 5, &handle);
         };
     }
+    Call nowhere(const Bytes& blob, bool withKey = false) {
+        return [=, this] {
+            return CPImportKey(prov, blob.data(), static_cast<DWORD>(blob.size()),
+                               withKey ? reinterpret_cast<HCRYPTKEY>(&importing) : 0, 5, nullptr);
+        };
+    }
     void release() {  // without a line in the log
         if (handle != UNTOUCHED_HANDLE)
             delete csp::keyOf(std::exchange(handle, UNTOUCHED_HANDLE));
@@ -100,6 +106,9 @@ TEST_F(CspBlobTest, MalformedBlobsAreRefusedWithTheirText) {
         SCOPED_TRACE(text);
         expectFailure(import(blob), error, head(blob) + ("ERROR " + text));
         EXPECT_EQ(handle, UNTOUCHED_HANDLE);
+        // That there is nowhere to put a key matters only where there is one.
+        if (text != "PLAINTEXTKEYBLOB import failed")
+            expectError(nowhere(blob), error, "ERROR " + text);
     }
     for (const std::uint32_t bits : {0u, 1025u, 1536u, 8192u, 65536u}) {
         const Bytes blob = rsaBlob(bits, 0x10001, bytes(bits / 8));
@@ -112,10 +121,14 @@ TEST_F(CspBlobTest, MalformedBlobsAreRefusedWithTheirText) {
     refused(ERROR_INVALID_PARAMETER, "CPImportKey - Input data is null", 0, nullptr, 12, 0, 0, &handle);
     refused(NTE_BAD_UID, noContext, 0, some, 12, 0, 0, &handle);
     refused(NTE_BAD_UID, noContext, invalid, some, 12, 0, 0, &handle);
-    refused(ERROR_INVALID_PARAMETER, "CPImportKey - phKey is null", prov, some, 12, 0, 0, nullptr);
-    for (const DWORD length : {0u, 11u, 12u})
-        refused(NTE_INVALID_PARAMETER, "CPImportKey - Input data to import is empty", prov, some, length, 0, 0,
-                &handle);
+    for (HCRYPTKEY* const to : {&handle, static_cast<HCRYPTKEY*>(nullptr)})
+        for (const DWORD length : {0u, 11u, 12u})
+            refused(NTE_INVALID_PARAMETER, "CPImportKey - Input data to import is empty", prov, some, length, 0, 0, to);
+    scripted::always("talvik_decrypt", {.output = bytes(16)});
+    for (const Bytes& blob : {rsaBlob(1024, 3, bytes(128)), keyBlob(SIMPLEBLOB, CALG_AES_128, bytes(5)),
+                              keyBlob(PLAINTEXTKEYBLOB, CALG_AES_128, bytes(16))})
+        expectError(nowhere(blob, true), ERROR_INVALID_PARAMETER, "ERROR CPImportKey - phKey is null");
+    EXPECT_EQ(scripted::callCount("talvik_importAesKey"), 0);
 }
 
 // Cut anywhere, or with any header byte turned over, a blob is imported or refused with one of its errors.
@@ -176,6 +189,8 @@ TEST_F(CspBlobTest, SessionKeysAreUnwrappedInEitherOrder) {
         scripted::next("talvik_decrypt", {.output = bytes(16)});
         expectSuccess(import(blob, true), start(blob) + failed + unwrapped, twice);
     }
+    scripted::next("talvik_decrypt", {.output = bytes(16)});
+    EXPECT_TRUE(import(keyBlob(SIMPLEBLOB, CALG_AES_128, bytes(0x10001)), true)());
     const Bytes blob = keyBlob(SIMPLEBLOB, CALG_AES_256, received);
     scripted::next("talvik_decrypt", {.output = bytes(33)});
     expectFailure(import(blob, true), NTE_BAD_DATA, start(blob) + "ERROR SIMPLEBLOB decryption failed (key too long)",

@@ -80,12 +80,19 @@ TEST_F(CspKeyParamTest, Refusals) {
     refused(NTE_BAD_UID, context, 0, key, KP_KEYLEN, nullptr, &size, 0);
     refused(NTE_BAD_UID, context, invalid, 0, KP_KEYLEN, nullptr, &size, 0);
     refused(NTE_BAD_KEY, "CPGetKeyParam: key handle is null", prov, 0, KP_KEYLEN, nullptr, &size, 0);
-    // A missing length is refused too, never written through.
-    for (const DWORD param : {KP_PERMISSIONS, KP_ALGID, KP_KEYLEN, KP_CERTIFICATE})
-        refused(ERROR_INVALID_PARAMETER, "CPGetKeyParam: pcbDataLen is null", prov, key, param, nullptr, nullptr, 0);
-    for (const DWORD param : std::initializer_list<DWORD>{0, KP_IV, KP_SALT, 5, 10, 25, 27, 0xFFFFFFFF})
-        refused(NTE_BAD_TYPE, "CPGetKeyParam - unsupported input : " + number(param), prov, key, param, nullptr, &size,
-                0);
+    // A missing length is refused too, where it would be used, and never written through.
+    BYTE some[4];
+    for (const DWORD param : {KP_PERMISSIONS, KP_ALGID, KP_KEYLEN})
+        refused(ERROR_INVALID_PARAMETER, "CPGetKeyParam: pcbDataLen is null", prov, key, param, some, nullptr, 0);
+    for (DWORD* const length : {&size, static_cast<DWORD*>(nullptr)})
+        for (const DWORD param : std::initializer_list<DWORD>{0, KP_IV, KP_SALT, 5, 10, 25, 27, 0xFFFFFFFF})
+            refused(NTE_BAD_TYPE, "CPGetKeyParam - unsupported input : " + number(param), prov, key, param, nullptr,
+                    length, 0);
+    const Call certificate = [&] { return CPGetKeyParam(prov, key, KP_CERTIFICATE, some, nullptr, 0); };
+    attachToken({});
+    expectError(certificate, NTE_NOT_FOUND, "ERROR CPGetKeyParam - Certificate not found");
+    attachToken({}, {scripted::certificateOf(scripted::keyPair(0x11), {1})});
+    expectError(certificate, ERROR_INVALID_PARAMETER, "ERROR CPGetKeyParam: pcbDataLen is null");
     EXPECT_EQ(size, 8u);
 }
 

@@ -275,13 +275,18 @@ TEST_F(CspProviderParamTest, Refusals) {
         expectFailure(get(param, 200, CRYPT_FIRST), NTE_BAD_TYPE,
                       head(param) + ("ERROR CPGetProvParam: unsupported dwParam=" + number(param)));
         EXPECT_TRUE(isOnlyTold(200));
+        expectError(refused(prov, param), NTE_BAD_TYPE, "ERROR CPGetProvParam: unsupported dwParam=" + number(param));
     }
     for (const DWORD param : {0u, 2u, 31u, 34u, 37u, 39u, 0xFFFFFFFFu})
         expectFailure(set(param, "1234"), NTE_BAD_TYPE,
                       setHead(param) + ("ERROR CPSetProvParam: unsupported dwParam=" + number(param)));
-    for (const DWORD param : {PP_NAME, PP_KEYSPEC, PP_ENUMALGS, PP_CERTCHAIN})
-        expectFailure(refused(prov, param), ERROR_INVALID_PARAMETER,
-                      head(param) + "ERROR CPGetProvParam: pcbDataLen is null");
+    // A missing length is refused where it would be used, and never written through.
+    for (const DWORD param : {PP_NAME, PP_KEYSPEC, PP_ENUMALGS, PP_KEYSET_SEC_DESCR, PP_USE_HARDWARE_RNG})
+        expectError(refused(prov, param), ERROR_INVALID_PARAMETER, "ERROR CPGetProvParam: pcbDataLen is null");
+    expectError(refused(prov, PP_ENUMCONTAINERS), ERROR_INVALID_PARAMETER,
+                "ERROR CPGetProvParam PP_ENUMCONTAINERS: invalid dwFlags=0");
+    expectError(refused(prov, PP_CERTCHAIN), NTE_NO_KEY,
+                "ERROR CPGetProvParam PP_CERTCHAIN: container not found, containerName=" + TWO);
 }
 
 TEST_F(CspProviderParamTest, ThePinIsValidatedAndKept) {

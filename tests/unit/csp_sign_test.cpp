@@ -150,8 +150,9 @@ TEST_F(CspSignTest, SignRefusals) {
     refused(NTE_BAD_UID, context, 0, hash, 2, nullptr, 0, nullptr, &size);
     refused(NTE_BAD_UID, context, invalid, 0, 2, nullptr, 0, nullptr, &size);
     refused(NTE_BAD_HASH, "CPSignHash: hash handle is null", prov, 0, 2, nullptr, 0, nullptr, &size);
-    refused(ERROR_INVALID_PARAMETER, "CPSignHash: pdwSigLen is null", prov, hash, 2, nullptr, 0, data.data(), nullptr);
-
+    const Call lengthless = [&] { return CPSignHash(prov, hash, 2, nullptr, 0, data.data(), nullptr); };
+    scripted::next("talvik_finalHash", {.status = 8});
+    expectError(lengthless, NTE_FAIL, "ERROR CPSignHash: talvik_finalHash failed with ret=8");
     scripted::next("talvik_finalHash", {.status = 8});
     expectFailure(sign(), NTE_FAIL, {"DEBUG CPSignHash", "ERROR CPSignHash: talvik_finalHash failed with ret=8"},
                   {FINAL});
@@ -304,9 +305,6 @@ TEST_F(CspVerifyTest, Refusals) {
     refused(NTE_BAD_UID, "CSP Context Not Initialized", 0, hash, claim.data(), 3, 0, nullptr, 0);
     refused(NTE_BAD_UID, "CSP Context Not Initialized", invalid, 0, claim.data(), 3, 0, nullptr, 0);
     refused(NTE_BAD_HASH, "Hash Context is not Initialized", prov, 0, claim.data(), 3, 0, nullptr, 0);
-    refused(ERROR_INVALID_PARAMETER, "CPVerifySignature: pbSignature is null", prov, hash, nullptr, 3, 0, nullptr, 0);
-    refused(NTE_BAD_SIGNATURE, "CPVerifySignature: signature too long, cbSigLen=65537", prov, hash, claim.data(),
-            0x10001, 0, nullptr, 0);
     struct {
         std::function<void()> arrange;
         const char* text;
@@ -321,7 +319,16 @@ TEST_F(CspVerifyTest, Refusals) {
         expectError(verify(), NTE_BAD_HASH, std::string("ERROR ") + row.text);
         EXPECT_EQ(record().hashValueLen, 0u);
     }
+    knowDigest();
+    const auto verifying = [&](const Bytes& signature, DWORD length) {
+        return [&, length] { return CPVerifySignature(prov, hash, signature.data(), length, 0, nullptr, 0); };
+    };
+    expectError(verifying({}, 3), ERROR_INVALID_PARAMETER, "ERROR CPVerifySignature: pbSignature is null");
+    expectError(verifying(claim, 0x80000000), NTE_BAD_SIGNATURE,
+                "ERROR CPVerifySignature: signature too long, cbSigLen=2147483648");
     EXPECT_EQ(scripted::callCount("talvik_verifySignatureHash"), 0);
+    const Bytes longClaim(0x10001);
+    EXPECT_TRUE(verifying(longClaim, 0x10001)());
 }
 
 }  // namespace

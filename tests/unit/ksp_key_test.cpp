@@ -47,9 +47,9 @@ TEST_F(KspKeys, BindsTheProviderToTheTokenThatHoldsTheKey) {
     scripted::attach({{"T1", {scripted::tokenInfo("one"), {scripted::keyPair(0x11)}, {}, {}}},
                       {"T2", {scripted::tokenInfo("two"), {onSecond}, {}, {}}}});
     open();
-    EXPECT_EQ(providerOf(hProv)->deviceId, "T1");
+    EXPECT_EQ(providerOf(hProv)->token()->deviceId, "T1");
     openKey(hProv, onSecond);
-    EXPECT_EQ(providerOf(hProv)->deviceId, "T2");
+    EXPECT_EQ(providerOf(hProv)->token()->deviceId, "T2");
     // A label counts for the token, but opens no key. Without a name the provider stays where it is.
     NCRYPT_KEY_HANDLE key = 0;
     expect(NTE_NO_KEY, "KSPOpenKey", [&] { return ksp.OpenKey(hProv, &key, L"label 17", 0, 0); },
@@ -208,7 +208,15 @@ TEST_F(KspKeys, WithoutThePinNothingIsMadeStoredOrDeleted) {
         expectError(act, NTE_FAIL, "ERROR " + text);
         EXPECT_EQ(scripted::takeCalls(), Lines({TOKEN_INFO}));
     }
+    const auto silently = [&](const std::string& name, const Act& act) {
+        expect(NTE_SILENT_CONTEXT, name, act, {"ERROR " + name + ": silent mode requested but PIN not validated"},
+               {TOKEN_INFO});
+    };
+    silently("KSPFinalizeKey", [&] { return ksp.FinalizeKey(hProv, pending, NCRYPT_SILENT_FLAG); });
+    silently("KSPDeleteKey", [&] { return ksp.DeleteKey(hProv, key, NCRYPT_SILENT_FLAG); });
     EXPECT_EQ(robot.finish().size(), 3u);
+    setDevicePassword(DEVICE, PIN);
+    EXPECT_EQ(ksp.DeleteKey(hProv, key, NCRYPT_SILENT_FLAG), ERROR_SUCCESS);
 }
 
 TEST_F(KspKeys, EnumeratesTheKeysOfTheFirstCall) {
@@ -310,7 +318,7 @@ TEST_F(KspKeys, TakesLengthUsageAndWindow) {
     const HWND window = reinterpret_cast<HWND>(0x1234);
     for (const DWORD length : {8, 4, 0}) {
         expectSet(setting(key, L"HWND Handle", length != 0 ? &window : nullptr, length));
-        EXPECT_EQ(providerOf(hProv)->hwnd, window);
+        EXPECT_EQ(providerOf(hProv)->token()->window, window);
     }
 }
 

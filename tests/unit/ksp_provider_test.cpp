@@ -84,8 +84,8 @@ TEST_F(KspProvider, OpensWithoutAToken) {
     scripted::attach({});
     expect(ERROR_SUCCESS, "KSPOpenProvider", [&] { return ksp.OpenProvider(&hProv, nullptr, 0); },
            {MONITOR, "DEBUG KSP: No token connected, opening provider without device"}, {INIT, DEVICES});
-    const talvik::ksp::KspProvider& provider = *providerOf(hProv);
-    EXPECT_EQ(provider.deviceId + provider.firmwareVersion, "");
+    const auto token = providerOf(hProv)->token();
+    EXPECT_EQ(token->deviceId + token->firmwareVersion, "");
     NCRYPT_KEY_HANDLE key = 0;
     expect(NTE_NO_KEY, "KSPOpenKey", [&] { return ksp.OpenKey(hProv, &key, L"x", 0, 0); },
            {"DEBUG KSP: Opening key: x", "ERROR KSP: No keys found on token"},
@@ -135,7 +135,7 @@ TEST_F(KspProvider, ReadsItsProperties) {
 
 TEST_F(KspProvider, TakesTheWindowThatOwnsTheDialog) {
     open();
-    const HWND& owner = providerOf(hProv)->hwnd;
+    const auto owner = [&] { return providerOf(hProv)->token()->window; };
     HWND window = reinterpret_cast<HWND>(0x1122334455667788);
     const auto set = [&](BYTE* value, DWORD size) {
         EXPECT_EQ(ksp.SetProviderProperty(hProv, L"HWND Handle", value, size, 0), ERROR_SUCCESS);
@@ -143,9 +143,9 @@ TEST_F(KspProvider, TakesTheWindowThatOwnsTheDialog) {
     for (const auto& [value, size] :
          {std::pair<BYTE*, DWORD>{nullptr, 8}, {bytesOf(window), 4}, {bytesOf(window), 0}}) {
         set(bytesOf(window), 8);
-        EXPECT_EQ(owner, window);
+        EXPECT_EQ(owner(), window);
         set(value, size);
-        EXPECT_EQ(owner, nullptr);
+        EXPECT_EQ(owner(), nullptr);
     }
     const auto refused = refusalsOf("KSPSetProviderProperty", ksp.SetProviderProperty);
     const std::string of = "KSPSetProviderProperty: ";
@@ -189,6 +189,52 @@ TEST_F(KspProvider, PromptsUnlessThePinIsKnown) {
     expect(ERROR_SUCCESS, "KSPPromptUser", prompt, PIN_ASKED, {TOKEN_INFO, validation("1234")});
     expect(ERROR_SUCCESS, "KSPPromptUser", prompt, PIN_KNOWN);
     EXPECT_EQ(robot.finish(), Lines({"PIN", "PIN"}));
+}
+
+// Another thread opens a key of the second token while a call on the first is with the device library.
+TEST_F(KspProvider, ACallKeepsToTheTokenThatItBeganWith) {
+    const TalvikKeyPair first = scripted::keyPair(0x11), second = scripted::keyPair(0x22);
+    scripted::attach({{"T1", {scripted::tokenInfo("one"), {first}, {}, {}}},
+                      {"T2", {scripted::tokenInfo("two"), {second}, {}, {}}}});
+    open();
+    const NCRYPT_KEY_HANDLE key = openKey(hProv, first);
+    NCRYPT_KEY_HANDLE pending = 0;
+    EXPECT_EQ(ksp.CreatePersistedKey(hProv, &pending, L"RSA", nullptr, 0, 0), ERROR_SUCCESS);
+    keep(pending);
+    BYTE out[256] = {};
+    const struct {
+        const char* name;
+        int status;  // of the operation at which the provider is bound to the other token
+        bool hasPin, asksForPin;
+        Act act;
+    } rows[] = {{"talvik_signHash", 49, true, true,
+                 [&] { return ksp.SignHash(hProv, key, nullptr, out, 32, out, 256, &size, 0); }},
+                {"talvik_decrypt", 49, true, true,
+                 [&] { return ksp.Decrypt(hProv, key, out, 256, nullptr, out, 256, &size, 0); }},
+                {"talvik_getTokenInfo", 0, false, true, [&] { return ksp.PromptUser(hProv, 0, nullptr, 0); }},
+                {"talvik_getTokenInfo", 0, false, true, [&] { return ksp.FinalizeKey(hProv, pending, 0); }},
+                {"talvik_getTokenInfo", 0, false, true, [&] { return ksp.DeleteKey(hProv, key, 0); }},
+                {"talvik_validatePassword", 0, false, false,
+                 [&] { return ksp.SetProviderProperty(hProv, L"SmartCardPin", (BYTE*)PIN, 4, 0); }}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        openKey(hProv, first);
+        row.hasPin ? setDevicePassword(DEVICE, PIN) : clearDevicePassword(DEVICE);
+        if (row.asksForPin)
+            robot.enters(PIN);
+        scripted::next(row.name, {row.status});
+        scripted::before(row.name, [&, isBound = false]() mutable {
+            if (!std::exchange(isBound, true))
+                openKey(hProv, second);
+        });
+        EXPECT_EQ(row.act(), ERROR_SUCCESS);
+        EXPECT_EQ(providerOf(hProv)->token()->deviceId, "T2");
+        EXPECT_THAT(scripted::takeCalls(), Each(HasSubstr("(\"T1\"")));
+        EXPECT_STREQ(getDevicePassword(DEVICE).c_str(), PIN);
+        EXPECT_FALSE(isPasswordValidated("T2"));
+        scripted::before(row.name, nullptr);
+    }
+    EXPECT_EQ(robot.finish().size(), 5u);
 }
 
 TEST_F(KspProvider, ListsAlgorithms) {
