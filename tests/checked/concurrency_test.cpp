@@ -14,6 +14,7 @@
 
 #include "csp/entry_points.h"
 #include "ksp/entry_points.h"
+#include "module.h"
 #include "stand_in/desktop.h"
 #include "support/log_reader.h"
 #include "support/scripted_library.h"
@@ -241,6 +242,7 @@ TEST_F(Concurrency, TheLevelChangesWhileLinesAreWritten) {
 int main(int argc, char** argv) {
     testing::InitGoogleTest(&argc, argv);
     useOwnTemporaryFolder();
+    talvik::recordModuleInstance(GetModuleHandleA(nullptr));  // the dialog's resource is the program's
     const int result = RUN_ALL_TESTS();
     talvik::stopDeviceMonitor();
     return result;
