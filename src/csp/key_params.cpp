@@ -129,11 +129,7 @@ bool pinForCertificate(const CspContext& context, SecretText& pin) {
     if (!pin.empty() || context.deviceId.empty()) {
         return true;
     }
-    if (!loginUser(context.deviceId, context.reserved, pin)) {
-        return false;
-    }
-    setDevicePassword(context.deviceId, pin.c_str());
-    return true;
+    return loginUser(context.deviceId, context.reserved, pin);
 }
 
 TalvikCertificate certificateFor(const KEY_HANDLE& key, ByteView der) {

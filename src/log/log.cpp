@@ -207,6 +207,17 @@ bool errorIsOn() noexcept {
     return !level || *level > 1;
 }
 
+void append(std::string& text, std::string_view value) {
+    for (const char character : value) {
+        const auto code = static_cast<unsigned char>(character);
+        if (code < 0x20 || code == 0x7F) {
+            text.append("\\x").append(Utils().bytesToHexString(&code, 1));
+        } else {
+            text += character;
+        }
+    }
+}
+
 void append(std::string& text, HexWord part) {
     char digits[9];
     std::snprintf(digits, sizeof digits, "%08X", static_cast<unsigned int>(part.value));

@@ -4,6 +4,9 @@
 // A message is given in parts: texts, numbers (decimal) and the wrappers below. Parts are put together only once the
 // level is known to be on, so a suppressed line costs one registry query and nothing else. Logging never fails towards
 // its caller and never changes the thread's last error.
+//
+// A literal is the provider's own text and stands as it is. Every other text may come from a caller or from the token:
+// its control characters are written as \x0A, so that no name forges a line or commands the terminal that shows it.
 #pragma once
 
 #include <charconv>
@@ -46,9 +49,14 @@ namespace log_detail {
 bool debugIsOn() noexcept;
 bool errorIsOn() noexcept;
 
-inline void append(std::string& text, std::string_view part) {
-    text += part;
+// The character fields of token records have the type of a literal too, but are longer than any.
+inline constexpr std::size_t shortestField = 128;
+
+template <std::size_t Size>
+requires(Size < shortestField) void append(std::string& text, const char (&literal)[Size]) {
+    text.append(literal, Size - 1);
 }
+void append(std::string& text, std::string_view value);
 void append(std::string& text, HexWord part);
 void append(std::string& text, HexNumber part);
 void append(std::string& text, HexBytes part);
@@ -64,8 +72,8 @@ void reportLostLine() noexcept;
 
 }  // namespace log_detail
 
-// Appends one line to today's file, whatever the configured level. `level` chooses the tag: the LOG_LEVEL_* codes, any
-// other value gives INFO.
+// Appends one line to today's file, whatever the configured level, the message as it is. `level` chooses the tag: the
+// LOG_LEVEL_* codes, any other value gives INFO.
 void writeLog(int level, const std::string& message) noexcept;
 
 template <class... Parts>

@@ -18,14 +18,6 @@ int boundedIdLength(const TalvikSymmetricKey& key) {
     return key.keyIdLength < 0 ? capacity : std::min(key.keyIdLength, capacity);
 }
 
-// A request to the token, whose key value is wiped when it goes.
-struct AesRequest {
-    TalvikSymmetricKey record = {};
-
-    ~AesRequest() { wipeValue(); }
-    void wipeValue() { SecureZeroMemory(record.keyId, sizeof record.keyId); }
-};
-
 }  // namespace
 
 std::optional<AesKeyIdentifier> unwrapWithTokenKey(const std::string& deviceId, ByteView wrapped,

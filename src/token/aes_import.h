@@ -15,6 +15,14 @@ namespace talvik {
 // Identifier of an AES key on the token, as it is shown in the log.
 using AesKeyIdentifier = std::array<unsigned char, sizeof TalvikSymmetricKey::identifier>;
 
+// A request to the token, whose key value is wiped when it goes.
+struct AesRequest {
+    TalvikSymmetricKey record = {};
+
+    ~AesRequest() { wipeValue(); }
+    void wipeValue() { SecureZeroMemory(record.keyId, sizeof record.keyId); }
+};
+
 // Unwraps a key with whichever AES key on the token can: the wrapped bytes are offered, as they are, to every key of
 // 128 or 256 bits in the token's order, and the first that decrypts them wins. Its identifier, with the key value in
 // `unwrapped`; nothing when none can.

@@ -26,9 +26,14 @@ std::thread& monitorThread() {
     return instance;
 }
 
-void forgetUnpluggedDevices() {
-    const std::vector<std::string> attached = talvik_getConnectedDeviceList(false, nullptr);
-    forgetDevicesExcept(std::set<std::string>(attached.begin(), attached.end()));
+// A look that fails, for want of memory or inside the library, is left out: the next one comes in a second.
+void forgetUnpluggedDevices() noexcept {
+    try {
+        const std::vector<std::string> attached = talvik_getConnectedDeviceList(false, nullptr);
+        forgetDevicesExcept(std::set<std::string>(attached.begin(), attached.end()));
+    } catch (...) {
+        return;
+    }
 }
 
 void monitorDevices() {
@@ -60,7 +65,12 @@ void startDeviceMonitor() {
         return;
     }
     stopRequested = 0;
-    monitorThread() = std::thread(monitorDevices);
+    try {
+        monitorThread() = std::thread(monitorDevices);
+    } catch (...) {
+        running = 0;
+        throw;
+    }
     logDebug("Monitor thread started (startDeviceMonitor).");
 }
 

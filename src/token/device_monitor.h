@@ -3,7 +3,7 @@
 
 namespace talvik {
 
-// Starts the thread unless it runs already.
+// Starts the thread unless it runs already. Throws when the system has no thread to give; the next start tries again.
 void startDeviceMonitor();
 
 // Asks the thread to stop and waits for it, up to about a second. Harmless when none runs. Runs by itself when the

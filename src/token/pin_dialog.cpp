@@ -1,8 +1,6 @@
 #include "token/pin_dialog.h"
 
-#include <mutex>
 #include <string>
-#include <utility>
 
 #include "log/log.h"
 #include "module.h"
@@ -13,15 +11,9 @@ namespace {
 
 constexpr LRESULT shortestPin = 4;
 constexpr LRESULT longestPin = 63;
-constexpr int pinBufferSize = 256;
 
-// One for the process. Two threads that prompt at the same moment share it, but each finds it whole.
-std::mutex enteredPinLock;
-SecretText enteredPin;
-
-void setEnteredPin(SecretText pin) {
-    const std::lock_guard guard(enteredPinLock);
-    enteredPin = std::move(pin);
+PinAnswer& answerOf(HWND dialog) {
+    return *reinterpret_cast<PinAnswer*>(GetWindowLongPtrA(dialog, DWLP_USER));
 }
 
 void enableLogin(HWND dialog, bool enable) {
@@ -31,13 +23,6 @@ void enableLogin(HWND dialog, bool enable) {
 void onPinChanged(HWND dialog) {
     const LRESULT length = SendDlgItemMessageA(dialog, IDC_USER_PIN, WM_GETTEXTLENGTH, 0, 0);
     enableLogin(dialog, length >= shortestPin && length <= longestPin);
-}
-
-void takePin(HWND dialog) {
-    char pin[pinBufferSize] = {};
-    GetDlgItemTextA(dialog, IDC_USER_PIN, pin, sizeof pin);
-    setEnteredPin(SecretText(pin));
-    SecureZeroMemory(pin, sizeof pin);
 }
 
 // The edit control releases its text as it is; what it releases then is as many asterisks.
@@ -60,10 +45,10 @@ INT_PTR onCommand(HWND dialog, WORD control, WORD notification) {
             }
             return TRUE;
         case IDOK:
-            takePin(dialog);
+            GetDlgItemTextA(dialog, IDC_USER_PIN, answerOf(dialog).pin, PinAnswer::capacity);
             break;
         case IDCANCEL:
-            setEnteredPin({});
+            answerOf(dialog).clear();
             break;
         default:
             break;
@@ -72,9 +57,11 @@ INT_PTR onCommand(HWND dialog, WORD control, WORD notification) {
     return TRUE;
 }
 
-INT_PTR CALLBACK pinDialogProcedure(HWND dialog, UINT message, WPARAM wParam, LPARAM) {
+INT_PTR CALLBACK pinDialogProcedure(HWND dialog, UINT message, WPARAM wParam, LPARAM lParam) {
     switch (message) {
         case WM_INITDIALOG:
+            SetWindowLongPtrA(dialog, DWLP_USER, lParam);
+            answerOf(dialog).dialogWasShown = true;
             enableLogin(dialog, false);
             return TRUE;
         case WM_COMMAND:
@@ -89,25 +76,23 @@ INT_PTR CALLBACK pinDialogProcedure(HWND dialog, UINT message, WPARAM wParam, LP
 
 }  // namespace
 
-void showPinDialog(HWND owner) {
+// The result alone does not tell: an owner that is gone gives 0 too, like a dialog that was closed.
+void showPinDialog(HWND owner, PinAnswer& answer) {
     logDebug("Password dialog show window");
-    setEnteredPin({});
+    answer.clear();
+    answer.dialogWasShown = false;
     logDebug("Password dialog show window before");
     const INT_PTR result =
-        DialogBoxParamA(moduleInstance(), MAKEINTRESOURCEA(IDD_VERIFY_USER_PIN), owner, pinDialogProcedure, 0);
+        DialogBoxParamA(moduleInstance(), MAKEINTRESOURCEA(IDD_VERIFY_USER_PIN), IsWindow(owner) ? owner : nullptr,
+                        pinDialogProcedure, reinterpret_cast<LPARAM>(&answer));
     logDebug("Password dialog show window after");
-    if (result != 0) {
+    if (result != 0 || !answer.dialogWasShown) {
         logError("Password dialog creation failed : ", static_cast<long long>(result));
     }
 }
 
-SecretText getEnteredPin() {
-    const std::lock_guard guard(enteredPinLock);
-    return enteredPin;
-}
-
-void forgetEnteredPin() {
-    setEnteredPin({});
+SecretText getEnteredPin(const PinAnswer& answer) {
+    return SecretText(answer.pin);
 }
 
 void showTokenMessage(const char* message) {

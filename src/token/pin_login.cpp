@@ -1,20 +1,23 @@
 #include "token/pin_login.h"
 
 #include "token/pin_dialog.h"
+#include "token/pin_turn.h"
 
 namespace talvik {
 namespace {
 
 // The texts in which the two faces differ. The slip in the CryptoAPI face's message is what its users know.
 struct LoginTexts {
+    const char* validated;
     const char* timeMismatch;
     const char* cancelled;
     const char* locked;  // null: not logged
 };
 
-constexpr LoginTexts cspTexts = {"System time mismatch, Kidly login to Token Manager", "User cancelled password dialog",
+constexpr LoginTexts cspTexts = {"PIN already validated -- no need to ask again",
+                                 "System time mismatch, Kidly login to Token Manager", "User cancelled password dialog",
                                  "loginUser: PIN locked, retryCount=0"};
-constexpr LoginTexts kspTexts = {"System time mismatch, Kindly login to Token Manager",
+constexpr LoginTexts kspTexts = {"KSP: PIN already validated", "System time mismatch, Kindly login to Token Manager",
                                  "KSP: User cancelled password dialog", nullptr};
 
 bool isLoggedIn(const std::string& deviceId, void* reserved) {
@@ -27,9 +30,9 @@ bool hasValidatedPin(const std::string& deviceId) {
 }
 
 SecretText askForPin(HWND owner, const LoginTexts& texts) {
-    showPinDialog(owner);
-    SecretText pin = getEnteredPin();
-    forgetEnteredPin();
+    PinAnswer answer;
+    showPinDialog(owner, answer);
+    SecretText pin = getEnteredPin(answer);
     if (pin.empty()) {
         logDebug(texts.cancelled);
     }
@@ -46,9 +49,14 @@ void tellRefusal(int status, int remaining, const LoginTexts& texts) {
     }
 }
 
-// Asks until the token accepts a PIN, which is returned; empty when the user gave up or no attempt is left.
+// Asks until the token accepts a PIN, which is remembered and returned; empty when the user gave up or no attempt is
+// left. Whatever validated a PIN since the caller looked, another thread's question for one, saves the question.
 SecretText promptUntilAccepted(const std::string& deviceId, void* reserved, HWND owner, const LoginTexts& texts) {
-    clearDevicePassword(deviceId);
+    const PinTurn turn(deviceId);
+    if (SecretText pin = validatedPinOrForgetSignOn(deviceId); !pin.empty()) {
+        logDebug(texts.validated);
+        return pin;
+    }
     for (;;) {
         SecretText pin = askForPin(owner, texts);
         if (pin.empty()) {
@@ -57,6 +65,7 @@ SecretText promptUntilAccepted(const std::string& deviceId, void* reserved, HWND
         int remaining = 0;
         const int status = talvik_validatePassword(deviceId.c_str(), pin.c_str(), 1, &remaining, reserved);
         if (status == TALVIK_STATUS_OK) {
+            setDevicePassword(deviceId, pin.c_str());
             return pin;
         }
         tellRefusal(status, remaining, texts);
@@ -73,7 +82,7 @@ SecretText promptUntilAccepted(const std::string& deviceId, void* reserved, HWND
 
 bool ensurePasswordValidated(const std::string& deviceId, void* reserved) {
     if (hasValidatedPin(deviceId)) {
-        logDebug("PIN already validated -- no need to ask again");
+        logDebug(cspTexts.validated);
         return true;
     }
     logDebug("Password not validated or empty -- ask for PIN");
@@ -83,12 +92,12 @@ bool ensurePasswordValidated(const std::string& deviceId, void* reserved) {
         SetLastError(static_cast<DWORD>(NTE_FAIL));
         return false;
     }
-    setDevicePassword(deviceId, pin.c_str());
     return true;
 }
 
 bool loginUser(const std::string& deviceId, void* reserved, SecretText& pin) {
     if (isLoggedIn(deviceId, reserved)) {
+        markSignedOn(deviceId);
         return true;
     }
     SecretText accepted = promptUntilAccepted(deviceId, reserved, nullptr, cspTexts);
@@ -101,27 +110,20 @@ bool loginUser(const std::string& deviceId, void* reserved, SecretText& pin) {
 
 bool ensureKspPasswordSilently(const std::string& deviceId, void* reserved) {
     if (hasValidatedPin(deviceId)) {
-        logDebug("KSP: PIN already validated");
+        logDebug(kspTexts.validated);
         return true;
     }
     logDebug("KSP: Password not validated, checking SSO");
     if (isLoggedIn(deviceId, reserved)) {
-        setDevicePassword(deviceId, "");
+        markSignedOn(deviceId);
         return true;
     }
     return false;
 }
 
 bool ensureKspPasswordValidated(const std::string& deviceId, void* reserved, HWND owner) {
-    if (ensureKspPasswordSilently(deviceId, reserved)) {
-        return true;
-    }
-    const SecretText pin = promptUntilAccepted(deviceId, reserved, owner, kspTexts);
-    if (pin.empty()) {
-        return false;
-    }
-    setDevicePassword(deviceId, pin.c_str());
-    return true;
+    return ensureKspPasswordSilently(deviceId, reserved) ||
+           !promptUntilAccepted(deviceId, reserved, owner, kspTexts).empty();
 }
 
 bool canProceedSilently(const std::string& deviceId, void* reserved) {

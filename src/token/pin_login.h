@@ -20,8 +20,8 @@ namespace talvik {
 // CryptoAPI face. False when the user cancelled or the PIN is locked; the last error is then NTE_FAIL.
 bool ensurePasswordValidated(const std::string& deviceId, void* reserved);
 
-// Asks for the PIN until the token accepts it. True with the PIN in `pin`, or, when single sign-on serves, with `pin`
-// untouched. The PIN is not yet remembered.
+// Asks for the PIN until the token accepts it, or until another thread's question has brought one. True with the PIN in
+// `pin`, or, when single sign-on serves, with `pin` untouched. Either is remembered.
 bool loginUser(const std::string& deviceId, void* reserved, SecretText& pin);
 
 // CNG face: the dialog belongs to `owner`, which may be null.
@@ -34,17 +34,18 @@ bool ensureKspPasswordSilently(const std::string& deviceId, void* reserved);
 bool canProceedSilently(const std::string& deviceId, void* reserved);
 
 // Runs `operation(pin)`, which returns a library status. When the token answers that its single sign-on has expired:
-// logs `expiredText`, forgets the PIN, calls `ensureAgain()` and runs the operation once more. Nothing when that
-// failed.
+// logs `expiredText`, forgets the PIN that was refused, calls `ensureAgain()` and runs the operation once more. Nothing
+// when that failed.
 template <class Operation, class EnsureAgain>
 std::optional<int> withSignOnRetry(const std::string& deviceId, std::string_view expiredText, Operation operation,
                                    EnsureAgain ensureAgain) {
-    const int status = operation(getDevicePassword(deviceId).c_str());
+    const RememberedPin used = getRememberedPin(deviceId);
+    const int status = operation(used.pin.c_str());
     if (status != TALVIK_STATUS_SIGN_ON_EXPIRED) {
         return status;
     }
     logDebug(expiredText);
-    clearDevicePassword(deviceId);
+    clearDevicePassword(deviceId, used);
     if (!ensureAgain()) {
         return std::nullopt;
     }

@@ -15,13 +15,20 @@ namespace {
 struct DeviceState {
     bool passwordValidated = false;
     SecretText password;
+    std::uint64_t validation = 0;  // which validation the PIN is from
     bool initialized = false;
+
+    void forgetPassword() noexcept {
+        passwordValidated = false;
+        password.clear();
+    }
 };
 
 struct SessionState {
     std::mutex lock;
     std::map<std::string, DeviceState> devices;
     std::map<std::string, std::string> containerAliases;
+    std::uint64_t validations = 0;
 };
 
 // Never destroyed: at the end of the process a thread that was ended inside an operation below may still hold the lock.
@@ -49,6 +56,16 @@ Value readDevice(const std::string& deviceId, Value missing, Read read) {
     const std::lock_guard guard(state().lock);
     const auto entry = state().devices.find(deviceId);
     return entry == state().devices.end() ? missing : Value(read(entry->second));
+}
+
+// Does `change` to the device's entry if there is one.
+template <class Change>
+void changeDevice(const std::string& deviceId, Change change) {
+    const std::lock_guard guard(state().lock);
+    const auto entry = state().devices.find(deviceId);
+    if (entry != state().devices.end()) {
+        change(entry->second);
+    }
 }
 
 // The first device with a key that `matches`, else the first device, else "".
@@ -97,15 +114,42 @@ void setDevicePassword(const std::string& deviceId, std::string_view pin) {
     DeviceState& device = state().devices[deviceId];
     device.password = std::move(kept);
     device.passwordValidated = true;
+    device.validation = ++state().validations;
 }
 
 void clearDevicePassword(const std::string& deviceId) {
+    changeDevice(deviceId, [](DeviceState& device) { device.forgetPassword(); });
+}
+
+RememberedPin getRememberedPin(const std::string& deviceId) {
+    return readDevice(deviceId, RememberedPin(), [](const DeviceState& device) {
+        return RememberedPin{device.password, device.validation};
+    });
+}
+
+void clearDevicePassword(const std::string& deviceId, const RememberedPin& used) {
+    changeDevice(deviceId, [&](DeviceState& device) {
+        if (device.validation == used.validation) {
+            device.forgetPassword();
+        }
+    });
+}
+
+void markSignedOn(const std::string& deviceId) {
     const std::lock_guard guard(state().lock);
-    const auto entry = state().devices.find(deviceId);
-    if (entry != state().devices.end()) {
-        entry->second.passwordValidated = false;
-        entry->second.password.clear();
-    }
+    state().devices[deviceId].passwordValidated = true;
+}
+
+SecretText validatedPinOrForgetSignOn(const std::string& deviceId) {
+    SecretText pin;
+    changeDevice(deviceId, [&](DeviceState& device) {
+        if (device.passwordValidated && !device.password.empty()) {
+            pin = device.password;
+        } else {
+            device.forgetPassword();
+        }
+    });
+    return pin;
 }
 
 void forgetDevicesExcept(const std::set<std::string>& attached) {

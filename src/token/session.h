@@ -3,6 +3,7 @@
 // during a device library call.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <set>
 #include <string>
@@ -21,6 +22,22 @@ bool isPasswordValidated(const std::string& deviceId);
 SecretText getDevicePassword(const std::string& deviceId);
 void setDevicePassword(const std::string& deviceId, std::string_view pin);
 void clearDevicePassword(const std::string& deviceId);
+
+// The PIN of a validation, which is told from every other one, of the same PIN too.
+struct RememberedPin {
+    SecretText pin;
+    std::uint64_t validation = 0;
+};
+RememberedPin getRememberedPin(const std::string& deviceId);
+
+// Forgets this PIN: one that another thread had validated since stays.
+void clearDevicePassword(const std::string& deviceId, const RememberedPin& used);
+
+// Marks a device whose token has its user logged in as validated. A PIN that is remembered stays.
+void markSignedOn(const std::string& deviceId);
+
+// The validated PIN. Where there is none, the mark of a single sign-on is taken off and the result is empty.
+SecretText validatedPinOrForgetSignOn(const std::string& deviceId);
 
 // Erases every device that is not in `attached`, its cached PIN included.
 void forgetDevicesExcept(const std::set<std::string>& attached);

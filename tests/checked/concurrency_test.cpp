@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <barrier>
 #include <functional>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -15,10 +16,12 @@
 
 #include "csp/entry_points.h"
 #include "ksp/entry_points.h"
+#include "module.h"
 #include "stand_in/desktop.h"
 #include "support/log_reader.h"
 #include "support/scripted_library.h"
 #include "token/device_monitor.h"
+#include "token/pin_login.h"
 #include "token/session.h"
 
 namespace {
@@ -136,26 +139,93 @@ TEST_F(Concurrency, ARememberedPinThatComesAndGoes) {
                }});
 }
 
-// Each thread shows a dialog of its own; the entered PIN is one for the process.
-TEST_F(Concurrency, TwoDialogsAtOnce) {
-    struct : desktop::User {
-        void dialog(HWND window) override {
-            desktop::type(window, "12345678901234567890");
-            desktop::press(window, IDOK);
+// A person at each screen who knows the PINs; with nobody logged in. All that ask have looked at the token before the
+// first of them goes on.
+class Questions : public Concurrency, public desktop::User {
+  protected:
+    Questions() {
+        attach(false);
+        desktop::seat(this);
+    }
+    ~Questions() override { desktop::seat(nullptr); }
+
+    void dialog(HWND window) override {
+        const std::string entered = answer(++dialogs);
+        if (!entered.empty())
+            desktop::type(window, entered);
+        desktop::press(window, entered.empty() ? IDCANCEL : IDOK);
+        answered();
+    }
+    void message(const std::string&, const std::string&) override {}
+
+    // One thread for each token; how many were told that the PIN is validated.
+    int ask(const std::vector<std::string>& tokens) {
+        std::barrier looked(static_cast<std::ptrdiff_t>(tokens.size()));
+        scripted::before("talvik_getTokenInfo", [&] { looked.arrive_and_wait(); });
+        std::atomic<int> validated = 0;
+        {
+            std::vector<std::jthread> threads;
+            for (const std::string& token : tokens)
+                threads.emplace_back([&] {
+                    thisThreadsToken = token;
+                    validated += talvik::ensurePasswordValidated(token, nullptr);
+                });
         }
-        void message(const std::string&, const std::string&) override {}
-    } user;
-    attach(false);
-    desktop::seat(&user);
-    const auto prompts = [] {
-        NCRYPT_PROV_HANDLE provider = 0;
-        EXPECT_EQ(KSPOpenProvider(&provider, L"", 0), ERROR_SUCCESS);
-        KSPPromptUser(provider, 0, nullptr, 0);
-        talvik::clearDevicePassword("T1");
-        EXPECT_EQ(KSPFreeProvider(provider), ERROR_SUCCESS);
-    };
-    allAtOnce({prompts, prompts, prompts});
-    desktop::seat(nullptr);
+        scripted::before("talvik_getTokenInfo", {});
+        return validated;
+    }
+
+    std::function<std::string(int)> answer;  // what is typed into the n-th dialog; nothing: it is cancelled
+    std::function<void()> answered = [] {};  // after that, with the dialog still open
+    std::atomic<int> dialogs{0};
+    static thread_local std::string thisThreadsToken;
+};
+thread_local std::string Questions::thisThreadsToken;
+
+const std::vector<std::string> oneForAll(8, "T1");
+
+TEST_F(Questions, OneServesAllThreadsOfAToken) {
+    answer = [](int) { return "1234"; };
+    EXPECT_EQ(ask(oneForAll), 8);
+    EXPECT_EQ(dialogs, 1);
+    EXPECT_EQ(scripted::callCount("talvik_validatePassword"), 1);
+}
+
+TEST_F(Questions, AreAskedAnewAfterACancelledOne) {
+    answer = [](int dialog) { return dialog < 4 ? "" : "1234"; };
+    EXPECT_EQ(ask(oneForAll), 8 - 3);
+    EXPECT_EQ(dialogs, 4);
+}
+
+// Both are answered before either closes, so neither waits for the other.
+TEST_F(Questions, OfTwoTokensKeepTheirAnswersApart) {
+    std::barrier bothAreAnswered(2);
+    answer = [](int) { return "PIN of " + thisThreadsToken; };
+    answered = [&] { bothAreAnswered.arrive_and_wait(); };
+    EXPECT_EQ(ask({"T1", "T2"}), 2);
+    for (const std::string token : {"T1", "T2"})
+        EXPECT_EQ(talvik::getDevicePassword(token).c_str(), "PIN of " + token);
+}
+
+// The sign-on has expired for all, and whoever is told so late finds the PIN that was entered for the others.
+TEST_F(Questions, OneRenewsAnExpiredSignOnForAll) {
+    std::barrier expired(8);
+    answer = [](int) { return "1234"; };
+    talvik::setDevicePassword("T1", "1234");
+    {
+        std::vector<std::jthread> threads;
+        for (int i = 0; i < 8; ++i)
+            threads.emplace_back([&, tries = 0]() mutable {
+                const auto operation = [&](const char*) {
+                    if (tries++ == 0)
+                        expired.arrive_and_wait();
+                    return tries == 1 ? 49 : 0;
+                };
+                const auto ensureAgain = [] { return talvik::ensurePasswordValidated("T1", nullptr); };
+                EXPECT_EQ(talvik::withSignOnRetry("T1", "expired", operation, ensureAgain), 0);
+            });
+    }
+    EXPECT_EQ(dialogs, 1);
 }
 
 // Opening a key binds the provider to the key's token, while other threads are at work with it. Whatever it is bound to
@@ -248,6 +318,7 @@ TEST_F(Concurrency, TheLevelChangesWhileLinesAreWritten) {
 int main(int argc, char** argv) {
     testing::InitGoogleTest(&argc, argv);
     useOwnTemporaryFolder();
+    talvik::recordModuleInstance(GetModuleHandleA(nullptr));  // the dialog's resource is the program's
     const int result = RUN_ALL_TESTS();
     talvik::stopDeviceMonitor();
     return result;

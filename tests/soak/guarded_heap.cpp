@@ -1,8 +1,11 @@
 // Replaces the allocation functions of a test program, those behind operator new included: every block ends where an
 // inaccessible page begins, and a released block is inaccessible for good. Whoever writes or reads past a block or
 // after its release is stopped there and then; what was written in front of a block is found when it is released.
+#include "soak/guarded_heap.h"
+
 #include <windows.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -58,6 +61,9 @@ bool isOurs(const void* memory) {
     std::abort();
 }
 
+constexpr unsigned char secret[guarded_heap::secretSize + 1] = "a planted secret";
+std::atomic<int> secretsReleased{0};
+
 // Objects need their alignment; byte buffers of odd sizes end exactly at the guard page.
 std::size_t occupied(std::size_t size) {
     return size % 8 == 0 ? (size + 15) / 16 * 16 : size;
@@ -99,10 +105,21 @@ void release(void* memory) noexcept {
             stop("somebody wrote beside a block");
         }
     }
+    if (std::search(block, block + header.size, secret, secret + guarded_heap::secretSize) != block + header.size) {
+        ++secretsReleased;
+    }
     VirtualFree(first, header.pages * pageSize, MEM_DECOMMIT);
 }
 
 }  // namespace
+
+void guarded_heap::plantSecret(void* where) noexcept {
+    std::memcpy(where, secret, secretSize);
+}
+
+int guarded_heap::releasedSecrets() noexcept {
+    return secretsReleased;
+}
 
 void* __wrap_malloc(std::size_t size) {
     return allocate(size);

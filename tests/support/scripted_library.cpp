@@ -137,23 +137,28 @@ Outcome outcomeOf(Script& the, const std::string& operation) {
     return standing == the.standing.end() ? Outcome{} : standing->second;
 }
 
+void runHook(const std::string& operation) {
+    std::unique_lock guard(scriptLock);
+    const auto found = script().hooks.find(operation);
+    const std::function<void()> hook = found == script().hooks.end() ? nullptr : found->second;
+    guard.unlock();
+    if (hook)
+        hook();
+}
+
 template <class... Arguments>
 Outcome answer(const std::string& operation, Arguments... arguments) {
     const std::string call = callText(operation, arguments...);
-    std::function<void()> hook;
     std::function<void(const std::string&)> watcher;
     {
         const std::lock_guard guard(scriptLock);
         script().calls.push_back(call);
         ++script().counts[operation];
-        if (const auto found = script().hooks.find(operation); found != script().hooks.end())
-            hook = found->second;
         watcher = script().watcher;
     }
     if (watcher)
         watcher(call);
-    if (hook)
-        hook();
+    runHook(operation);
     const std::lock_guard guard(scriptLock);
     return outcomeOf(script(), operation);
 }
@@ -301,6 +306,8 @@ std::vector<std::string> talvik_getConnectedDeviceList(bool all, void* reserved)
     const bool recorded = Locked()->recordedThread == std::this_thread::get_id();
     if (recorded)
         answer(__func__, all, reserved);
+    else
+        runHook("poll");
     const std::lock_guard guard(scriptLock);
     if (!recorded) {
         ++script().polls;

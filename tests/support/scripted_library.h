@@ -59,7 +59,7 @@ TALVIK_DEVICE_API void attach(const std::vector<std::pair<std::string, Token>>& 
 TALVIK_DEVICE_API void next(const std::string& operation, const Outcome& outcome);
 TALVIK_DEVICE_API void always(const std::string& operation, const Outcome& outcome);
 
-// Runs at each call of the operation, before it is answered.
+// Runs at each call of the operation, before it is answered; "poll" stands for the other threads' enumerations.
 TALVIK_DEVICE_API void before(const std::string& operation, std::function<void()> hook);
 
 // Runs at each call of any operation, on its thread, with what takeCalls would say of it.

@@ -95,12 +95,12 @@ TEST_F(CspContextTest, TokensAreInitialisedOncePerProcess) {
 TEST_F(CspContextTest, AFailingTokenIsLeftForTheNextAcquisition) {
     scripted::always("talvik_init", {.status = 9});  // no matter
     scripted::next("talvik_initDevice", {.status = -7});
-    expectSuccess(
-        acquisition("no such key"),
-        head() + Lines{"ERROR Init device failed for T1 : -7", "DEBUG CPAcquireContext - Container name : no such key",
-                       "DEBUG Acquire Context :: Key List is empty"},
-        {INIT, DEVICES, INIT, INIT_ONE, INIT, INIT_TWO, DEVICES, KEY_LIST, SECOND_LIST, KEY_LIST});
-    EXPECT_EQ(record().containerName, "no such key");
+    expectSuccess(acquisition("no such\nERROR \x1B[2Jkey"),  // no line of its own, nothing that a terminal obeys
+                  head() + Lines{"ERROR Init device failed for T1 : -7",
+                                 "DEBUG CPAcquireContext - Container name : no such\\x0AERROR \\x1B[2Jkey",
+                                 "DEBUG Acquire Context :: Key List is empty"},
+                  {INIT, DEVICES, INIT, INIT_ONE, INIT, INIT_TWO, DEVICES, KEY_LIST, SECOND_LIST, KEY_LIST});
+    EXPECT_EQ(record().containerName, "no such\nERROR \x1B[2Jkey");
     EXPECT_TRUE(CPReleaseContext(context, 0));
     // An empty name is provided all the same.
     expectSuccess(

@@ -88,10 +88,13 @@ TEST_F(LogTest, EveryLevelCodeHasItsTag) {
     EXPECT_EQ(tags, "EXCEP ::=>x\nERROR ::=>x\nDEBUG ::=>x\nINFO  ::=>x\nINFO  ::=>x\nINFO  ::=>x\n");
 }
 
-TEST_F(LogTest, ALineEndInAMessageIsNotEscaped) {
-    logError("one\r\ntwo");
+// Only in what is not the provider's own text: a text of another's, and a record's field, which has a literal's type.
+TEST_F(LogTest, ControlCharactersOfValuesAreEscaped) {
+    const std::string value = "a\n\x1B[2J\x1F\x7F\xE4\\ ";
+    const struct { char label[128]; } record = {"b\r"};
+    logError("one\r\ntwo", value, std::string_view(value).substr(1, 1), value.c_str() + 8, record.label);
     logError("");
-    EXPECT_EQ(log.entries(), Lines({"ERROR one\r\ntwo", "ERROR "}));
+    EXPECT_EQ(log.entries(), Lines({"ERROR one\r\ntwoa\\x0A\\x1B[2J\\x1F\\x7F\xE4\\ \\x0A\\ b\\x0D", "ERROR "}));
 }
 
 TEST_F(LogTest, LoggingKeepsTheLastError) {

@@ -1,7 +1,9 @@
 #include "token/pin_login.h"
 
+#include <semaphore>
+#include <thread>
+
 #include "module.h"
-#include "token/pin_dialog.h"
 #include "unit/provider_test.h"
 
 using namespace testing;
@@ -10,6 +12,7 @@ using namespace talvik;
 namespace {
 
 constexpr char KSP_ASK[] = "DEBUG KSP: Password not validated, checking SSO";
+constexpr char KSP_VALIDATED[] = "DEBUG KSP: PIN already validated";
 
 class PinLogin : public ProviderTest {
   protected:
@@ -31,8 +34,8 @@ class PinLogin : public ProviderTest {
 
 TEST_F(PinLogin, AValidatedPinIsNotAskedForAgain) {
     setDevicePassword(DEVICE, "1234");
-    expectSuccess(ensure, {"DEBUG PIN already validated -- no need to ask again"});
-    expectSuccess(ensureKsp, {"DEBUG KSP: PIN already validated"});
+    expectSuccess(ensure, {VALIDATED});
+    expectSuccess(ensureKsp, {KSP_VALIDATED});
     EXPECT_TRUE(canProceedSilently(DEVICE, nullptr));
     EXPECT_THAT(scripted::takeCalls(), IsEmpty());
 }
@@ -45,9 +48,36 @@ TEST_F(PinLogin, AnAcceptedPinIsRememberedForBothFaces) {
         expectSuccess(login, Lines{asks} + dialogShown, {TOKEN_INFO, validation("987654")});
         EXPECT_STREQ(getDevicePassword(DEVICE).c_str(), "987654");
         EXPECT_TRUE(isPasswordValidated(DEVICE) && other());
-        EXPECT_TRUE(getEnteredPin().empty());
     }
     EXPECT_EQ(robot.finish(), Lines({"PIN", "PIN"}));
+}
+
+// By another thread, after this one has looked: nothing is asked, and nothing forgotten.
+TEST_F(PinLogin, APinValidatedMeanwhileSavesTheQuestion) {
+    scripted::before("talvik_getTokenInfo", [] { setDevicePassword(DEVICE, "1234"); });
+    for (const bool loggedIn : {false, true}) {
+        attachTokens({}, loggedIn);
+        for (const auto& [login, asks, goesOn] :
+             {std::tuple(ensure, NOT_VALIDATED, VALIDATED), std::tuple(ensureKsp, KSP_ASK, KSP_VALIDATED)}) {
+            forgetEverything();
+            expectSuccess(login, loggedIn ? Lines{asks} : Lines{asks, goesOn}, {TOKEN_INFO});
+            EXPECT_STREQ(getDevicePassword(DEVICE).c_str(), "1234");
+        }
+    }
+}
+
+TEST_F(PinLogin, ASignOnThatExpiresCostsOnlyThePinThatWasUsed) {
+    setDevicePassword(DEVICE, "1234");
+    int calls = 0;
+    const auto operation = [&](const char*) {
+        if (++calls > 1)
+            return 0;
+        setDevicePassword(DEVICE, "1234");  // validated anew by another thread that was told the same before
+        return 49;
+    };
+    EXPECT_EQ(withSignOnRetry(DEVICE, "expired", operation, ensure), 0);
+    EXPECT_EQ(log.take(), Lines({"DEBUG expired", VALIDATED}));
+    EXPECT_EQ(calls, 2);
 }
 
 // Only a token that answers and reports both the login and the sign-on counts as logged in.
@@ -186,7 +216,34 @@ TEST_F(PinLogin, TheDialogSaysWhatItWantsAndHidesThePin) {
         SendMessageA(dialog.window(), WM_COMMAND, MAKEWPARAM(77, 0), 0);
     });
     EXPECT_FALSE(ensure());
-    EXPECT_TRUE(getEnteredPin().empty());
+}
+
+TEST_F(PinLogin, AnOwnerThatIsNoWindowCountsAsNone) {
+    robot.enters("1234");
+    EXPECT_TRUE(ensureKspPasswordValidated(DEVICE, nullptr, reinterpret_cast<HWND>(0xDEAD4)));
+}
+
+// Another thread asks. Its user answers only once a window of this thread has answered a message, and this thread's
+// request to quit is kept for the application.
+TEST_F(PinLogin, WhoWaitsForAQuestionServesItsMessages) {
+    const HWND window = CreateWindowExA(0, "STATIC", "", 0, 0, 0, 0, 0, nullptr, nullptr, nullptr, nullptr);
+    std::binary_semaphore isAsked(0);
+    LRESULT served = 0;
+    robot.does([&](const PinDialog& dialog) {
+        isAsked.release();
+        PostThreadMessageA(GetWindowThreadProcessId(window, nullptr), WM_QUIT, 7, 0);
+        served = SendMessageTimeoutA(window, WM_NULL, 0, 0, SMTO_NORMAL, 4000, nullptr);
+        dialog.type("1234");
+        dialog.login();
+    });
+    std::jthread other([&] { EXPECT_TRUE(ensureKsp()); });
+    isAsked.acquire();
+    EXPECT_TRUE(ensure());
+    EXPECT_NE(served, 0);
+    EXPECT_EQ(robot.seen(), Lines{"PIN"});
+    MSG message{};
+    EXPECT_TRUE(PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE) && message.message == WM_QUIT && message.wParam == 7);
+    DestroyWindow(window);
 }
 
 TEST_F(PinLogin, ADialogThatCannotBeMadeCountsAsCancelled) {

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <mutex>
+#include <utility>
 
 #include "resources/resource.h"
 
@@ -23,6 +25,7 @@ struct Dialog {
     Control edit{this};
     bool isOpen = true;
     INT_PTR result = 0;
+    LONG_PTR ofApplication = 0;  // DWLP_USER
 };
 
 std::atomic<User*> seated{nullptr};
@@ -34,8 +37,8 @@ HWND handleOf(const void* object) {
     return reinterpret_cast<HWND>(const_cast<void*>(object));
 }
 
-void send(HWND dialog, UINT message, WPARAM wParam) {
-    dialogOf(dialog).procedure(dialog, message, wParam, 0);
+void send(HWND dialog, UINT message, WPARAM wParam, LPARAM lParam = 0) {
+    dialogOf(dialog).procedure(dialog, message, wParam, lParam);
 }
 
 }  // namespace
@@ -70,7 +73,7 @@ bool isOpen(HWND dialog) {
 using namespace desktop;
 
 // The resource is the program's; another module has none.
-INT_PTR WINAPI DialogBoxParamA(HINSTANCE instance, LPCSTR, HWND, DLGPROC procedure, LPARAM) {
+INT_PTR WINAPI DialogBoxParamA(HINSTANCE instance, LPCSTR, HWND, DLGPROC procedure, LPARAM lParam) {
     if (instance != GetModuleHandleA(nullptr)) {
         SetLastError(ERROR_RESOURCE_NAME_NOT_FOUND);
         return -1;
@@ -78,7 +81,7 @@ INT_PTR WINAPI DialogBoxParamA(HINSTANCE instance, LPCSTR, HWND, DLGPROC procedu
     Dialog dialog;
     dialog.procedure = procedure;
     const HWND window = handleOf(&dialog);
-    send(window, WM_INITDIALOG, 0);
+    send(window, WM_INITDIALOG, 0, lParam);
     if (User* const user = seated) {
         user->dialog(window);
     } else {
@@ -92,6 +95,14 @@ BOOL WINAPI EndDialog(HWND window, INT_PTR result) {
     dialogOf(window).isOpen = false;
     dialogOf(window).result = result;
     return TRUE;
+}
+
+// The only word that a dialog keeps for its application.
+LONG_PTR WINAPI SetWindowLongPtrA(HWND window, INT, LONG_PTR value) {
+    return std::exchange(dialogOf(window).ofApplication, value);
+}
+LONG_PTR WINAPI GetWindowLongPtrA(HWND window, INT) {
+    return dialogOf(window).ofApplication;
 }
 
 HWND WINAPI GetDlgItem(HWND window, INT id) {
@@ -130,6 +141,34 @@ INT WINAPI MessageBoxA(HWND, LPCSTR text, LPCSTR caption, UINT) {
     return IDOK;
 }
 
+// The application has no windows, and so no messages.
+BOOL WINAPI IsWindow(HWND) {
+    return FALSE;
+}
+BOOL WINAPI PeekMessageW(LPMSG, HWND, UINT, UINT, UINT) {
+    return FALSE;
+}
+BOOL WINAPI TranslateMessage(const MSG*) {
+    return FALSE;
+}
+LRESULT WINAPI DispatchMessageW(const MSG*) {
+    return 0;
+}
+void WINAPI PostQuitMessage(INT) {}
+
+// A mutex is all that is waited for.
+HANDLE WINAPI CreateMutexA(LPSECURITY_ATTRIBUTES, BOOL, LPCSTR) {
+    return new std::mutex;
+}
+DWORD WINAPI MsgWaitForMultipleObjectsEx(DWORD, const HANDLE* mutex, DWORD, DWORD, DWORD) {
+    static_cast<std::mutex*>(*mutex)->lock();
+    return WAIT_OBJECT_0;
+}
+BOOL WINAPI ReleaseMutex(HANDLE mutex) {
+    static_cast<std::mutex*>(mutex)->unlock();
+    return TRUE;
+}
+
 // A test that looks at the real window is not run here, but it is in a source that is.
 HWND WINAPI GetWindow(HWND, UINT) {
     return nullptr;
@@ -138,6 +177,21 @@ INT WINAPI GetWindowTextA(HWND, LPSTR, INT) {
     return 0;
 }
 LONG WINAPI GetWindowLongA(HWND, INT) {
+    return 0;
+}
+HWND WINAPI CreateWindowExA(DWORD, LPCSTR, LPCSTR, DWORD, INT, INT, INT, INT, HWND, HMENU, HINSTANCE, LPVOID) {
+    return nullptr;
+}
+BOOL WINAPI DestroyWindow(HWND) {
+    return FALSE;
+}
+DWORD WINAPI GetWindowThreadProcessId(HWND, LPDWORD) {
+    return 0;
+}
+BOOL WINAPI PostThreadMessageA(DWORD, UINT, WPARAM, LPARAM) {
+    return FALSE;
+}
+LRESULT WINAPI SendMessageTimeoutA(HWND, UINT, WPARAM, LPARAM, UINT, UINT, PDWORD_PTR) {
     return 0;
 }
 LRESULT WINAPI SendMessageA(HWND, UINT, WPARAM, LPARAM) {
