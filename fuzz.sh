@@ -7,7 +7,7 @@ cd "$(dirname "${BASH_SOURCE[0]}")"
 minutes=${1:?usage: ./fuzz.sh MINUTES [TARGET...]}
 shift
 targets=("$@")
-[ $# -gt 0 ] || targets=($(ls tests/fuzz/corpus))
+[ $# -gt 0 ] || mapfile -t targets < <(ls tests/fuzz/corpus)
 [ -f build/checked/build.ninja ] || cmake --preset checked >/dev/null
 cmake --build --preset checked --target "${targets[@]/#/fuzz_}" >/dev/null
 mkdir -p build/fuzz/broken

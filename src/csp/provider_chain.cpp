@@ -1,9 +1,9 @@
 #include <map>
 #include <vector>
 
+#include "csp/certificate_chain.h"
 #include "csp/provider_params.h"
 #include "log/log.h"
-#include "token/certificate_chain.h"
 #include "token/token_records.h"
 
 namespace talvik::csp {

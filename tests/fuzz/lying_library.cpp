@@ -2,10 +2,8 @@
 
 #include <climits>
 #include <cstdlib>
-#include <string>
-#include <vector>
 
-#include "token/device_library.h"
+#include "fake_library.h"
 
 namespace {
 
@@ -74,7 +72,108 @@ std::vector<Record>& renew(std::vector<Record>& list, std::size_t usual, Fill fi
     return list;
 }
 
+void makeKeyPair(TalvikKeyPair& key) {
+    std::ranges::fill(key.keyId, static_cast<unsigned char>(script.below(3)));
+    std::ranges::fill(key.modulus, script.take<std::uint8_t>());
+    std::ranges::fill(key.keyAlias, static_cast<unsigned char>(script.below(2)));
+    key.modulusLength = lieOf(256);
+    key.keyAliasLength = lieOf(16);
+    putText(key.label);
+    key.usage = lieOf(TALVIK_USAGE_BOTH);
+    key.keyType = script.below(4) == 0 ? TALVIK_KEY_RSA_2048 : static_cast<std::uint32_t>(script.below(12));
+    key.storageFlag = script.take<std::uint8_t>();
+}
+
+void makeCertificate(TalvikCertificate& certificate) {
+    std::ranges::fill(certificate.keyAlias, static_cast<unsigned char>(script.below(2)));
+    certificate.derLength = lieOf(700);
+    certificate.keyAliasLength = lieOf(16);
+    putText(certificate.label);
+}
+
+void makeAesKey(TalvikSymmetricKey& key) {
+    key.keyIdLength = static_cast<std::int32_t>(lieOf(16));
+    key.keyType = script.below(3) == 0 ? TALVIK_KEY_AES_256 : static_cast<std::uint32_t>(script.below(16));
+}
+
+class LyingLibrary final : public FakeLibrary {
+  public:
+    int status(const Call&) override { return ::status(); }
+
+    int fill(const Call&, unsigned char* buffer, int size, int* length) override {
+        return write(buffer, static_cast<std::uint32_t>(size), length);
+    }
+    int allocate(const Call& call, unsigned char** buffer, int size, int* length) override {
+        const bool padded = call.operation() == std::string("talvik_encrypt_aes");
+        return ::allocate(buffer, static_cast<std::uint32_t>(padded ? size + 16 : size), length);
+    }
+    int fillWithRsaResult(const Call& call, unsigned char* buffer, int* length) override {
+        return fill(call, buffer, script.below(3) == 2 ? 1024 : 256, length);
+    }
+    int fillWithDigest(const Call& call, unsigned char* buffer, int* length) override {
+        return fill(call, buffer, std::clamp(*length, 0, 64), length);
+    }
+    int fillWithRandom(const Call&, unsigned char* buffer, int size) override {
+        std::fill_n(buffer, size, static_cast<unsigned char>(0x42));
+        return ::status();
+    }
+
+    TokenInfo tokenInfo(const Call&, const char*) override {
+        TokenInfo info;
+        const std::uint8_t mood = script.take<std::uint8_t>();
+        info.tokenId = (mood & 1) != 0 ? "" : "token";
+        info.firmwareVersion = (mood & 2) != 0 ? "1.9.10" : (mood & 4) != 0 ? "99999999999999999999..x" : "2.0";
+        info.loginState = (mood & 8) == 0;
+        info.ssoState = (mood & 16) == 0;
+        return info;
+    }
+    std::vector<std::string> devices(const Call&) override {
+        constexpr const char* names[] = {"T1", "T2", ""};
+        std::vector<std::string> found = {"T1", "T2"};
+        if (isFuzzed && script.take<std::uint8_t>() >= 0xC0) {
+            found.assign(script.below(3), script.oneOf(names));
+        }
+        return found;
+    }
+    std::vector<TalvikKeyPair>& keyPairs(const Call&, const char*) override {
+        return renew(::keyPairs, 1, makeKeyPair);
+    }
+    std::vector<TalvikCertificate>& certificates(const Call&, const char*) override {
+        return renew(::certificates, 1, makeCertificate);
+    }
+    std::vector<TalvikSymmetricKey>& aesKeys(const Call&, const char*) override {
+        return renew(::aesKeys, 1, makeAesKey);
+    }
+
+    int certificateDetails(const Call&, const unsigned char* der, int derLength, CertificateDetails& out) override {
+        out.publicKey.assign(der, der + std::min(derLength, 256));
+        return ::status();
+    }
+    int validatePassword(const Call&, int* remainingAttempts) override {
+        const int result = ::status();
+        *remainingAttempts = static_cast<int>(lieOf(3));
+        return result;
+    }
+    int generateKeyPair(const Call&, TalvikKeyPair* key) override {
+        std::vector<TalvikKeyPair> made;
+        renew(made, 1, makeKeyPair).resize(1);
+        *key = made.front();
+        return ::status();
+    }
+    int importAesKey(const Call&, TalvikSymmetricKey* key) override {
+        std::ranges::fill(key->identifier, static_cast<unsigned char>(7));
+        putText(key->label);
+        putText(key->name);
+        key->keyIdLength = static_cast<std::int32_t>(lieOf(16));
+        return ::status();
+    }
+} library;
+
 }  // namespace
+
+FakeLibrary& theLibrary() {
+    return library;
+}
 
 void lying::follow(Input next) {
     script = next;
@@ -82,152 +181,4 @@ void lying::follow(Input next) {
     keyPairs = {};
     certificates = {};
     aesKeys = {};
-}
-
-int talvik_init(int, void*, int) {
-    return status();
-}
-
-int talvik_initDevice(const char*, bool, void*) {
-    return status();
-}
-
-TokenInfo talvik_getTokenInfo(const char*, void*) {
-    TokenInfo info;
-    const std::uint8_t mood = script.take<std::uint8_t>();
-    info.tokenId = (mood & 1) != 0 ? "" : "token";
-    info.firmwareVersion = (mood & 2) != 0 ? "1.9.10" : (mood & 4) != 0 ? "99999999999999999999..x" : "2.0";
-    info.loginState = (mood & 8) == 0;
-    info.ssoState = (mood & 16) == 0;
-    return info;
-}
-
-std::vector<std::string> talvik_getConnectedDeviceList(bool, void*) {
-    constexpr const char* names[] = {"T1", "T2", ""};
-    std::vector<std::string> devices = {"T1", "T2"};
-    if (isFuzzed && script.take<std::uint8_t>() >= 0xC0) {
-        devices.assign(script.below(3), script.oneOf(names));
-    }
-    return devices;
-}
-
-std::vector<TalvikKeyPair>& talvik_getKeyPairList(const char*, void*) {
-    return renew(keyPairs, 1, [](TalvikKeyPair& key) {
-        std::ranges::fill(key.keyId, static_cast<unsigned char>(script.below(3)));
-        std::ranges::fill(key.modulus, script.take<std::uint8_t>());
-        std::ranges::fill(key.keyAlias, static_cast<unsigned char>(script.below(2)));
-        key.modulusLength = lieOf(256);
-        key.keyAliasLength = lieOf(16);
-        putText(key.label);
-        key.usage = lieOf(TALVIK_USAGE_BOTH);
-        key.keyType = script.below(4) == 0 ? TALVIK_KEY_RSA_2048 : static_cast<std::uint32_t>(script.below(12));
-        key.storageFlag = script.take<std::uint8_t>();
-    });
-}
-
-std::vector<TalvikCertificate>& talvik_getCertificateList(const char*, void*) {
-    return renew(certificates, 1, [](TalvikCertificate& certificate) {
-        std::ranges::fill(certificate.keyAlias, static_cast<unsigned char>(script.below(2)));
-        certificate.derLength = lieOf(700);
-        certificate.keyAliasLength = lieOf(16);
-        putText(certificate.label);
-    });
-}
-
-std::vector<TalvikSymmetricKey>& talvik_getAesKeyList(const char*, void*) {
-    return renew(aesKeys, 1, [](TalvikSymmetricKey& key) {
-        key.keyIdLength = static_cast<std::int32_t>(lieOf(16));
-        key.keyType = script.below(3) == 0 ? TALVIK_KEY_AES_256 : static_cast<std::uint32_t>(script.below(16));
-    });
-}
-
-int talvik_getCertificateDetails(const unsigned char* der, int derLength, CertificateDetails& out, void*) {
-    out.publicKey.assign(der, der + std::min(derLength, 256));
-    return status();
-}
-
-int talvik_validatePassword(const char*, const char*, int, int* remainingAttempts, void*) {
-    const int result = status();
-    *remainingAttempts = static_cast<int>(lieOf(3));
-    return result;
-}
-
-int talvik_generateKeyPair(const char*, const char*, TalvikKeyPair* out, void*) {
-    std::vector<TalvikKeyPair> one;
-    one.swap(keyPairs);
-    talvik_getKeyPairList("", nullptr);
-    keyPairs.resize(1);
-    *out = keyPairs.front();
-    keyPairs.swap(one);
-    return status();
-}
-
-int talvik_deleteKeyPair(const char*, const unsigned char*, const char*, bool, void*) {
-    return status();
-}
-
-int talvik_importCertificate(const char*, const char*, TalvikCertificate*, void*) {
-    return status();
-}
-
-int talvik_importAesKey(const char*, const char*, TalvikSymmetricKey* key, void*) {
-    std::ranges::fill(key->identifier, static_cast<unsigned char>(7));
-    putText(key->label);
-    putText(key->name);
-    key->keyIdLength = static_cast<std::int32_t>(lieOf(16));
-    return status();
-}
-
-int talvik_signHash(const char*, const unsigned char*, const char*, const unsigned char*, int, unsigned char* signature,
-                    int* signatureLength, bool, void*, bool) {
-    return write(signature, script.below(3) == 2 ? 1024 : 256, signatureLength);
-}
-
-int talvik_verifySignatureHash(unsigned int, const char*, const unsigned char*, int, const unsigned char*, int,
-                               const unsigned char*, int, void*, bool) {
-    return status();
-}
-
-int talvik_encrypt(EncryptionType, PaddingMode, const unsigned char*, int, unsigned char* ciphertext,
-                   int* ciphertextLength, const unsigned char*, int, void*) {
-    return write(ciphertext, script.below(3) == 2 ? 1024 : 256, ciphertextLength);
-}
-
-int talvik_decrypt(const char*, const unsigned char*, const char*, const unsigned char*, int ciphertextLength,
-                   unsigned char** plaintext, int* plaintextLength, bool, void*) {
-    return allocate(plaintext, static_cast<std::uint32_t>(std::min(ciphertextLength, 32)), plaintextLength);
-}
-
-int talvik_encrypt_aes(const char*, EncryptionType, const unsigned char*, int, const unsigned char*, int inputLength,
-                       unsigned char** output, int* outputLength, bool, const unsigned char*, int, const unsigned char*,
-                       int, void*) {
-    return allocate(output, static_cast<std::uint32_t>(inputLength) + 16, outputLength);
-}
-
-int talvik_decryptSymetric(const char*, const unsigned char*, int inputLength, unsigned char* output, int* outputLength,
-                           const unsigned char*, int, const unsigned char*, int, void*) {
-    return write(output, static_cast<std::uint32_t>(inputLength), outputLength);
-}
-
-int talvik_decrypt_aes(const char*, const unsigned char*, int, const unsigned char*, int inputLength,
-                       unsigned char** output, int* outputLength, bool, const unsigned char*, int, void*) {
-    return allocate(output, static_cast<std::uint32_t>(inputLength), outputLength);
-}
-
-int talvik_generateRamdomNumber(const char*, int length, unsigned char* buffer, bool, void*) {
-    std::fill_n(buffer, length, static_cast<unsigned char>(0x42));
-    return status();
-}
-
-int talvik_initHash(const char*, int, void** hashHandle, void*) {
-    *hashHandle = &script;
-    return status();
-}
-
-int talvik_updateHash(void*, const unsigned char*, int, void*) {
-    return status();
-}
-
-int talvik_finalHash(void*, unsigned char* digest, int* digestLength, void*) {
-    return write(digest, static_cast<std::uint32_t>(std::clamp(*digestLength, 0, 64)), digestLength);
 }

@@ -1,14 +1,14 @@
 #include "support/scripted_library.h"
 
 #include <algorithm>
-#include <concepts>
 #include <condition_variable>
 #include <cstdlib>
-#include <cstring>
 #include <deque>
 #include <mutex>
 #include <thread>
 #include <utility>
+
+#include "fake_library.h"
 
 namespace scripted {
 namespace {
@@ -49,82 +49,6 @@ struct Locked {
     const std::lock_guard<std::mutex> guard{scriptLock};
 };
 
-// --- arguments as text -----------------------------------------------------------------------------------------------
-
-struct In {
-    const void* bytes;
-    std::int64_t length;
-};
-struct Out {
-    const void* address;
-};
-// Hash handles are told apart in the record: the n-th that was opened since the reset is #n.
-struct HashHandle {
-    void* address;
-};
-
-std::string text(const char* value) {
-    return value ? '"' + std::string(value) + '"' : "null";
-}
-std::string text(bool value) {
-    return value ? "true" : "false";
-}
-template <class Number>
-requires std::integral<Number> || std::is_enum_v<Number> std::string text(Number value) {
-    return std::to_string(static_cast<std::int64_t>(value));
-}
-std::string text(const int* value) {
-    return value ? std::to_string(*value) : "null";
-}
-std::string text(void* value) {
-    return value ? "pointer" : "null";
-}
-std::string text(HashHandle value) {
-    return "#" + std::to_string(reinterpret_cast<std::uintptr_t>(value.address));
-}
-std::string text(Out value) {
-    return value.address ? "out" : "null";
-}
-std::string text(In value) {
-    if (!value.bytes)
-        return "null";
-    std::string hex;
-    for (std::int64_t i = 0; i < value.length; ++i) {
-        const unsigned char byte = static_cast<const unsigned char*>(value.bytes)[i];
-        hex += "0123456789abcdef"[byte >> 4];
-        hex += "0123456789abcdef"[byte & 15];
-    }
-    return hex;
-}
-
-std::string fieldText(const char (&field)[128]) {
-    return '"' + std::string(field, strnlen(field, sizeof field)) + '"';
-}
-std::string fieldText(const unsigned char* field, std::uint32_t length, std::uint32_t room) {
-    return text(In{field, std::min(length, room)}) + "/" + std::to_string(length);
-}
-
-std::string text(TalvikKeyPair* key) {
-    return "{keyId=" + text(In{key->keyId, 16}) + " usage=" + text(key->usage) + " keyType=" + text(key->keyType) + "}";
-}
-std::string text(TalvikCertificate* cert) {
-    return "{keyId=" + text(In{cert->keyId, 16}) + " der=" + fieldText(cert->der, cert->derLength, sizeof cert->der) +
-           " keyAlias=" + fieldText(cert->keyAlias, cert->keyAliasLength, sizeof cert->keyAlias) +
-           " label=" + fieldText(cert->label) + "}";
-}
-std::string text(TalvikSymmetricKey* key) {
-    return "{key=" + fieldText(key->keyId, static_cast<std::uint32_t>(key->keyIdLength), sizeof key->keyId) +
-           " label=" + fieldText(key->label) + " name=" + fieldText(key->name) + " usage=" + text(key->usage) +
-           " keyType=" + text(key->keyType) + "}";
-}
-
-template <class... Arguments>
-std::string callText(const std::string& operation, Arguments... arguments) {
-    std::string list;
-    ((list += (list.empty() ? "" : ", ") + text(arguments)), ...);
-    return operation + "(" + list + ")";
-}
-
 // --- recording and answering -----------------------------------------------------------------------------------------
 
 Outcome outcomeOf(Script& the, const std::string& operation) {
@@ -146,18 +70,17 @@ void runHook(const std::string& operation) {
         hook();
 }
 
-template <class... Arguments>
-Outcome answer(const std::string& operation, Arguments... arguments) {
-    const std::string call = callText(operation, arguments...);
+Outcome answer(const Call& call) {
+    const std::string operation = call.operation();
     std::function<void(const std::string&)> watcher;
     {
         const std::lock_guard guard(scriptLock);
-        script().calls.push_back(call);
+        script().calls.push_back(call.text());
         ++script().counts[operation];
         watcher = script().watcher;
     }
     if (watcher)
-        watcher(call);
+        watcher(call.text());
     runHook(operation);
     const std::lock_guard guard(scriptLock);
     return outcomeOf(script(), operation);
@@ -187,11 +110,95 @@ int allocate(const Outcome& outcome, unsigned char** buffer, int* length) {
 
 // Lists are handed out by reference and rebuilt by the next call, as the maker's library may do.
 template <class Record>
-std::vector<Record>& list(const char* deviceId, std::vector<Record> Token::*records) {
+std::vector<Record>& list(const Call& call, const char* deviceId, std::vector<Record> Token::*records) {
     static std::map<std::thread::id, std::vector<Record>> handedOut;
+    answer(call);
     const std::lock_guard guard(scriptLock);
     return handedOut[std::this_thread::get_id()] = script().token(deviceId).*records;
 }
+
+// --- the library -----------------------------------------------------------------------------------------------------
+
+class ScriptedLibrary final : public FakeLibrary {
+  public:
+    int status(const Call& call) override { return answer(call).status; }
+    int fill(const Call& call, unsigned char* buffer, int, int* length) override {
+        return scripted::fill(answer(call), buffer, length);
+    }
+    int allocate(const Call& call, unsigned char** buffer, int, int* length) override {
+        return scripted::allocate(answer(call), buffer, length);
+    }
+
+    TokenInfo tokenInfo(const Call& call, const char* deviceId) override {
+        answer(call);
+        return Locked()->token(deviceId).info;
+    }
+
+    std::vector<std::string> devices(const Call& call) override {
+        const bool recorded = Locked()->recordedThread == std::this_thread::get_id();
+        if (recorded)
+            answer(call);
+        else
+            runHook("poll");
+        const std::lock_guard guard(scriptLock);
+        if (!recorded) {
+            ++script().polls;
+            polled.notify_all();
+        }
+        std::vector<std::string> attached;
+        for (const auto& [deviceId, token] : script().tokens)
+            attached.push_back(deviceId);
+        return attached;
+    }
+
+    std::vector<TalvikKeyPair>& keyPairs(const Call& call, const char* deviceId) override {
+        return list(call, deviceId, &Token::keyPairs);
+    }
+    std::vector<TalvikCertificate>& certificates(const Call& call, const char* deviceId) override {
+        return list(call, deviceId, &Token::certificates);
+    }
+    std::vector<TalvikSymmetricKey>& aesKeys(const Call& call, const char* deviceId) override {
+        return list(call, deviceId, &Token::aesKeys);
+    }
+
+    int certificateDetails(const Call& call, const unsigned char*, int, CertificateDetails& out) override {
+        const Outcome outcome = answer(call);
+        out.publicKey = outcome.output.value_or(Bytes{});
+        return outcome.status;
+    }
+
+    int validatePassword(const Call& call, int* remainingAttempts) override {
+        const Outcome outcome = answer(call);
+        if (outcome.length)
+            *remainingAttempts = *outcome.length;
+        return outcome.status;
+    }
+
+    int generateKeyPair(const Call& call, TalvikKeyPair* key) override {
+        const Outcome outcome = answer(call);
+        if (outcome.status != 0)
+            return outcome.status;
+        TalvikKeyPair made = Locked()->generated;
+        made.usage = made.usage ? made.usage : key->usage;
+        made.keyType = made.keyType ? made.keyType : key->keyType;
+        *key = made;
+        return 0;
+    }
+
+    int importAesKey(const Call& call, TalvikSymmetricKey* key) override {
+        const Outcome outcome = answer(call);
+        if (outcome.output)
+            std::copy_n(outcome.output->begin(), std::min<std::size_t>(outcome.output->size(), 16), key->identifier);
+        return outcome.status;
+    }
+
+    int initHash(const Call& call, void** hashHandle) override {
+        const Outcome outcome = answer(call);
+        if (outcome.status == 0)
+            *hashHandle = reinterpret_cast<void*>(++Locked()->lastHashHandle);
+        return outcome.status;
+    }
+};
 
 }  // namespace
 
@@ -220,8 +227,11 @@ TalvikKeyPair keyPair(unsigned char fill, std::uint32_t usage, std::uint32_t key
 }
 
 std::string containerName(const TalvikKeyPair& key) {
-    std::string name = text(In{key.keyId, sizeof key.keyId});
-    std::ranges::transform(name, name.begin(), [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
+    std::string name;
+    for (const unsigned char byte : key.keyId) {
+        name += "0123456789ABCDEF"[byte >> 4];
+        name += "0123456789ABCDEF"[byte & 15];
+    }
     return name;
 }
 
@@ -285,172 +295,7 @@ int pollCount() {
 
 }  // namespace scripted
 
-// --- the 24 operations -----------------------------------------------------------------------------------------------
-
-using namespace scripted;
-
-int talvik_init(int mode, void* reserved, int option) {
-    return answer(__func__, mode, reserved, option).status;
-}
-
-int talvik_initDevice(const char* deviceId, bool refresh, void* reserved) {
-    return answer(__func__, deviceId, refresh, reserved).status;
-}
-
-TokenInfo talvik_getTokenInfo(const char* deviceId, void* reserved) {
-    answer(__func__, deviceId, reserved);
-    return Locked()->token(deviceId).info;
-}
-
-std::vector<std::string> talvik_getConnectedDeviceList(bool all, void* reserved) {
-    const bool recorded = Locked()->recordedThread == std::this_thread::get_id();
-    if (recorded)
-        answer(__func__, all, reserved);
-    else
-        runHook("poll");
-    const std::lock_guard guard(scriptLock);
-    if (!recorded) {
-        ++script().polls;
-        polled.notify_all();
-    }
-    std::vector<std::string> devices;
-    for (const auto& [deviceId, token] : script().tokens)
-        devices.push_back(deviceId);
-    return devices;
-}
-
-std::vector<TalvikKeyPair>& talvik_getKeyPairList(const char* deviceId, void* reserved) {
-    answer(__func__, deviceId, reserved);
-    return list(deviceId, &Token::keyPairs);
-}
-
-std::vector<TalvikCertificate>& talvik_getCertificateList(const char* deviceId, void* reserved) {
-    answer(__func__, deviceId, reserved);
-    return list(deviceId, &Token::certificates);
-}
-
-std::vector<TalvikSymmetricKey>& talvik_getAesKeyList(const char* deviceId, void* reserved) {
-    answer(__func__, deviceId, reserved);
-    return list(deviceId, &Token::aesKeys);
-}
-
-int talvik_getCertificateDetails(const unsigned char* der, int derLength, CertificateDetails& out, void* reserved) {
-    const Outcome outcome = answer(__func__, In{der, derLength}, derLength, Out{&out}, reserved);
-    out.publicKey = outcome.output.value_or(Bytes{});
-    return outcome.status;
-}
-
-int talvik_validatePassword(const char* deviceId, const char* password, int mode, int* remainingAttempts,
-                            void* reserved) {
-    const Outcome outcome = answer(__func__, deviceId, password, mode, remainingAttempts, reserved);
-    if (outcome.length)
-        *remainingAttempts = *outcome.length;
-    return outcome.status;
-}
-
-int talvik_generateKeyPair(const char* deviceId, const char* password, TalvikKeyPair* out, void* reserved) {
-    const Outcome outcome = answer(__func__, deviceId, password, out, reserved);
-    if (outcome.status != 0)
-        return outcome.status;
-    const std::lock_guard guard(scriptLock);
-    TalvikKeyPair made = script().generated;
-    made.usage = made.usage ? made.usage : out->usage;
-    made.keyType = made.keyType ? made.keyType : out->keyType;
-    *out = made;
-    return 0;
-}
-
-int talvik_deleteKeyPair(const char* deviceId, const unsigned char* keyId, const char* password, bool storageFlag,
-                         void* reserved) {
-    return answer(__func__, deviceId, In{keyId, 16}, password, storageFlag, reserved).status;
-}
-
-int talvik_importCertificate(const char* deviceId, const char* password, TalvikCertificate* cert, void* reserved) {
-    return answer(__func__, deviceId, password, cert, reserved).status;
-}
-
-int talvik_importAesKey(const char* deviceId, const char* password, TalvikSymmetricKey* key, void* reserved) {
-    const Outcome outcome = answer(__func__, deviceId, password, key, reserved);
-    if (outcome.output)
-        std::copy_n(outcome.output->begin(), std::min<std::size_t>(outcome.output->size(), 16), key->identifier);
-    return outcome.status;
-}
-
-int talvik_signHash(const char* deviceId, const unsigned char* keyId, const char* password, const unsigned char* hash,
-                    int hashLength, unsigned char* signature, int* signatureLength, bool flag, void* reserved,
-                    bool usePss) {
-    return fill(answer(__func__, deviceId, In{keyId, 16}, password, In{hash, hashLength}, hashLength, Out{signature},
-                       signatureLength, flag, reserved, usePss),
-                signature, signatureLength);
-}
-
-int talvik_verifySignatureHash(unsigned int keySizeCode, const char* deviceId, const unsigned char* hash,
-                               int hashLength, const unsigned char* publicKey, int publicKeyLength,
-                               const unsigned char* signature, int signatureLength, void* reserved, bool usePss) {
-    return answer(__func__, keySizeCode, deviceId, In{hash, hashLength}, hashLength, In{publicKey, publicKeyLength},
-                  publicKeyLength, In{signature, signatureLength}, signatureLength, reserved, usePss)
-        .status;
-}
-
-int talvik_encrypt(EncryptionType type, PaddingMode padding, const unsigned char* plaintext, int plaintextLength,
-                   unsigned char* ciphertext, int* ciphertextLength, const unsigned char* publicKey,
-                   int publicKeyLength, void* reserved) {
-    return fill(answer(__func__, type, padding, In{plaintext, plaintextLength}, plaintextLength, Out{ciphertext},
-                       ciphertextLength, In{publicKey, publicKeyLength}, publicKeyLength, reserved),
-                ciphertext, ciphertextLength);
-}
-
-int talvik_decrypt(const char* deviceId, const unsigned char* keyId, const char* password,
-                   const unsigned char* ciphertext, int ciphertextLength, unsigned char** plaintext,
-                   int* plaintextLength, bool storageFlag, void* reserved) {
-    return allocate(answer(__func__, deviceId, In{keyId, 16}, password, In{ciphertext, ciphertextLength},
-                           ciphertextLength, Out{plaintext}, Out{plaintextLength}, storageFlag, reserved),
-                    plaintext, plaintextLength);
-}
-
-int talvik_encrypt_aes(const char* deviceId, EncryptionType type, const unsigned char* key, int keyLength,
-                       const unsigned char* input, int inputLength, unsigned char** output, int* outputLength,
-                       bool flag, const unsigned char* iv, int ivLength, const unsigned char* extra, int extraLength,
-                       void* reserved) {
-    return allocate(answer(__func__, deviceId, type, In{key, keyLength}, keyLength, In{input, inputLength}, inputLength,
-                           Out{output}, Out{outputLength}, flag, In{iv, ivLength}, ivLength, In{extra, extraLength},
-                           extraLength, reserved),
-                    output, outputLength);
-}
-
-int talvik_decryptSymetric(const char* deviceId, const unsigned char* input, int inputLength, unsigned char* output,
-                           int* outputLength, const unsigned char* iv, int ivLength, const unsigned char* key,
-                           int keyLength, void* reserved) {
-    return fill(answer(__func__, deviceId, In{input, inputLength}, inputLength, Out{output}, outputLength,
-                       In{iv, ivLength}, ivLength, In{key, keyLength}, keyLength, reserved),
-                output, outputLength);
-}
-
-int talvik_decrypt_aes(const char* deviceId, const unsigned char* keyId, int keyIdLength, const unsigned char* input,
-                       int inputLength, unsigned char** output, int* outputLength, bool storageFlag,
-                       const unsigned char* extra, int extraLength, void* reserved) {
-    return allocate(answer(__func__, deviceId, In{keyId, keyIdLength}, keyIdLength, In{input, inputLength}, inputLength,
-                           Out{output}, Out{outputLength}, storageFlag, In{extra, extraLength}, extraLength, reserved),
-                    output, outputLength);
-}
-
-int talvik_generateRamdomNumber(const char* deviceId, int length, unsigned char* buffer, bool useSoftware,
-                                void* reserved) {
-    const Outcome outcome = answer(__func__, deviceId, length, Out{buffer}, useSoftware, reserved);
-    return fill(outcome, buffer, &length);
-}
-
-int talvik_initHash(const char* deviceId, int algorithm, void** hashHandle, void* reserved) {
-    const Outcome outcome = answer(__func__, deviceId, algorithm, Out{hashHandle}, reserved);
-    if (outcome.status == 0)
-        *hashHandle = reinterpret_cast<void*>(++Locked()->lastHashHandle);
-    return outcome.status;
-}
-
-int talvik_updateHash(void* hashHandle, const unsigned char* data, int dataLength, void* reserved) {
-    return answer(__func__, HashHandle{hashHandle}, In{data, dataLength}, dataLength, reserved).status;
-}
-
-int talvik_finalHash(void* hashHandle, unsigned char* digest, int* digestLength, void* reserved) {
-    return fill(answer(__func__, HashHandle{hashHandle}, Out{digest}, digestLength, reserved), digest, digestLength);
+FakeLibrary& theLibrary() {
+    static scripted::ScriptedLibrary library;
+    return library;
 }

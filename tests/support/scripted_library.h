@@ -1,8 +1,8 @@
 // A device library that does nothing but what a test has told it to, and that remembers every call.
 //
-// It defines the 24 operations of token/device_library.h. Linked into a test program it stands in for the token maker's
-// library; built as a TalvikDSCLibrary.dll of its own it shows that the provider runs over any library with that
-// contract, and the functions below are then exports of that DLL.
+// Linked into a test program it stands in for the token maker's library; built as a TalvikDSCLibrary.dll of its own it
+// shows that the provider runs over any library with that contract, and the functions below are then exports of that
+// DLL.
 //
 // An operation answers with the next outcome queued for it, else with its standing outcome, else with success. The
 // script is guarded by a lock of its own; hooks run outside it, so that a hook may change the script.
@@ -68,9 +68,8 @@ TALVIK_DEVICE_API void watch(std::function<void(const std::string& call)> watche
 // The record that talvik_generateKeyPair returns; the usage and the type of the request are kept when these are 0.
 TALVIK_DEVICE_API void generates(const TalvikKeyPair& key);
 
-// The calls since the last reset or take, one text each, for example
-//   talvik_initHash("T1", 3, out, null)
-// Texts are quoted, input buffers are lower-case hexadecimal, lengths are those on entry, outputs are "out".
+// The calls since the last reset or take, one text each as fake_library.h tells. Hash handles are told apart: the n-th
+// that was opened since the reset is #n.
 TALVIK_DEVICE_API std::vector<std::string> takeCalls();
 
 // How often each operation was called since the reset, polls left out.

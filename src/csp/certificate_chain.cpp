@@ -1,4 +1,4 @@
-#include "token/certificate_chain.h"
+#include "csp/certificate_chain.h"
 
 #include <algorithm>
 

@@ -1,0 +1,25 @@
+# The unit tests, for the builds that have them.
+set(unit_sources
+  provider_test.cpp
+  log_test.cpp
+  key_encoding_test.cpp
+  secret_bytes_test.cpp
+  session_test.cpp
+  pin_login_test.cpp
+  device_monitor_test.cpp
+  csp_context_test.cpp
+  csp_hash_test.cpp
+  csp_key_test.cpp
+  csp_key_param_test.cpp
+  csp_sign_test.cpp
+  csp_cipher_test.cpp
+  csp_blob_test.cpp
+  certificate_chain_test.cpp
+  csp_provider_param_test.cpp
+  ksp_test.cpp
+  ksp_provider_test.cpp
+  ksp_key_test.cpp
+  ksp_cipher_test.cpp
+  ksp_sign_test.cpp
+  ksp_blob_test.cpp
+)
