@@ -15,6 +15,7 @@
 
 #include "csp/entry_points.h"
 #include "ksp/entry_points.h"
+#include "module.h"
 #include "stand_in/desktop.h"
 #include "support/log_reader.h"
 #include "support/scripted_library.h"
@@ -248,6 +249,7 @@ TEST_F(Concurrency, TheLevelChangesWhileLinesAreWritten) {
 int main(int argc, char** argv) {
     testing::InitGoogleTest(&argc, argv);
     useOwnTemporaryFolder();
+    talvik::recordModuleInstance(GetModuleHandleA(nullptr));  // without it there is no dialog
     const int result = RUN_ALL_TESTS();
     talvik::stopDeviceMonitor();
     return result;
