@@ -248,7 +248,7 @@ void keepsToOneToken(const std::string& call) {
     const auto token = std::ranges::find(sharedTokens, id, &SharedToken::id);
     ASSERT_NE(token, std::end(sharedTokens)) << call;
     const SharedToken& other = sharedTokens[token == sharedTokens ? 1 : 0];
-    EXPECT_EQ(call.find(other.pin), std::string::npos) << call;
+    EXPECT_EQ(call.find('"' + other.pin + '"'), std::string::npos) << call;
     EXPECT_TRUE(looksForKey || tokenOfCall == nullptr || tokenOfCall == token) << call;
     tokenOfCall = token;
 }

@@ -144,7 +144,9 @@ TEST_F(KspSign, PssNeedsFirmware2) {
     BYTE signature[1] = {};
     for (const auto& [firmware, allowed] : rows) {
         SCOPED_TRACE(firmware);
-        providerOf(hProv)->firmwareVersion = firmware;
+        talvik::ksp::BoundToken token = *providerOf(hProv)->token();
+        token.firmwareVersion = firmware;
+        providerOf(hProv)->open(token);
         forgetSoFar();
         EXPECT_EQ(signing(key, BCRYPT_PAD_PSS)(), allowed ? ERROR_SUCCESS : NTE_NOT_SUPPORTED);
         if (!allowed) {
