@@ -92,7 +92,7 @@ TEST_F(LogTest, EveryLevelCodeHasItsTag) {
 TEST_F(LogTest, ControlCharactersOfValuesAreEscaped) {
     const std::string value = "a\n\x1B[2J\x1F\x7F\xE4\\ ";
     const struct { char label[128]; } record = {"b\r"};
-    logError("one\r\ntwo", value, std::string_view(value).substr(1, 1), value.c_str() + 8, record.label);
+    logError("one\r\ntwo", value, std::string_view(value).substr(1, 1), value.c_str() + 9, record.label);
     logError("");
     EXPECT_EQ(log.entries(), Lines({"ERROR one\r\ntwoa\\x0A\\x1B[2J\\x1F\\x7F\xE4\\ \\x0A\\ b\\x0D", "ERROR "}));
 }
