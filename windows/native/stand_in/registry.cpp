@@ -38,8 +38,9 @@ struct Registry {
     std::map<std::string, KeyPointer, NameOrder> keys;  // by path, without the root
 };
 
+// Never destroyed: the device monitor's thread asks it until the process has ended.
 Registry& registry() {
-    static Registry instance;
+    static Registry& instance = *new Registry;
     return instance;
 }
 
