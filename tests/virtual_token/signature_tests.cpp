@@ -69,7 +69,8 @@ TEST_P(SignatureTest, TheTokenAcceptsWhatOpensslSigns) {
 TEST_F(VirtualTokenTest, OpensslAcceptsWhatTheTokenSigns) {
     for (const std::uint32_t type : {TALVIK_KEY_RSA_1024, TALVIK_KEY_RSA_3072}) {
         const Key key = generate(type, TALVIK_USAGE_SIGN);
-        write("key.der", key.publicKey());
+        writeRsaKey(scratch(), "key", key.publicKey());
+        const Bytes publicKey = read("key.der");
         for (const auto& [name, length] : {std::pair{"sha1", 20u}, {"sha256", 32u}, {"sha384", 48u}, {"sha512", 64u}}) {
             write("digest", pattern(length));
             for (const bool pss : {false, true}) {
@@ -79,12 +80,14 @@ TEST_F(VirtualTokenTest, OpensslAcceptsWhatTheTokenSigns) {
                     continue;
                 }
                 write("signature", signature.bytes);
-                EXPECT_TRUE(opensslAgrees(
-                    "pkeyutl -verify -pubin -keyform DER -inkey key.der -in digest -sigfile signature -pkeyopt "
-                    "digest:" +
-                    std::string(name) + (pss ? " -pkeyopt rsa_padding_mode:pss -pkeyopt rsa_pss_saltlen:digest" : "")))
-                    << type << name << pss;
-                EXPECT_EQ(verify(key.publicKey(), pattern(length), signature.bytes, pss), 0) << type << name << pss;
+                const std::string options =
+                    name + std::string(pss ? " -pkeyopt rsa_padding_mode:pss -pkeyopt rsa_pss_saltlen:digest" : "");
+                EXPECT_TRUE(
+                    opensslAgrees("pkeyutl -verify -pubin -keyform DER -inkey key.der -in digest -sigfile "
+                                  "signature -pkeyopt digest:" +
+                                  options))
+                    << type << options;
+                EXPECT_EQ(verify(publicKey, pattern(length), signature.bytes, pss), 0) << type << options;
             }
         }
     }
@@ -92,13 +95,15 @@ TEST_F(VirtualTokenTest, OpensslAcceptsWhatTheTokenSigns) {
 
 TEST_F(VirtualTokenTest, ThreadsUseOneKeyWithEitherPadding) {
     const Key key = generate(TALVIK_KEY_RSA_1024, TALVIK_USAGE_SIGN);
+    writeRsaKey(scratch(), "key", key.publicKey());
+    const Bytes publicKey = read("key.der");
     std::vector<std::jthread> threads;
     for (const std::size_t length : {32u, 48u, 32u, 48u}) {
-        threads.emplace_back([&key, digest = pattern(length)] {
+        threads.emplace_back([&, digest = pattern(length)] {
             const Bytes expected = sign(key, digest).bytes;
             for (int i = 0; i < 50; ++i) {
                 EXPECT_EQ(sign(key, digest).bytes, expected);
-                EXPECT_EQ(verify(key.publicKey(), digest, sign(key, digest, true).bytes, true), 0);
+                EXPECT_EQ(verify(publicKey, digest, sign(key, digest, true).bytes, true), 0);
             }
         });
     }
