@@ -1,7 +1,6 @@
 #include "asymmetric_key.h"
 
 #include <algorithm>
-#include <optional>
 
 #include "der.h"
 #include "rsa_padding.h"
@@ -44,6 +43,9 @@ Bytes ecPublicKeyInfo(const KeyType& type, ByteView point) {
 }
 
 GeneratedKey generateRsa(const KeyType& type) {
+    if (std::optional<RsaNumbers> numbers = generateBySystem(type.bits)) {
+        return {rsaPublicKeyInfo(numbers->modulus, numbers->exponent), std::move(numbers->primes)};
+    }
     const Expression request = buildExpression("(genkey(rsa(nbits %u)(rsa-use-e 5:65537)))", type.bits);
     gcry_sexp_t made = nullptr;
     check(gcry_pk_genkey(&made, request.get()));
@@ -98,31 +100,29 @@ Expression ecPrivateKey(const PublicKey& publicKey, ByteView scalar) {
                            intLength(publicKey.point()), publicKey.point().data(), intLength(scalar), scalar.data());
 }
 
-const DigestType& digestFor(ByteView digest) {
+// The digest's length tells its algorithm. The salt of PSS is as long as the digest.
+const DigestType& digestFor(const PublicKey& key, ByteView digest, bool pss) {
     const DigestType* type = digestOfLength(digest.size());
     require(type != nullptr, Status::Unsupported);
+    require(!key.isRsa() || !pss || key.modulus().size() >= 2 * digest.size() + 2, Status::Unsupported);
     return *type;
 }
 
-// The padded digest that is signed and verified. The salt of PSS is as long as the digest; a signer gives its own.
-Expression dataToSign(const PublicKey& key, ByteView digest, bool pss, const Bytes& salt) {
-    const DigestType& type = digestFor(digest);
+// The digest to be padded and signed, or verified. A signer with PSS gives its own salt.
+Expression dataToSign(const PublicKey& key, const DigestType& type, ByteView digest, bool pss, const Bytes& salt) {
+    const int length = intLength(digest);
     if (!key.isRsa()) {
-        return buildExpression("(data(flags rfc6979)(hash %s %b))", type.name, intLength(digest), digest.data());
+        return buildExpression("(data(flags rfc6979)(hash %s %b))", type.name, length, digest.data());
     }
     if (!pss) {
-        // Blinding hides the timing of chosen inputs; a padded digest is none, and it costs a third of the speed.
-        return buildExpression("(data(flags pkcs1 no-blinding)(hash %s %b))", type.name, intLength(digest),
+        return buildExpression("(data(flags pkcs1)(hash %s %b))", type.name, length, digest.data());
+    }
+    if (salt.empty()) {
+        return buildExpression("(data(flags pss)(salt-length %d)(hash %s %b))", length, type.name, length,
                                digest.data());
     }
-    require(key.modulus().size() >= 2 * digest.size() + 2, Status::Unsupported);
-    const int saltLength = intLength(digest);
-    if (salt.empty()) {
-        return buildExpression("(data(flags pss)(salt-length %d)(hash %s %b))", saltLength, type.name,
-                               intLength(digest), digest.data());
-    }
-    return buildExpression("(data(flags pss no-blinding)(salt-length %d)(random-override %b)(hash %s %b))", saltLength,
-                           intLength(salt), salt.data(), type.name, intLength(digest), digest.data());
+    return buildExpression("(data(flags pss)(salt-length %d)(random-override %b)(hash %s %b))", length, intLength(salt),
+                           salt.data(), type.name, length, digest.data());
 }
 
 }  // namespace
@@ -186,8 +186,15 @@ Expression PublicKey::expression() const {
 }
 
 void PublicKey::verify(ByteView digest, ByteView signature, bool pss) const {
-    const Expression data = dataToSign(*this, digest, pss, {});
+    const DigestType& type = digestFor(*this, digest, pss);
     require(signature.size() == signatureLength(), Status::BadSignature);
+    if (isRsa()) {
+        const SystemRsaKey key(modulus_, exponent_, {});
+        if (const std::optional<bool> valid = key.verify(type, digest, signature, pss)) {
+            return require(*valid, Status::BadSignature);
+        }
+    }
+    const Expression data = dataToSign(*this, type, digest, pss, {});
     const ByteView r = signature.first(signature.size() / 2), s = signature.last(signature.size() / 2);
     const Expression value =
         isRsa() ? buildExpression("(sig-val(rsa(s %m)))", integerFrom(signature).get())
@@ -213,11 +220,21 @@ Bytes PublicKey::encrypt(ByteView plaintext, bool oaep) const {
 
 PrivateKey::PrivateKey(ByteView subjectPublicKeyInfo, ByteView secret)
     : publicKey_(subjectPublicKeyInfo),
-      key_(publicKey_.isRsa() ? rsaPrivateKey(publicKey_, secret) : ecPrivateKey(publicKey_, secret)) {}
+      key_(publicKey_.isRsa() ? rsaPrivateKey(publicKey_, secret) : ecPrivateKey(publicKey_, secret)) {
+    if (publicKey_.isRsa()) {
+        system_.emplace(publicKey_.modulus(), publicKey_.exponent(), secret);
+    }
+}
 
 Bytes PrivateKey::sign(ByteView digest, bool pss) const {
+    const DigestType& type = digestFor(publicKey_, digest, pss);
+    if (system_) {
+        if (std::optional<Bytes> signature = system_->sign(type, digest, pss)) {
+            return *std::move(signature);
+        }
+    }
     const Bytes salt = pss && publicKey_.isRsa() ? randomBytes(digest.size()) : Bytes();
-    const Expression data = dataToSign(publicKey_, digest, pss, salt);
+    const Expression data = dataToSign(publicKey_, type, digest, pss, salt);
     gcry_sexp_t made = nullptr;
     check(gcry_pk_sign(&made, data.get(), key_.get()));
     const Expression signature(made);

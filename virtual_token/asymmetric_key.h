@@ -2,8 +2,11 @@
 // big-endian. An ECDSA signature is r and s side by side, each as wide as a coordinate of the curve.
 #pragma once
 
+#include <optional>
+
 #include "gcrypt_objects.h"
 #include "key_types.h"
+#include "system_rsa.h"
 
 namespace virtual_token {
 
@@ -58,6 +61,7 @@ class PrivateKey {
   private:
     PublicKey publicKey_;
     Expression key_;
+    std::optional<SystemRsaKey> system_;  // RSA
 };
 
 }  // namespace virtual_token

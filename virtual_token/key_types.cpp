@@ -1,5 +1,9 @@
 #include "key_types.h"
 
+#include <windows.h>
+
+#include <bcrypt.h>
+
 #include <algorithm>
 #include <gcrypt.h>
 #include <iterator>
@@ -30,10 +34,10 @@ constexpr AesKeyType aesKeyTypes[] = {
 };
 
 constexpr DigestType digestTypes[] = {
-    {TALVIK_HASH_SHA1, GCRY_MD_SHA1, "sha1", 20},
-    {TALVIK_HASH_SHA256, GCRY_MD_SHA256, "sha256", 32},
-    {TALVIK_HASH_SHA384, GCRY_MD_SHA384, "sha384", 48},
-    {TALVIK_HASH_SHA512, GCRY_MD_SHA512, "sha512", 64},
+    {TALVIK_HASH_SHA1, GCRY_MD_SHA1, "sha1", 20, BCRYPT_SHA1_ALGORITHM},
+    {TALVIK_HASH_SHA256, GCRY_MD_SHA256, "sha256", 32, BCRYPT_SHA256_ALGORITHM},
+    {TALVIK_HASH_SHA384, GCRY_MD_SHA384, "sha384", 48, BCRYPT_SHA384_ALGORITHM},
+    {TALVIK_HASH_SHA512, GCRY_MD_SHA512, "sha512", 64, BCRYPT_SHA512_ALGORITHM},
 };
 
 template <class Table, class Test>

@@ -37,6 +37,7 @@ struct DigestType {
     int algorithm;     // libgcrypt's number
     const char* name;  // libgcrypt's name
     std::size_t length;
+    const wchar_t* systemName;  // BCrypt's name
 };
 
 const DigestType* digestOfCode(int code);              // null when there is none

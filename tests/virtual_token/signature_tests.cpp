@@ -1,6 +1,6 @@
-// Signatures with keys of every size: openssl's judged by the token. Its own are judged by openssl in the tests that go
-// through the provider.
+// Signatures with keys of every size, openssl's judged by the token; and the token's own, by openssl.
 #include <algorithm>
+#include <thread>
 
 #include "virtual_token/fixture.h"
 
@@ -62,6 +62,50 @@ TEST_P(SignatureTest, TheTokenAcceptsWhatOpensslSigns) {
         }
         signature.back() ^= 1;
         EXPECT_EQ(verify(publicKey, digest, signature, opensslPss), BadSignature);
+    }
+}
+
+// Two libraries sign: each digest and padding finds the one that can. PKCS#1 leaves openssl one signature to accept.
+TEST_F(VirtualTokenTest, OpensslAcceptsWhatTheTokenSigns) {
+    for (const std::uint32_t type : {TALVIK_KEY_RSA_1024, TALVIK_KEY_RSA_3072}) {
+        const Key key = generate(type, TALVIK_USAGE_SIGN);
+        writeRsaKey(scratch(), "key", key.publicKey());
+        const Bytes publicKey = read("key.der");
+        for (const auto& [name, length] : {std::pair{"sha1", 20u}, {"sha256", 32u}, {"sha384", 48u}, {"sha512", 64u}}) {
+            write("digest", pattern(length));
+            for (const bool pss : {false, true}) {
+                const Result signature = sign(key, pattern(length), pss);
+                if (pss && type == TALVIK_KEY_RSA_1024 && length == 64) {
+                    EXPECT_EQ(signature.status, Unsupported);
+                    continue;
+                }
+                write("signature", signature.bytes);
+                const std::string options =
+                    name + std::string(pss ? " -pkeyopt rsa_padding_mode:pss -pkeyopt rsa_pss_saltlen:digest" : "");
+                EXPECT_TRUE(
+                    opensslAgrees("pkeyutl -verify -pubin -keyform DER -inkey key.der -in digest -sigfile "
+                                  "signature -pkeyopt digest:" +
+                                  options))
+                    << type << options;
+                EXPECT_EQ(verify(publicKey, pattern(length), signature.bytes, pss), 0) << type << options;
+            }
+        }
+    }
+}
+
+TEST_F(VirtualTokenTest, ThreadsUseOneKeyWithEitherPadding) {
+    const Key key = generate(TALVIK_KEY_RSA_1024, TALVIK_USAGE_SIGN);
+    writeRsaKey(scratch(), "key", key.publicKey());
+    const Bytes publicKey = read("key.der");
+    std::vector<std::jthread> threads;
+    for (const std::size_t length : {32u, 48u, 32u, 48u}) {
+        threads.emplace_back([&, digest = pattern(length)] {
+            const Bytes expected = sign(key, digest).bytes;
+            for (int i = 0; i < 50; ++i) {
+                EXPECT_EQ(sign(key, digest).bytes, expected);
+                EXPECT_EQ(verify(publicKey, digest, sign(key, digest, true).bytes, true), 0);
+            }
+        });
     }
 }
 
