@@ -3,7 +3,7 @@
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")"
 
-scripts/install-missing
+scripts/install-missing test
 scripts/build
 
 # Tests change the registry and the system folder: they have Wine prefixes of their own.
