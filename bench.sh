@@ -23,7 +23,7 @@ exec 9>"$state/lock"
 flock -n 9 || { echo "bench: another run is on this machine's way" >&2; exit 1; }
 trap 'wineserver -k 2>/dev/null || true' EXIT
 
-scripts/install-missing
+scripts/install-missing demo
 echo "Building"
 scripts/build TalvikCSP TalvikDSCLibrary talvik talvik_bench bench_listing_library >"$state/build.log" 2>&1 ||
     { tail -n 40 "$state/build.log" >&2; exit 1; }

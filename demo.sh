@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Shows the provider at work on a fresh Debian 12 machine: ./demo.sh [--dialog] [--fresh] [FILE]
+# Shows the provider at work on a fresh Debian machine: ./demo.sh [--dialog] [--fresh] [FILE]
 #
 # Builds the provider, installs it with a virtual token in a Wine prefix of its own, has an ordinary CryptoAPI program
 # enrol two keys on the token, sign FILE with the one and open FILE's envelope with the other, and checks it all with
@@ -40,6 +40,12 @@ create_token() {
         talvik token create --id "$token_id" --label "Demonstration token" --pin "$pin"
 }
 
+# Three wrong PINs in the dialog lock the token for every later run.
+refuse_locked_token() {
+    ! talvik token show "$token_id" --json | grep -q '"attemptsLeft": 0,' ||
+        fail "three wrong PINs have locked the token: ./demo.sh --fresh starts with a new one"
+}
+
 create_ca() {
     [ ! -f "$state/ca/ca.pem" ] || return 0
     rm -rf "$state/ca" "$state/ca.new"
@@ -70,6 +76,11 @@ issue_certificate() {
 encrypt_to_recipient() {
     openssl x509 -inform DER -in "$state/recipient.der" -out "$out/recipient.pem"
     openssl cms -encrypt -binary -aes256 -in "$file" -outform DER -out "$out/envelope.p7m" "$out/recipient.pem"
+}
+
+failed() {
+    refuse_locked_token
+    fail "$1 failed; see $out for the provider's log"
 }
 
 # What the program asks for.
@@ -106,7 +117,7 @@ run_program() {
     wait "$program" || status=$?
     exec 3<&- 4>&-
     [ "$status" -ne 124 ] || fail "no PIN within $patience seconds"
-    [ "$status" -eq 0 ] || fail "the program failed; see $out for the provider's log"
+    [ "$status" -eq 0 ] || failed "the program"
 }
 
 verify() {
@@ -120,20 +131,36 @@ changed_file_is_refused() {
 
 opened_is_the_file() { cmp "$file" "$out/opened"; }
 
+# The subjects in the chain, one a line, written as RFC 2253 has it: openssl's own way changes from version to version.
+chain_subjects() {
+    local line certificate=
+    openssl pkcs7 -inform DER -in "$out/chain.p7b" -print_certs | while IFS= read -r line; do
+        case $line in
+            *"BEGIN CERTIFICATE"*) certificate=$line ;;
+            *"END CERTIFICATE"*) openssl x509 -noout -subject -nameopt RFC2253 <<<"$certificate"$'\n'"$line" ;;
+            *) certificate+=$'\n'$line ;;
+        esac
+    done | sed 's/^subject= *//'
+}
 chain_holds_signer_and_ca() {
     local subjects
-    subjects=$(openssl pkcs7 -inform DER -in "$out/chain.p7b" -print_certs -noout)
+    subjects=$(chain_subjects)
     echo "$subjects"
-    grep -q "subject=.*CN = Talvik Demo Signer" <<<"$subjects" &&
-        grep -q "subject=.*CN = Throw-away CA" <<<"$subjects"
+    grep -q "^\(.*,\)\?CN=Talvik Demo Signer\(,.*\)\?$" <<<"$subjects" && grep -q "^CN=Throw-away CA," <<<"$subjects"
 }
 
-# Wine's CNG loads no key storage provider: a stand-in for that part of the system lies beside the program.
-sign_with_cng() {
-    mkdir -p "$(dirname "$(log_folder)")/talvik_cng_demo.exe"
-    TALVIK_DEMO_PIN=$pin WINEDLLOVERRIDES="mscoree,mshtml,winemenubuilder.exe=;ncrypt=n" timeout 120 \
+# cng_program OVERRIDE: with the system's own ncrypt.dll (b), or with the stand-in that lies beside the program (n).
+cng_program() {
+    TALVIK_DEMO_PIN=$pin WINEDLLOVERRIDES="mscoree,mshtml,winemenubuilder.exe=;ncrypt=$1" timeout 120 \
         scripts/wine-run "$bin/ncrypt/talvik_cng_demo.exe" "$(windows_path "$file")" "$(windows_path "$out")" |
         tr -d '\r'
+}
+sign_with_cng() {
+    local status=0
+    cng_program b || status=$?
+    [ "$status" -eq 3 ] || return "$status"
+    echo "  (this CNG loads no key storage providers: a stand-in for that part of it does)"
+    cng_program n
 }
 
 verify_pss() {
@@ -146,10 +173,8 @@ verify_ecdsa() {
     openssl dgst -sha256 -keyform DER -verify "$out/ec-public.der" -signature "$out/ecdsa.sig" "$file"
 }
 
-# The log of the run itself: the folders are made in advance, since the log loses a line for each one that it makes.
-log_folder() { echo "$WINEPREFIX/drive_c/users/$(id -un)/Temp/Quorvel/talvik_demo.exe"; }
 finish() {
-    cp "$(log_folder)"/*.LOG "$out/" 2>/dev/null || true # of a failed run too
+    cp "${logs:-}"/talvik_demo.exe/*.LOG "$out/" 2>/dev/null || true # of a failed run too
     wineserver -k 2>/dev/null || true
 }
 
@@ -166,9 +191,13 @@ done
 given=${file:-$root/README.md}
 file=$(cd "$caller_folder" && realpath -e -- "$given" 2>/dev/null) || fail "no such file: $given"
 if [ ! -f "$file" ] || [ ! -r "$file" ]; then fail "not a readable file: $file"; fi
+case $file in
+    "$out"/* | "$state"/*) fail "$file would go: each run starts with an empty out/demo; copy it elsewhere" ;;
+esac
 
-scripts/install-missing
+scripts/install-missing demo
 if [ "$dialog" = yes ] && [ -z "${DISPLAY:-}" ]; then
+    scripts/install-missing dialog
     export TALVIK_DEMO_OWN_DISPLAY=yes
     cd "$caller_folder"
     exec "$root/scripts/with-display" "$root/demo.sh" "$@"
@@ -192,11 +221,14 @@ step "build" scripts/build TalvikCSP TalvikDSCLibrary talvik talvik_demo talvik_
 step "Wine prefix with the provider in its system folder" scripts/register-csp "$bin"
 step "provider log at DEBUG" scripts/log-level 3
 step "virtual token $token_id, PIN $pin" create_token
+refuse_locked_token
 step "throw-away certification authority" create_ca
 step "the authority's certificate on the token" store_ca
 cp "$state/ca/ca.pem" "$out/ca.pem"
-rm -rf "$(log_folder)"
-mkdir -p "$(log_folder)"
+# The log of the run itself: the folders are made in advance, since the log loses a line for each one that it makes.
+logs=$(scripts/wine-temp)/Quorvel
+rm -rf "$logs/talvik_demo.exe"
+mkdir -p "$logs/talvik_demo.exe" "$logs/talvik_cng_demo.exe"
 
 say "Signing $file, and opening what was encrypted from it"
 if [ "$dialog" = yes ]; then
@@ -214,11 +246,11 @@ else
     export TALVIK_DEMO_PIN=$pin
     run_program "${TALVIK_DEMO_PATIENCE:-120}"
 fi
-cp "$(log_folder)"/*.LOG "$out/"
+cp "$logs"/talvik_demo.exe/*.LOG "$out/"
 
-say "Signing it once more through CNG (with a stand-in for the part of CNG that Wine lacks)"
+say "Signing it once more through CNG"
 step "the provider in CNG's list" scripts/register-ksp
-sign_with_cng || fail "the CNG program failed"
+sign_with_cng || failed "the CNG program"
 
 openssl x509 -inform DER -in "$state/signer.der" -out "$out/signer.pem"
 
@@ -228,7 +260,7 @@ step "openssl cms -verify refuses it for a changed file" changed_file_is_refused
 step "openssl dgst accepts the RSA-PSS signature" verify_pss
 step "openssl dgst accepts the ECDSA signature" verify_ecdsa
 step "openssl pkcs7 finds signer and authority in the chain" chain_holds_signer_and_ca
-openssl pkcs7 -inform DER -in "$out/chain.p7b" -print_certs -noout | sed -n 's/^subject=/    /p'
+chain_subjects | sed 's/^/    /'
 step "what was in the envelope is the file" opened_is_the_file
 rm "$out/opened"
 

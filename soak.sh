@@ -15,7 +15,7 @@ case ${1:-200000} in
 esac
 [[ $count =~ ^[0-9]+$ ]] || { echo "soak: not a number: $count" >&2; exit 2; }
 
-scripts/install-missing
+scripts/install-missing test
 cmake --preset mingw -Wno-dev >/dev/null
 cmake --build --preset mingw --target soak_tests virtual_token_tests
 

@@ -16,7 +16,7 @@ set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")"
 case ${1:-} in -h | --help) sed -n '2,/^set/ { /^#/s/^# \{0,1\}//p }' "$0"; exit ;; esac
 
-scripts/install-missing
+scripts/install-missing test
 
 # The files that the chosen tests of a preset need, as the build names them.
 needed_files() {

@@ -14,7 +14,13 @@ constexpr std::size_t nonceLength = 12;
 constexpr std::size_t tagLength = 16;
 
 // The library writes hints about the machine's disks to the standard error of whatever program has loaded us.
-void ignoreLogLine(void*, int, const char*, va_list) {}
+void silenceLog() {
+#if GCRYPT_VERSION_NUMBER < 0x010B00
+    gcry_set_log_handler([](void*, int, const char*, va_list) {}, nullptr);
+#else
+    gpgrt_log_set_sink("NUL", nullptr, -1);  // since 1.11 it logs through libgpg-error and asks no handler
+#endif
+}
 
 // The library wipes the numbers that it releases but not the expressions, in which padded plaintexts and private keys
 // travel. Whatever it releases is wiped here.
@@ -45,7 +51,7 @@ void* reallocate(void* memory, std::size_t size) {
 bool initialise() {
     gcry_set_allocation_handler(allocate, allocate, isSecure, reallocate, release);
     require(gcry_check_version(GCRYPT_VERSION) != nullptr, Status::InternalError);
-    gcry_set_log_handler(ignoreLogLine, nullptr);
+    silenceLog();
     // The locked memory pool has one lock for all threads and room for few keys; freed numbers are wiped without it.
     check(gcry_control(GCRYCTL_DISABLE_SECMEM, 0));
     check(gcry_control(GCRYCTL_INITIALIZATION_FINISHED, 0));

@@ -6,6 +6,7 @@
 // SubjectPublicKeyInfo).
 //
 // TALVIK_DEMO_PIN, when set, is the PIN that the program gives to the provider; otherwise the provider asks a person.
+// The exit code is 3 where the system's CNG opens something else under the provider's name.
 #include <windows.h>
 
 #include <bcrypt.h>
@@ -55,9 +56,23 @@ auto timed(const char* what, Step step) {
     return result;
 }
 
+struct OtherProvider {};
+
+// Wine's own CNG opens a provider of its own for every name.
+void requireNamedProvider(const CngObject& provider) {
+    std::wstring name(std::size(cngProviderName), L'\0');
+    DWORD size = 0;
+    if (NCryptGetProperty(provider.get(), NCRYPT_NAME_PROPERTY, reinterpret_cast<BYTE*>(name.data()),
+                          static_cast<DWORD>(sizeof cngProviderName), &size, 0) != ERROR_SUCCESS ||
+        name.c_str() != std::wstring(cngProviderName)) {
+        throw OtherProvider{};
+    }
+}
+
 CngObject openProvider() {
     CngObject provider;
     requireStatus(NCryptOpenStorageProvider(provider.put(), cngProviderName, 0), "NCryptOpenStorageProvider");
+    requireNamedProvider(provider);
     // The provider takes the PIN as a text of 8-bit characters.
     if (const char* pin = std::getenv("TALVIK_DEMO_PIN")) {
         requireStatus(
@@ -203,6 +218,8 @@ int wmain(int argc, wchar_t** argv) {
     }
     try {
         run(argv[1], argv[2]);
+    } catch (const OtherProvider&) {
+        return 3;
     } catch (const std::exception& failure) {
         std::fprintf(stderr, "  %s\n", failure.what());
         return 1;

@@ -23,9 +23,10 @@ class Chain : public Tokens {
                   return CryptGetProvParam(context, PP_CERTCHAIN, data, size, 0);
               }));
         std::string subjects;
-        const std::string printed = run("pkcs7 -inform DER -in chain -print_certs -noout");
+        const std::string printed = run("pkcs7 -inform DER -in chain -print_certs");
         for (const std::string subject : {"Leaf", "Intermediate", "Root"}) {
-            subjects += printed.find("subject=CN = " + subject) != std::string::npos ? subject + ' ' : "";
+            const Bytes pem = read(subject + ".pem");
+            subjects += printed.find(std::string(pem.begin(), pem.end())) != std::string::npos ? subject + ' ' : "";
         }
         return subjects;
     }

@@ -6,6 +6,7 @@
 #include <wincrypt.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <utility>
 
 #include "support/dialog_robot.h"

@@ -1,5 +1,6 @@
 #include "soak/memory_search.h"
 
+#include <cstdint>
 #include <sstream>
 
 namespace soak {
