@@ -4,7 +4,7 @@
 # Builds it optimised, installs it in a Wine prefix of its own with a virtual token, and compares in one run: the
 # provider's entry points with the same work done on the device library itself and with the system's own software CSP,
 # one thread with several, tokens with one key and with thousands, log on and log off. Leaves out/bench/bench.json and
-# out/bench/bench.svg. A missed budget is told, and is no failure: the exit code is about the measuring.
+# out/bench/bench.svg (docs/images/performance.svg is one such). A missed budget is told, and is no failure: the exit code is about the measuring.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")"
 root=$PWD
@@ -23,7 +23,7 @@ exec 9>"$state/lock"
 flock -n 9 || { echo "bench: another run is on this machine's way" >&2; exit 1; }
 trap 'wineserver -k 2>/dev/null || true' EXIT
 
-scripts/install-missing demo
+scripts/install-missing demo bench
 echo "Building"
 scripts/build TalvikCSP TalvikDSCLibrary talvik talvik_bench bench_listing_library >"$state/build.log" 2>&1 ||
     { tail -n 40 "$state/build.log" >&2; exit 1; }
@@ -48,5 +48,6 @@ bench "$bin/bench" token --pin "$pin" --out "$(windows_path "$state/token.json")
 bench "$bin/bench/listing" listing --out "$(windows_path "$state/listing.json")"
 bench "$bin/bench" report "$(windows_path "$state/token.json")" "$(windows_path "$state/listing.json")" "${loads[@]}" \
     --out "$(windows_path "$out")" | tr -d '\r'
+gnuplot -e "data='$out/bench.dat'; picture='$out/bench.svg'" bench/bench.gnuplot
 echo
 echo "Left in out/bench: bench.json, bench.svg"

@@ -29,6 +29,49 @@ void addRow(Json& rows, const char* id, const char* name, const Summary& microse
     rows.push_back({{"section", "log"}, {"id", id}, {"name", name}, {"time", toJson(microseconds)}});
 }
 
+// Milliseconds between two ticks of the clock.
+double clockStep() {
+    constexpr int steps = 10;
+    const ULONGLONG begin = GetTickCount64();
+    ULONGLONG last = begin;
+    for (int seen = 0; seen <= steps;) {
+        const ULONGLONG now = GetTickCount64();
+        seen += now != last ? 1 : 0;
+        last = now;
+    }
+    return static_cast<double>(last - begin) / (steps + 1);
+}
+
+void addQuestions(Json& rows, const char* id, const char* name, double questions) {
+    rows.push_back({{"section", "questions"}, {"id", id}, {"name", name}, {"questions", questions}});
+}
+
+void countQuestions(const BenchToken& token, Json& rows) {
+    const Bytes message(1024, 0x5A);
+    const Work sign = [&] { signThroughCsp(token.provider, token.context, message); };
+    const ULONGLONG begin = GetTickCount64();
+    const long inALoop = queriesOf([&] {
+        while (GetTickCount64() - begin < 2000) {
+            sign();
+        }
+    });
+    // Ticks are not milliseconds: as many as the clock showed.
+    addQuestions(rows, "log.loop", "questions for the level per tick of the clock, signing in a loop",
+                 inALoop / (2000 / clockStep()));
+    constexpr int calls = 20;
+    const long isolated = queriesOf([&] {
+        for (int i = 0; i < calls; ++i) {
+            Sleep(20);
+            HCRYPTHASH hash = 0;
+            require(token.provider.createHash(token.context, CALG_SHA_256, 0, 0, &hash), "CPCreateHash");
+            Sleep(20);
+            require(token.provider.destroyHash(token.context, hash), "CPDestroyHash");
+        }
+    });
+    addQuestions(rows, "log.isolated", "questions for the level in a call that comes after a pause",
+                 static_cast<double>(isolated) / (2 * calls));
+}
+
 }  // namespace
 
 void measureLogging(const BenchToken& token, Json& rows) {
@@ -40,12 +83,16 @@ void measureLogging(const BenchToken& token, Json& rows) {
         RegGetValueA(key, nullptr, "logLevel", RRF_RT_ANY, nullptr, level, &size);
     };
     const Work debugLine = [] { logDebug("CPHashData: a line of the usual length, number ", 42); };
-    const Timings suppressed = measure({25, 4, 3}, {debugLine, query});
-    const Summary perLine = suppressed.speed(1, 0);
-    addRow(rows, "log.query", "one query of the open registry key", suppressed.of(1));
-    addRow(rows, "log.suppressed", "a suppressed DEBUG line", suppressed.of(0));
-    rows.back()["queries"] = toJson(perLine);
+    const Work lineInACall = [=] {
+        const ApplicationCall call;
+        debugLine();
+    };
+    const Timings suppressed = measure({25, 4, 3}, {debugLine, lineInACall, query});
+    addRow(rows, "log.query", "one query of the open registry key", suppressed.of(2));
+    addRow(rows, "log.suppressed", "a suppressed DEBUG line in a call of its own", suppressed.of(0));
+    addRow(rows, "log.suppressed.loop", "a suppressed DEBUG line in one of many calls", suppressed.of(1));
     RegCloseKey(key);
+    countQuestions(token, rows);
 
     addRow(rows, "log.error", "an ERROR line",
            measure({}, {[] { logError("CPHashData: a line of the usual length"); }}).of(0));

@@ -88,6 +88,12 @@ void printKeys(const Rows& rows) {
     }
 }
 
+void printQuestions(const Rows& rows) {
+    for (const Json* row : rows) {
+        std::printf("%-70s %8.2f\n", textOf(*row, "name").c_str(), row->at("questions").get<double>());
+    }
+}
+
 void printLog(const Rows& rows) {
     std::printf("\nLog\n%-42s %10s\n", "", "us");
     for (const Json* row : rows) {
@@ -141,6 +147,7 @@ void Report::print() const {
     printThreads(sectionOf(rows_, "threads"));
     printKeys(sectionOf(rows_, "keys"));
     printLog(sectionOf(rows_, "log"));
+    printQuestions(sectionOf(rows_, "questions"));
     printFootprint(sectionOf(rows_, "footprint"), sectionOf(rows_, "loading"));
     std::printf("\nBudgets\n");
     for (const Budget& budget : budgets_) {
@@ -156,8 +163,18 @@ Json Report::json() const {
     return {{"unit", "microseconds unless a field says otherwise"}, {"budgets", budgets}, {"rows", rows_}};
 }
 
-std::string Report::picture() const {
-    return drawPicture(rows_);
+// Two blocks of "name provider system": what is done in a second, and megabytes that are hashed in one.
+std::string Report::plotData() const {
+    std::string operations, hashing;
+    for (const Json* row : sectionOf(rows_, "system")) {
+        const std::string name = textOf(*row, "name");
+        const double units = row->at("unitsPerRun").get<double>() * 1e6;
+        char line[128];
+        std::snprintf(line, sizeof line, "\"%s\" %.3f %.3f\n", name.c_str(), units / median(*row, "provider"),
+                      units / median(*row, "system"));
+        (name.starts_with("hash") ? hashing : operations) += line;
+    }
+    return operations + "\n\n" + hashing;
 }
 
 }  // namespace talvik::bench

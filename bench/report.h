@@ -19,7 +19,7 @@ class Report {
 
     void print() const;
     Json json() const;
-    std::string picture() const;  // SVG
+    std::string plotData() const;  // for bench.gnuplot
 
   private:
     Json rows_;
@@ -28,9 +28,6 @@ class Report {
 
 // The budgets over `rows`, in their order.
 std::vector<Budget> judge(const Json& rows);
-
-// One picture: shares kept, hashing by chunk size, cost by number of keys.
-std::string drawPicture(const Json& rows);
 
 // The row with this id; every budget and picture needs its rows, so a missing one is an error.
 const Json& rowOf(const Json& rows, const std::string& id);

@@ -1,4 +1,5 @@
 // The provider beside the system's own software CSP: the same program through the same CryptoAPI.
+#include <algorithm>
 #include <vector>
 
 #include "level_query.h"
@@ -65,6 +66,17 @@ class Application {
         require(CryptGenRandom(context_, sizeof random, random), "CryptGenRandom");
     }
 
+    // In a context of its own, which a token's new key renames.
+    void generateKey() const {
+        HCRYPTPROV context = 0;
+        HCRYPTKEY key = 0;
+        require(CryptAcquireContextA(&context, which_.container, which_.provider, which_.type, which_.flags),
+                "CryptAcquireContext");
+        require(CryptGenKey(context, AT_KEYEXCHANGE, 2048u << 16, &key), "CryptGenKey");
+        CryptDestroyKey(key);
+        CryptReleaseContext(context, 0);
+    }
+
     // A context of its own: CryptoAPI keeps the module for the one that is open.
     void acquireAndRelease() const {
         HCRYPTPROV context = 0;
@@ -104,16 +116,23 @@ struct Task {
     const char* id;
     const char* name;
     std::function<void(const Application&)> run;
+    double unitsPerRun;  // of what the picture counts: operations, or megabytes
+    Effort effort = {};
 };
+
+// The time of a generation varies by itself, more than by who makes it: many single ones.
+constexpr Effort manySingleRuns = {31, 1, 0};
 
 std::vector<Task> tasks() {
     std::vector<Task> list = {
-        {"system.sign", "sign: SHA-256 of 1 KiB, RSA-2048", [](const Application& application) { application.sign(); }},
+        {"system.sign", "sign: SHA-256 of 1 KiB, RSA-2048", [](const Application& application) { application.sign(); }, 1},
         {"system.verify", "verify: SHA-256 of 1 KiB, RSA-2048",
-         [](const Application& application) { application.verify(); }},
-        {"system.random", "random: 1 KiB", [](const Application& application) { application.drawRandom(); }},
+         [](const Application& application) { application.verify(); }, 1},
+        {"system.random", "random: 1 KiB", [](const Application& application) { application.drawRandom(); }, 1},
         {"system.context", "context: acquire, release",
-         [](const Application& application) { application.acquireAndRelease(); }},
+         [](const Application& application) { application.acquireAndRelease(); }, 1},
+        {"system.generate", "key generation: RSA-2048",
+         [](const Application& application) { application.generateKey(); }, 1, manySingleRuns},
     };
     struct Chunks {
         const char* id;
@@ -129,14 +148,29 @@ std::vector<Task> tasks() {
         list.push_back(
             {row.id, row.name, [piece = Bytes(row.piece, 0xA5), pieces = row.pieces](const Application& application) {
                  application.hash(piece, pieces);
-             }});
+             }, static_cast<double>(row.piece * row.pieces) / 1e6});
     }
     return list;
+}
+
+// The keys that the measurement has left on the token.
+void deleteAllBut(const std::vector<TalvikKeyPair>& kept, const BenchToken& token) {
+    const std::vector<TalvikKeyPair> keys = talvik_getKeyPairList(token.deviceId.c_str(), nullptr);
+    for (const TalvikKeyPair& key : keys) {
+        const bool isKept = std::ranges::any_of(
+            kept, [&](const TalvikKeyPair& other) { return std::ranges::equal(key.keyId, other.keyId); });
+        if (!isKept) {
+            requireStatus(talvik_deleteKeyPair(token.deviceId.c_str(), key.keyId, token.pin.c_str(),
+                                               key.storageFlag != 0, nullptr),
+                          "talvik_deleteKeyPair");
+        }
+    }
 }
 
 }  // namespace
 
 void measureBesideSystem(const BenchToken& token, Json& rows) {
+    const std::vector<TalvikKeyPair> keys = talvik_getKeyPairList(token.deviceId.c_str(), nullptr);
     const CryptoApiProvider talvik = {"Talvik Cryptographic Provider CSP", PROV_RSA_FULL, token.containerName.c_str(),
                                       0};
     const CryptoApiProvider software = {MS_ENH_RSA_AES_PROV_A, PROV_RSA_AES, "talvik_bench", 0};
@@ -148,11 +182,12 @@ void measureBesideSystem(const BenchToken& token, Json& rows) {
             const AnsweredQueries answered;
             task.run(own);
         };
-        const Timings timings = measure({}, {provider, withoutQueries, [&] { task.run(system); }});
+        const Timings timings = measure(task.effort, {provider, withoutQueries, [&] { task.run(system); }});
         rows.push_back({{"section", "system"},
                         {"id", task.id},
                         {"name", task.name},
                         {"library", "virtual token"},
+                        {"unitsPerRun", task.unitsPerRun},
                         {"levelQueries", queriesOf(provider)},
                         {"provider", toJson(timings.of(0))},
                         {"providerWithoutQueries", toJson(timings.of(1))},
@@ -162,6 +197,7 @@ void measureBesideSystem(const BenchToken& token, Json& rows) {
                         {"speedUndisturbed", timings.undisturbedSpeed(0, 2)},
                         {"speedUndisturbedWithoutQueries", timings.undisturbedSpeed(1, 2)}});
     }
+    deleteAllBut(keys, token);
 }
 
 }  // namespace talvik::bench

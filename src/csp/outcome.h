@@ -52,6 +52,7 @@ template <class Body>
 BOOL entryPoint(const char* name, Body body) noexcept {
     const DWORD before = GetLastError();
     const Outcome outcome = [&]() noexcept -> Outcome {
+        const ApplicationCall call;
         try {
             return body();
         } catch (const std::bad_alloc&) {

@@ -27,6 +27,7 @@ SECURITY_STATUS fail(SECURITY_STATUS error, const Parts&... parts) noexcept {
 // Runs the body of the entry point `name`. Nothing thrown leaves it.
 template <class Body>
 SECURITY_STATUS entryPoint(const char* name, Body body) noexcept {
+    const ApplicationCall call;
     logDebug(name);
     try {
         return body();

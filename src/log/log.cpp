@@ -8,90 +8,14 @@
 #include <cstring>
 #include <ctime>
 #include <mutex>
-#include <optional>
-#include <shared_mutex>
 
+#include "log/last_error.h"
 #include "log/utils.h"
 
 namespace talvik {
 namespace {
 
 constexpr int pathCapacity = 1024;
-
-// Registry reads and file writes change the thread's last error; a log line must not.
-class LastErrorKeeper {
-  public:
-    LastErrorKeeper() noexcept : error_(GetLastError()) {}
-    ~LastErrorKeeper() { SetLastError(error_); }
-    LastErrorKeeper(const LastErrorKeeper&) = delete;
-    LastErrorKeeper& operator=(const LastErrorKeeper&) = delete;
-
-  private:
-    DWORD error_;
-};
-
-// The registry value, asked for at every call. The key stays open between calls, so that asking is one query; a key
-// that was deleted since, and perhaps made anew, is opened again.
-class LevelSetting {
-  public:
-    ~LevelSetting() { close(); }
-
-    std::optional<DWORD> read() noexcept {
-        DWORD level = 0;
-        LSTATUS status = ERROR_KEY_DELETED;
-        try {
-            std::shared_lock reading(lock_);
-            if (key_ != nullptr) {
-                status = query(level);
-            }
-        } catch (...) {
-            return std::nullopt;
-        }
-        if (status == ERROR_KEY_DELETED) {
-            status = reopenAndQuery(level);
-        }
-        return status == ERROR_SUCCESS ? std::optional(level) : std::nullopt;
-    }
-
-  private:
-    LSTATUS query(DWORD& level) const noexcept {
-        DWORD buffer[8] = {};
-        DWORD size = sizeof buffer;
-        const LSTATUS status = RegGetValueA(key_, nullptr, "logLevel", RRF_RT_ANY, nullptr, buffer, &size);
-        level = buffer[0];
-        return status;
-    }
-
-    LSTATUS reopenAndQuery(DWORD& level) noexcept {
-        HKEY opened = nullptr;
-        const LSTATUS status =
-            RegOpenKeyExA(HKEY_LOCAL_MACHINE, "Software\\Quorvel\\Talvik", 0, KEY_QUERY_VALUE, &opened);
-        if (status != ERROR_SUCCESS) {
-            return status;
-        }
-        try {
-            std::unique_lock replacing(lock_);
-            close();
-            key_ = opened;
-            return query(level);
-        } catch (...) {
-            RegCloseKey(opened);
-            return ERROR_NOT_ENOUGH_MEMORY;
-        }
-    }
-
-    void close() noexcept {
-        if (key_ != nullptr) {
-            RegCloseKey(key_);
-            key_ = nullptr;
-        }
-    }
-
-    std::shared_mutex lock_;
-    HKEY key_ = nullptr;
-};
-
-LevelSetting levelSetting;
 
 // Serialises the lines of this process. Timed, because a thread that is ended while it writes leaves it locked, and the
 // process must still be able to log on its way out.
@@ -195,17 +119,6 @@ void appendLine(int level, const std::string& message) {
 }  // namespace
 
 namespace log_detail {
-
-bool debugIsOn() noexcept {
-    const LastErrorKeeper keeper;
-    return levelSetting.read() == std::optional<DWORD>(LOG_LEVEL_DEBUG);
-}
-
-bool errorIsOn() noexcept {
-    const LastErrorKeeper keeper;
-    const std::optional<DWORD> level = levelSetting.read();
-    return !level || *level > 1;
-}
 
 void append(std::string& text, std::string_view value) {
     for (const char character : value) {

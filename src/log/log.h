@@ -2,8 +2,8 @@
 // HKEY_LOCAL_MACHINE\Software\Quorvel\Talvik\logLevel (3: DEBUG and ERROR, 0 or 1: nothing, else ERROR).
 //
 // A message is given in parts: texts, numbers (decimal) and the wrappers below. Parts are put together only once the
-// level is known to be on, so a suppressed line costs one registry query and nothing else. Logging never fails towards
-// its caller and never changes the thread's last error.
+// level is known to be on, so a suppressed line costs the question for the level and nothing else (see level.h).
+// Logging never fails towards its caller and never changes the thread's last error.
 //
 // A literal is the provider's own text and stands as it is. Every other text may come from a caller or from the token:
 // its control characters are written as \x0A, so that no name forges a line or commands the terminal that shows it.
@@ -15,6 +15,8 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+
+#include "log/level.h"
 
 namespace talvik {
 
@@ -45,9 +47,6 @@ std::uint64_t addressNumber(const T* pointer) noexcept {
 }
 
 namespace log_detail {
-
-bool debugIsOn() noexcept;
-bool errorIsOn() noexcept;
 
 // The character fields of token records have the type of a literal too, but are longer than any.
 inline constexpr std::size_t shortestField = 128;

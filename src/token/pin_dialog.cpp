@@ -74,6 +74,12 @@ INT_PTR CALLBACK pinDialogProcedure(HWND dialog, UINT message, WPARAM wParam, LP
     }
 }
 
+INT_PTR runDialog(HWND owner, PinAnswer& answer) {
+    const ApplicationPause pause;
+    return DialogBoxParamA(moduleInstance(), MAKEINTRESOURCEA(IDD_VERIFY_USER_PIN), IsWindow(owner) ? owner : nullptr,
+                           pinDialogProcedure, reinterpret_cast<LPARAM>(&answer));
+}
+
 }  // namespace
 
 // The result alone does not tell: an owner that is gone gives 0 too, like a dialog that was closed.
@@ -82,9 +88,7 @@ void showPinDialog(HWND owner, PinAnswer& answer) {
     answer.clear();
     answer.dialogWasShown = false;
     logDebug("Password dialog show window before");
-    const INT_PTR result =
-        DialogBoxParamA(moduleInstance(), MAKEINTRESOURCEA(IDD_VERIFY_USER_PIN), IsWindow(owner) ? owner : nullptr,
-                        pinDialogProcedure, reinterpret_cast<LPARAM>(&answer));
+    const INT_PTR result = runDialog(owner, answer);
     logDebug("Password dialog show window after");
     if (result != 0 || !answer.dialogWasShown) {
         logError("Password dialog creation failed : ", static_cast<long long>(result));
@@ -96,6 +100,7 @@ SecretText getEnteredPin(const PinAnswer& answer) {
 }
 
 void showTokenMessage(const char* message) {
+    const ApplicationPause pause;
     MessageBoxA(nullptr, message, "Talvik", MB_OK);
 }
 

@@ -39,6 +39,7 @@ void serveMessages(QuitCode& quit) {
 
 // Whether the mutex is this thread's now; not when the system refuses to wait.
 bool waitServingMessages(HANDLE mutex) {
+    const ApplicationPause pause;
     QuitCode quit;
     DWORD result = WAIT_FAILED;
     do {

@@ -2,6 +2,7 @@
 set(unit_sources
   provider_test.cpp
   log_test.cpp
+  log_level_test.cpp
   key_encoding_test.cpp
   secret_bytes_test.cpp
   session_test.cpp

@@ -17,6 +17,7 @@
 namespace {
 
 thread_local DWORD lastError = 0;
+thread_local LPVOID threadSlot = nullptr;  // the only one
 
 // The program, and every other module: only their addresses matter.
 char program;
@@ -48,6 +49,24 @@ DWORD WINAPI GetLastError() {
 
 void WINAPI SetLastError(DWORD error) {
     lastError = error;
+}
+
+DWORD WINAPI TlsAlloc() {
+    return 0;
+}
+
+BOOL WINAPI TlsFree(DWORD) {
+    return TRUE;
+}
+
+LPVOID WINAPI TlsGetValue(DWORD) {
+    lastError = ERROR_SUCCESS;
+    return threadSlot;
+}
+
+BOOL WINAPI TlsSetValue(DWORD, LPVOID value) {
+    threadSlot = value;
+    return TRUE;
 }
 
 HMODULE WINAPI GetModuleHandleA(LPCSTR name) {

@@ -8,6 +8,8 @@
 #include <string>
 #include <strings.h>
 
+#include "stand_in/ticks.h"
+
 namespace {
 
 // Names are the same in either case.
@@ -99,10 +101,12 @@ LSTATUS WINAPI RegSetKeyValueA(HKEY, LPCSTR path, LPCSTR name, DWORD type, LPCVO
         key = std::make_shared<Key>();
     }
     key->values[name] = {type, std::string(static_cast<const char*>(data), size)};
+    letTheClockTick();
     return ERROR_SUCCESS;
 }
 
 LSTATUS WINAPI RegDeleteKeyValueA(HKEY, LPCSTR path, LPCSTR name) {
+    letTheClockTick();
     const std::lock_guard guard(registry().lock);
     const KeyPointer key = find(path);
     return key != nullptr &&
@@ -113,6 +117,7 @@ LSTATUS WINAPI RegDeleteKeyValueA(HKEY, LPCSTR path, LPCSTR name) {
 }
 
 LSTATUS WINAPI RegDeleteKeyA(HKEY, LPCSTR path) {
+    letTheClockTick();
     const std::lock_guard guard(registry().lock);
     const KeyPointer key = find(path);
     if (key == nullptr) {
