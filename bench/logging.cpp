@@ -31,15 +31,20 @@ void addRow(Json& rows, const char* id, const char* name, const Summary& microse
 
 // Milliseconds between two ticks of the clock.
 double clockStep() {
-    constexpr int steps = 10;
-    const ULONGLONG begin = GetTickCount64();
-    ULONGLONG last = begin;
-    for (int seen = 0; seen <= steps;) {
-        const ULONGLONG now = GetTickCount64();
-        seen += now != last ? 1 : 0;
-        last = now;
+    constexpr int steps = 20;
+    auto nextTick = [last = GetTickCount64()]() mutable {
+        ULONGLONG now = GetTickCount64();
+        while (now == last) {
+            now = GetTickCount64();
+        }
+        return last = now;
+    };
+    const ULONGLONG begin = nextTick();
+    ULONGLONG end = begin;
+    for (int step = 0; step < steps; ++step) {
+        end = nextTick();
     }
-    return static_cast<double>(last - begin) / (steps + 1);
+    return static_cast<double>(end - begin) / steps;
 }
 
 void addQuestions(Json& rows, const char* id, const char* name, double questions) {

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
+#include <cstring>
+#include <mutex>
 #include <ntsecapi.h>
 
 #include "status.h"
@@ -29,6 +31,39 @@ unsigned char hexValue(char digit) {
     require(value != std::string_view::npos, Status::InvalidArgument);
     return static_cast<unsigned char>(value);
 }
+
+void askForRandom(unsigned char* buffer, std::size_t length) {
+    constexpr std::size_t largest = 1u << 20;  // the generator takes a 32-bit length
+    for (std::size_t done = 0; done < length;) {
+        const std::size_t part = std::min(largest, length - done);
+        require(RtlGenRandom(buffer + done, static_cast<ULONG>(part)) != FALSE, Status::InternalError);
+        done += part;
+    }
+}
+
+// Random bytes for small draws, each given out once and wiped here: asking the system costs tens of microseconds under
+// Wine, however little is asked for.
+class RandomReserve {
+  public:
+    static constexpr std::size_t largestDraw = 1024;
+
+    void draw(unsigned char* buffer, std::size_t length) {
+        const std::lock_guard guard(lock_);
+        if (left_ < length) {
+            left_ = 0;
+            askForRandom(bytes_.data(), bytes_.size());
+            left_ = bytes_.size();
+        }
+        left_ -= length;
+        std::memcpy(buffer, bytes_.data() + left_, length);
+        SecureZeroMemory(bytes_.data() + left_, length);
+    }
+
+  private:
+    std::mutex lock_;
+    std::array<unsigned char, 8 * largestDraw> bytes_;
+    std::size_t left_ = 0;
+};
 
 }  // namespace
 
@@ -100,11 +135,11 @@ Bytes fromBase64(std::string_view text) {
 }
 
 void fillRandom(unsigned char* buffer, std::size_t length) {
-    constexpr std::size_t largest = 1u << 20;  // the generator takes a 32-bit length
-    for (std::size_t done = 0; done < length;) {
-        const std::size_t part = std::min(largest, length - done);
-        require(RtlGenRandom(buffer + done, static_cast<ULONG>(part)) != FALSE, Status::InternalError);
-        done += part;
+    static RandomReserve reserve;
+    if (length <= RandomReserve::largestDraw) {
+        reserve.draw(buffer, length);
+    } else {
+        askForRandom(buffer, length);
     }
 }
 

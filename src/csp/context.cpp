@@ -8,6 +8,7 @@
 #include "log/log.h"
 #include "token/device_library.h"
 #include "token/device_monitor.h"
+#include "token/key_pair_list.h"
 #include "token/session.h"
 #include "token/token_records.h"
 
@@ -33,7 +34,7 @@ std::string requestedName(LPCSTR pszContainer) {
 }
 
 void listContainers(CspContext& context) {
-    const std::vector<TalvikKeyPair> keys = talvik_getKeyPairList(context.deviceId.c_str(), context.reserved);
+    const KeyPairList keys(context.deviceId, context.reserved);
     if (keys.empty()) {
         logDebug("Acquire Context :: Key List is empty");
     }

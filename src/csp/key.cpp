@@ -10,6 +10,7 @@
 #include "csp/entry_points.h"
 #include "csp/outcome.h"
 #include "log/log.h"
+#include "token/key_pair_list.h"
 #include "token/pin_login.h"
 #include "token/session.h"
 #include "token/shared_state.h"
@@ -110,8 +111,7 @@ std::uint32_t algIdFor(const TalvikKeyPair& record, DWORD keySpec) {
     return 0;
 }
 
-void takeUserKey(KEY_HANDLE& key, const std::vector<TalvikKeyPair>& records, const std::string& containerName,
-                 DWORD keySpec) {
+void takeUserKey(KEY_HANDLE& key, const KeyPairList& records, const std::string& containerName, DWORD keySpec) {
     for (const TalvikKeyPair& record : records) {
         if (!containerName.empty() && !hasContainerName(record, containerName)) {
             continue;
@@ -136,7 +136,7 @@ Outcome getUserKey(HCRYPTPROV hProv, DWORD dwKeySpec, HCRYPTKEY* phUserKey) {
         return fail(NTE_BAD_UID, "CPGetUserKey: context is not initialized");
     }
     logDebug("CPGetUserKey -> dwKeySpec : ", dwKeySpec);
-    const std::vector<TalvikKeyPair> records = talvik_getKeyPairList(context->deviceId.c_str(), context->reserved);
+    const KeyPairList records(context->deviceId, context->reserved);
     if (records.empty()) {
         return fail(NTE_NO_KEY, "CPGetUserKey: key list is empty");
     }

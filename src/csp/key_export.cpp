@@ -9,6 +9,7 @@
 #include "csp/key.h"
 #include "csp/outcome.h"
 #include "log/log.h"
+#include "token/key_pair_list.h"
 #include "token/token_records.h"
 
 namespace talvik::csp {
@@ -32,7 +33,7 @@ void writePublicKeyBlob(ByteView modulus, std::uint32_t algId, BYTE* blob) {
 }
 
 Outcome ExportPublicKeyComponents(const CspContext& context, const KEY_HANDLE& key, BYTE* pbData, DWORD* pdwDataLen) {
-    const std::vector<TalvikKeyPair> records = talvik_getKeyPairList(context.deviceId.c_str(), context.reserved);
+    const KeyPairList records(context.deviceId, context.reserved);
     if (records.empty()) {
         return fail(NTE_BAD_KEY, "ExportPublicKeyComponents: key list is empty");
     }

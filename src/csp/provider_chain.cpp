@@ -4,6 +4,7 @@
 #include "csp/certificate_chain.h"
 #include "csp/provider_params.h"
 #include "log/log.h"
+#include "token/key_pair_list.h"
 #include "token/token_records.h"
 
 namespace talvik::csp {
@@ -20,7 +21,7 @@ Bytes certifiedModulus(const TalvikCertificate& certificate) {
 }
 
 // The chain of every key pair that a certificate on the token belongs to; of several certificates the last one counts.
-ChainsByContainer chainsOfToken(const std::vector<TalvikKeyPair>& keys, TokenCertificates& certificates) {
+ChainsByContainer chainsOfToken(const KeyPairList& keys, TokenCertificates& certificates) {
     ChainsByContainer chains;
     for (std::size_t i = 0; i < certificates.size(); ++i) {
         const Bytes modulus = certifiedModulus(certificates.record(i));
@@ -41,7 +42,7 @@ ChainsByContainer chainsOfToken(const std::vector<TalvikKeyPair>& keys, TokenCer
 }  // namespace
 
 Outcome getCertificateChain(const CspContext& context, ProviderOutput out) {
-    const std::vector<TalvikKeyPair> keys = talvik_getKeyPairList(context.deviceId.c_str(), context.reserved);
+    const KeyPairList keys(context.deviceId, context.reserved);
     TokenCertificates certificates(talvik_getCertificateList(context.deviceId.c_str(), context.reserved));
     const ChainsByContainer chains = chainsOfToken(keys, certificates);
     const auto chain = chains.find(context.containerName);

@@ -7,6 +7,7 @@
 
 #include "csp/entry_points.h"
 #include "log/log.h"
+#include "token/key_pair_list.h"
 #include "token/secret_text.h"
 #include "token/session.h"
 #include "token/shared_state.h"
@@ -97,7 +98,7 @@ Outcome keySpec(const CspContext& context, ProviderOutput out) {
         logDebug("CPGetProvParam PP_KEYSPEC: no container, returning supported specs");
         return word(AT_KEYEXCHANGE | AT_SIGNATURE, out);
     }
-    const std::vector<TalvikKeyPair> keys = talvik_getKeyPairList(context.deviceId.c_str(), context.reserved);
+    const KeyPairList keys(context.deviceId, context.reserved);
     const auto key = std::find_if(keys.begin(), keys.end(), [&](const TalvikKeyPair& candidate) {
         return hasContainerName(candidate, context.containerName);
     });

@@ -10,6 +10,7 @@
 #include "csp/key.h"
 #include "csp/outcome.h"
 #include "log/log.h"
+#include "token/key_pair_list.h"
 #include "token/pin_login.h"
 #include "token/public_key.h"
 #include "token/session.h"
@@ -41,7 +42,7 @@ void takeSignKey(HASH_CONTEXT& hash, const TalvikKeyPair& key) {
 
 // The container's key that can sign. When the container's own keys cannot, the last key of the whole token that can:
 // applications rely on signing with a container that holds only an exchange key.
-void resolveSignKey(HASH_CONTEXT& hash, const std::vector<TalvikKeyPair>& keys, const std::string& containerName) {
+void resolveSignKey(HASH_CONTEXT& hash, const KeyPairList& keys, const std::string& containerName) {
     bool nameMatched = false;
     for (const TalvikKeyPair& key : keys) {
         if (!containerName.empty() && !hasContainerName(key, containerName)) {
@@ -109,7 +110,7 @@ Outcome signHash(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD dwFlags, BYTE* pbSign
         }
     }
     if (hash.signKeyIdLen != sizeof hash.signKeyId) {
-        const std::vector<TalvikKeyPair> keys = talvik_getKeyPairList(context->deviceId.c_str(), context->reserved);
+        const KeyPairList keys(context->deviceId, context->reserved);
         hash.signKeyIdLen = 0;
         resolveSignKey(hash, keys, context->containerName);
         if (hash.signKeyIdLen == 0) {
@@ -162,7 +163,7 @@ Bytes publicKeyFromHandle(const KEY_HANDLE& key) {
 Bytes publicKeyFromToken(const CspContext& context) {
     logError("Key Handle Not Initialized or Public Key Length is zero");
     logDebug("Container name : ", context.containerName);
-    const std::vector<TalvikKeyPair> keys = talvik_getKeyPairList(context.deviceId.c_str(), context.reserved);
+    const KeyPairList keys(context.deviceId, context.reserved);
     for (const TalvikKeyPair& key : keys) {
         if (canSign(key) && (context.containerName.empty() || hasContainerName(key, context.containerName))) {
             return derOfModulus(talvik::publicKeyOf(key));

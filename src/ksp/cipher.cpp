@@ -1,4 +1,6 @@
 // KSPEncrypt and KSPDecrypt.
+#include <functional>
+#include <optional>
 #include <string>
 
 #include "ksp/algorithms.h"
@@ -118,25 +120,53 @@ SECURITY_STATUS decryptRsa(const BoundToken& token, const KspKey& key, ByteView 
     return answered;
 }
 
+// Where the token writes a plaintext of unknown length, at most as long as the ciphertext: into the caller's buffer
+// where that has the room and holds no part of the ciphertext, else into one of its own, which the caller gets what
+// fits of. A decryption that fails leaves no plaintext behind, and the ciphertext as it was.
+class Plaintext {
+  public:
+    Plaintext(ByteView ciphertext, Output out) : size_(ciphertext.size()) {
+        if (out.room < size_ || out.isSizeQuery() || overlap(ciphertext, {out.buffer, size_})) {
+            own_.emplace(size_);
+        }
+        bytes_ = own_ ? own_->data() : out.buffer;
+    }
+
+    unsigned char* data() const noexcept { return bytes_; }
+    ByteView first(int length) const noexcept { return {bytes_, static_cast<std::size_t>(length)}; }
+    void discard() const noexcept { SecureZeroMemory(bytes_, size_); }
+
+  private:
+    static bool overlap(ByteView left, ByteView right) noexcept {
+        constexpr std::less<> before;  // of addresses in different objects
+        return before(left.data(), right.data() + right.size()) && before(right.data(), left.data() + left.size());
+    }
+
+    std::size_t size_;
+    std::optional<SecretBytes> own_;
+    unsigned char* bytes_;
+};
+
 SECURITY_STATUS decryptAes(const BoundToken& token, const KspKey& key, ByteView input, Output out) {
     const IvSnapshot iv = ivFor(key);
     const ByteView keyBytes = symmetricKeyOf(key);
     logDebug("KSP: Symmetric decrypt ", key.useEcb != 0 ? "ECB" : "CBC", " mode");
     logDebug("KSP: Decrypt input iv : ", HexBytes{iv.data(), iv.length()});
     logDebug("KSP: Decrypt input key : ", HexBytes{keyBytes.data(), lengthOf(keyBytes)});
-    SecretBytes plaintext(input.size());
+    const Plaintext plaintext(input, out);
     int length = lengthOf(input);
     const int status =
         talvik_decryptSymetric(token.deviceId.c_str(), input.data(), lengthOf(input), plaintext.data(), &length,
                                iv.data(), iv.length(), keyBytes.data(), lengthOf(keyBytes), token.libraryContext);
     if (status != TALVIK_STATUS_OK || length < 0 || length > lengthOf(input)) {
+        plaintext.discard();
         return fail(NTE_INTERNAL_ERROR, "KSP: Symmetric decryption failed: ", status);
     }
     if (out.isSizeQuery()) {
         logDebug("pbOutput == NULL ");
     }
-    const SECURITY_STATUS answered = answer(plaintext.first(static_cast<std::size_t>(length)), out,
-                                            "KSPDecrypt: symmetric output buffer too small, required=");
+    const SECURITY_STATUS answered =
+        answer(plaintext.first(length), out, "KSPDecrypt: symmetric output buffer too small, required=");
     if (answered == ERROR_SUCCESS && !out.isSizeQuery()) {
         logDebug("KSP: Symmetric decrypt success, length: ", *out.size);
     }

@@ -14,6 +14,7 @@
 #include "ksp/entry_points.h"
 #include "ksp/provider.h"
 #include "log/log.h"
+#include "token/key_pair_list.h"
 #include "token/session.h"
 
 namespace talvik::ksp {
@@ -44,7 +45,7 @@ std::shared_ptr<const BoundToken> bindToKey(KspProvider& provider, const std::ws
 }
 
 // Whether a key's hex name is `name`; the walk up to it goes to the log.
-bool listsKeyNamed(const std::vector<TalvikKeyPair>& records, std::string_view name) {
+bool listsKeyNamed(const KeyPairList& records, std::string_view name) {
     return std::any_of(records.begin(), records.end(), [=](const TalvikKeyPair& record) {
         logDebug("KSP: Available key: ", HexBytes{record.keyId, sizeof record.keyId});
         return hasContainerName(record, name);
@@ -62,7 +63,7 @@ SECURITY_STATUS openKey(KspProvider& provider, NCRYPT_KEY_HANDLE* phKey, LPCWSTR
     if (auto bound = bindToKey(provider, keyName)) {
         token = std::move(bound);
     }
-    const std::vector<TalvikKeyPair> records = talvik_getKeyPairList(token->deviceId.c_str(), token->libraryContext);
+    const KeyPairList records(token->deviceId, token->libraryContext);
     if (records.empty()) {
         return fail(NTE_NO_KEY, "KSP: No keys found on token");
     }
@@ -171,7 +172,7 @@ struct KspKeyEnumState {
 
 // Null when there is no memory for it.
 KspKeyEnumState* beginEnumeration(const BoundToken& token) {
-    const std::vector<TalvikKeyPair> records = talvik_getKeyPairList(token.deviceId.c_str(), token.libraryContext);
+    const KeyPairList records(token.deviceId, token.libraryContext);
     const std::size_t size = sizeof(KspKeyEnumState) + records.size() * sizeof(TalvikKeyPair);
     auto* const state = static_cast<KspKeyEnumState*>(std::malloc(size));
     if (state != nullptr) {

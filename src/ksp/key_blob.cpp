@@ -17,6 +17,7 @@
 #include "ksp/rsa.h"
 #include "log/log.h"
 #include "token/aes_import.h"
+#include "token/key_pair_list.h"
 #include "token/session.h"
 
 namespace talvik::ksp {
@@ -253,7 +254,7 @@ SECURITY_STATUS importKey(LPCWSTR pszBlobType, const Import& import) {
 
 // What the token says of a key whose handle carries no public key.
 void fetchPublicKey(const BoundToken& token, KspKey& key) {
-    const std::vector<TalvikKeyPair> records = talvik_getKeyPairList(token.deviceId.c_str(), token.libraryContext);
+    const KeyPairList records(token.deviceId, token.libraryContext);
     const auto found = std::find_if(records.begin(), records.end(),
                                     [&](const TalvikKeyPair& record) { return equalBytes(record.keyId, key.keyId); });
     if (found != records.end()) {

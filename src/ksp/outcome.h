@@ -53,7 +53,7 @@ inline SECURITY_STATUS answerSize(DWORD size, Output out) noexcept {
 }
 
 // The size rule: reports the value's size; a null buffer is a size query, a short one fails after the parts of its text
-// were logged, if there are any.
+// were logged, if there are any. A value may stand in the buffer already.
 template <class... Parts>
 SECURITY_STATUS answer(ByteView value, Output out, const Parts&... tooSmall) noexcept {
     *out.size = static_cast<DWORD>(value.size());
@@ -66,7 +66,7 @@ SECURITY_STATUS answer(ByteView value, Output out, const Parts&... tooSmall) noe
         }
         return NTE_BUFFER_TOO_SMALL;
     }
-    if (!value.empty()) {
+    if (!value.empty() && value.data() != out.buffer) {
         std::memcpy(out.buffer, value.data(), value.size());
     }
     return ERROR_SUCCESS;

@@ -7,6 +7,7 @@
 #include "log/log.h"
 #include "token/device_library.h"
 #include "token/key_encoding.h"
+#include "token/key_pair_list.h"
 #include "token/token_records.h"
 
 namespace talvik {
@@ -79,7 +80,7 @@ std::string resolveDevice(bool nameIsEmpty, Matches matches) {
         return devices.front();
     }
     for (const std::string& deviceId : devices) {
-        const std::vector<TalvikKeyPair> keys = talvik_getKeyPairList(deviceId.c_str(), nullptr);
+        const KeyPairList keys(deviceId, nullptr);
         for (const TalvikKeyPair& key : keys) {
             if (matches(key)) {
                 return deviceId;
