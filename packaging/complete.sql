@@ -2,8 +2,21 @@
 DELETE FROM `Upgrade` WHERE `ActionProperty` = 'WIX_UPGRADE_DETECTED'
 INSERT INTO `Upgrade` (`UpgradeCode`, `VersionMax`, `Attributes`, `ActionProperty`) VALUES ('{0D6F2B3C-5B0E-4E55-8D7C-2F1B8C1E9A40}', '@VERSION@', 513, 'WIX_UPGRADE_DETECTED')
 
--- The older version goes within the transaction: should the new one fail, the older one comes back.
-UPDATE `InstallExecuteSequence` SET `Sequence` = 1510 WHERE `Action` = 'RemoveExistingProducts'
+-- The older version goes last, when the new one is in its place: should the new one fail, the older one was never away.
+-- What both have in common stays; files are replaced also by others of the same version (e).
+INSERT INTO `InstallExecuteSequence` (`Action`, `Sequence`) VALUES ('InstallExecute', 6500)
+UPDATE `InstallExecuteSequence` SET `Sequence` = 6550 WHERE `Action` = 'RemoveExistingProducts'
+INSERT INTO `Property` (`Property`, `Value`) VALUES ('REINSTALLMODE', 'emus')
+
+-- Not every platform migrates the choice of features: what the older version has is looked for by its components.
+CREATE TABLE `CompLocator` (`Signature_` CHAR(72) NOT NULL, `ComponentId` CHAR(38) NOT NULL, `Type` INT PRIMARY KEY `Signature_`)
+INSERT INTO `CompLocator` (`Signature_`, `ComponentId`, `Type`) VALUES ('InstalledTool', '{0D6F2B3C-5B0E-4E55-8D7C-2F1B8C1E9A43}', 1)
+INSERT INTO `CompLocator` (`Signature_`, `ComponentId`, `Type`) VALUES ('InstalledVirtualToken', '{0D6F2B3C-5B0E-4E55-8D7C-2F1B8C1E9A42}', 1)
+INSERT INTO `Signature` (`Signature`, `FileName`) VALUES ('InstalledTool', 'talvik.exe')
+INSERT INTO `Signature` (`Signature`, `FileName`) VALUES ('InstalledVirtualToken', 'TalvikDSCLibrary.dll')
+CREATE TABLE `Condition` (`Feature_` CHAR(38) NOT NULL, `Level` INT NOT NULL, `Condition` CHAR(255) PRIMARY KEY `Feature_`, `Level`)
+INSERT INTO `Condition` (`Feature_`, `Level`, `Condition`) VALUES ('Tools', 1, 'WIX_UPGRADE_DETECTED AND INSTALLEDTOOL')
+INSERT INTO `Condition` (`Feature_`, `Level`, `Condition`) VALUES ('VirtualToken', 1, 'WIX_UPGRADE_DETECTED AND INSTALLEDVIRTUALTOKEN')
 
 -- Without versions, a file that is already there would count as newer than ours.
 UPDATE `File` SET `Version` = '@TalvikCSP.dll@' WHERE `File` = 'TalvikCSP.dll'
@@ -15,6 +28,8 @@ CREATE TABLE `DrLocator` (`Signature_` CHAR(72) NOT NULL, `Parent` CHAR(72), `Pa
 INSERT INTO `Signature` (`Signature`, `FileName`) VALUES ('DeviceLibrary', 'TalvikDSCLibrary.dll')
 INSERT INTO `DrLocator` (`Signature_`, `Path`, `Depth`) VALUES ('DeviceLibrary', '[System64Folder]', 0)
 INSERT INTO `AppSearch` (`Property`, `Signature_`) VALUES ('DEVICELIBRARY', 'DeviceLibrary')
+INSERT INTO `AppSearch` (`Property`, `Signature_`) VALUES ('INSTALLEDTOOL', 'InstalledTool')
+INSERT INTO `AppSearch` (`Property`, `Signature_`) VALUES ('INSTALLEDVIRTUALTOKEN', 'InstalledVirtualToken')
 UPDATE `Property` SET `Value` = 'WIX_DOWNGRADE_DETECTED;WIX_UPGRADE_DETECTED;DEVICELIBRARY' WHERE `Property` = 'SecureCustomProperties'
 INSERT INTO `InstallExecuteSequence` (`Action`, `Sequence`) VALUES ('AppSearch', 50)
 
@@ -30,9 +45,9 @@ INSERT INTO `CustomAction` (`Action`, `Type`, `Source`, `Target`) VALUES ('Regis
 INSERT INTO `CustomAction` (`Action`, `Type`, `Source`, `Target`) VALUES ('RollbackRegister', 3426, 'System64Folder', '"[System64Folder]regsvr32.exe" /s /u "[System64Folder]TalvikCSP.dll"')
 INSERT INTO `CustomAction` (`Action`, `Type`, `Source`, `Target`) VALUES ('Unregister', 3170, 'System64Folder', '"[System64Folder]regsvr32.exe" /s /u "[System64Folder]TalvikCSP.dll"')
 INSERT INTO `CustomAction` (`Action`, `Type`, `Source`, `Target`) VALUES ('RollbackUnregister', 3426, 'System64Folder', '"[System64Folder]regsvr32.exe" /s "[System64Folder]TalvikCSP.dll"')
-INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('RollbackUnregister', '&Provider=2', 2190)
-INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('Unregister', '&Provider=2', 2200)
-INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('RollbackRegister', '&Provider=3 AND NOT Installed', 5590)
+INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('RollbackUnregister', '&Provider=2 AND NOT UPGRADINGPRODUCTCODE', 2190)
+INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('Unregister', '&Provider=2 AND NOT UPGRADINGPRODUCTCODE', 2200)
+INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('RollbackRegister', '&Provider=3 AND NOT Installed AND NOT WIX_UPGRADE_DETECTED', 5590)
 INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('Register', '&Provider=3', 5600)
 
 -- A provider whose device library is gone can no longer unregister itself: its entry goes all the same.
@@ -41,6 +56,16 @@ INSERT INTO `Registry` (`Registry`, `Root`, `Key`, `Name`, `Component_`) VALUES 
 -- wixl takes the mark of a binary value for text.
 UPDATE `Registry` SET `Value` = '#x00000000' WHERE `Name` = 'Signature'
 
--- The maker's folder goes with the tool, if nothing else is in it.
-INSERT INTO `RemoveFile` (`FileKey`, `Component_`, `DirProperty`, `InstallMode`) VALUES ('TalvikFolder', 'Tool', 'TalvikFolder', 2)
-INSERT INTO `RemoveFile` (`FileKey`, `Component_`, `DirProperty`, `InstallMode`) VALUES ('QuorvelFolder', 'Tool', 'QuorvelFolder', 2)
+-- The maker's folder goes with the last that is in it.
+INSERT INTO `CreateFolder` (`Directory_`, `Component_`) VALUES ('DocumentsFolder', 'Documents')
+INSERT INTO `CreateFolder` (`Directory_`, `Component_`) VALUES ('TalvikFolder', 'Documents')
+INSERT INTO `CreateFolder` (`Directory_`, `Component_`) VALUES ('QuorvelFolder', 'Documents')
+INSERT INTO `InstallExecuteSequence` (`Action`, `Sequence`) VALUES ('RemoveFolders', 3600)
+INSERT INTO `InstallExecuteSequence` (`Action`, `Sequence`) VALUES ('CreateFolders', 3700)
+
+-- The tool is found by its name, in sessions that begin afterwards: appended (~) to the system's (*) PATH, taken away (-)
+-- with the tool.
+CREATE TABLE `Environment` (`Environment` CHAR(72) NOT NULL, `Name` CHAR(255) NOT NULL LOCALIZABLE, `Value` CHAR(255) LOCALIZABLE, `Component_` CHAR(72) NOT NULL PRIMARY KEY `Environment`)
+INSERT INTO `Environment` (`Environment`, `Name`, `Value`, `Component_`) VALUES ('Path', '=-*PATH', '[~];[TalvikFolder]', 'Tool')
+INSERT INTO `InstallExecuteSequence` (`Action`, `Sequence`) VALUES ('RemoveEnvironmentStrings', 3300)
+INSERT INTO `InstallExecuteSequence` (`Action`, `Sequence`) VALUES ('WriteEnvironmentStrings', 5200)
