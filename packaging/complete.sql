@@ -10,8 +10,10 @@ INSERT INTO `Property` (`Property`, `Value`) VALUES ('REINSTALLMODE', 'emus')
 
 -- Not every platform migrates the choice of features: what the older version has is looked for by its components.
 CREATE TABLE `CompLocator` (`Signature_` CHAR(72) NOT NULL, `ComponentId` CHAR(38) NOT NULL, `Type` INT PRIMARY KEY `Signature_`)
+INSERT INTO `CompLocator` (`Signature_`, `ComponentId`, `Type`) VALUES ('InstalledProvider', '{0D6F2B3C-5B0E-4E55-8D7C-2F1B8C1E9A41}', 1)
 INSERT INTO `CompLocator` (`Signature_`, `ComponentId`, `Type`) VALUES ('InstalledTool', '{0D6F2B3C-5B0E-4E55-8D7C-2F1B8C1E9A43}', 1)
 INSERT INTO `CompLocator` (`Signature_`, `ComponentId`, `Type`) VALUES ('InstalledVirtualToken', '{0D6F2B3C-5B0E-4E55-8D7C-2F1B8C1E9A42}', 1)
+INSERT INTO `Signature` (`Signature`, `FileName`) VALUES ('InstalledProvider', 'TalvikCSP.dll')
 INSERT INTO `Signature` (`Signature`, `FileName`) VALUES ('InstalledTool', 'talvik.exe')
 INSERT INTO `Signature` (`Signature`, `FileName`) VALUES ('InstalledVirtualToken', 'TalvikDSCLibrary.dll')
 CREATE TABLE `Condition` (`Feature_` CHAR(38) NOT NULL, `Level` INT NOT NULL, `Condition` CHAR(255) PRIMARY KEY `Feature_`, `Level`)
@@ -28,6 +30,7 @@ CREATE TABLE `DrLocator` (`Signature_` CHAR(72) NOT NULL, `Parent` CHAR(72), `Pa
 INSERT INTO `Signature` (`Signature`, `FileName`) VALUES ('DeviceLibrary', 'TalvikDSCLibrary.dll')
 INSERT INTO `DrLocator` (`Signature_`, `Path`, `Depth`) VALUES ('DeviceLibrary', '[System64Folder]', 0)
 INSERT INTO `AppSearch` (`Property`, `Signature_`) VALUES ('DEVICELIBRARY', 'DeviceLibrary')
+INSERT INTO `AppSearch` (`Property`, `Signature_`) VALUES ('INSTALLEDPROVIDER', 'InstalledProvider')
 INSERT INTO `AppSearch` (`Property`, `Signature_`) VALUES ('INSTALLEDTOOL', 'InstalledTool')
 INSERT INTO `AppSearch` (`Property`, `Signature_`) VALUES ('INSTALLEDVIRTUALTOKEN', 'InstalledVirtualToken')
 UPDATE `Property` SET `Value` = 'WIX_DOWNGRADE_DETECTED;WIX_UPGRADE_DETECTED;DEVICELIBRARY' WHERE `Property` = 'SecureCustomProperties'
@@ -49,6 +52,13 @@ INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES 
 INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('Unregister', '&Provider=2 AND NOT UPGRADINGPRODUCTCODE', 2200)
 INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('RollbackRegister', '&Provider=3 AND NOT Installed AND NOT WIX_UPGRADE_DETECTED', 5590)
 INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('Register', '&Provider=3', 5600)
+
+-- An update: whether the system takes the registration is tried with the older version, before anything is changed, since
+-- not every platform brings replaced files back; and the older version's removal may have taken it away.
+INSERT INTO `CustomAction` (`Action`, `Type`, `Source`, `Target`) VALUES ('TryRegistration', 3106, 'System64Folder', '"[System64Folder]regsvr32.exe" /s "[System64Folder]TalvikCSP.dll"')
+INSERT INTO `CustomAction` (`Action`, `Type`, `Source`, `Target`) VALUES ('RegisterAgain', 3106, 'System64Folder', '"[System64Folder]regsvr32.exe" /s "[System64Folder]TalvikCSP.dll"')
+INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('TryRegistration', '&Provider=3 AND WIX_UPGRADE_DETECTED AND INSTALLEDPROVIDER AND DEVICELIBRARY', 1510)
+INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('RegisterAgain', '&Provider=3 AND WIX_UPGRADE_DETECTED', 6560)
 
 -- A provider whose device library is gone can no longer unregister itself: its entry goes all the same.
 INSERT INTO `Registry` (`Registry`, `Root`, `Key`, `Name`, `Component_`) VALUES ('CngEntry', 2, 'SYSTEM\CurrentControlSet\Control\Cryptography\Providers\Talvik Cryptographic Provider CSP', '-', 'Provider')
