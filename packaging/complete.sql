@@ -2,11 +2,14 @@
 DELETE FROM `Upgrade` WHERE `ActionProperty` = 'WIX_UPGRADE_DETECTED'
 INSERT INTO `Upgrade` (`UpgradeCode`, `VersionMax`, `Attributes`, `ActionProperty`) VALUES ('{0D6F2B3C-5B0E-4E55-8D7C-2F1B8C1E9A40}', '@VERSION@', 513, 'WIX_UPGRADE_DETECTED')
 
--- The older version goes last, when the new one is in its place: should the new one fail, the older one was never away.
--- What both have in common stays; files are replaced also by others of the same version (e).
-INSERT INTO `InstallExecuteSequence` (`Action`, `Sequence`) VALUES ('InstallExecute', 6500)
-UPDATE `InstallExecuteSequence` SET `Sequence` = 6550 WHERE `Action` = 'RemoveExistingProducts'
-INSERT INTO `Property` (`Property`, `Value`) VALUES ('REINSTALLMODE', 'emus')
+-- The older version goes within the transaction: should the new one fail, the older one comes back. Not every platform does
+-- that; so what can fail, the registration with CNG, is tried with the older version first, before anything is changed.
+INSERT INTO `CustomAction` (`Action`, `Type`, `Source`, `Target`) VALUES ('RestoreRegistration', 3426, 'System64Folder', '"[System64Folder]regsvr32.exe" /s "[System64Folder]TalvikCSP.dll"')
+INSERT INTO `CustomAction` (`Action`, `Type`, `Source`, `Target`) VALUES ('TryRegistration', 3106, 'System64Folder', '"[System64Folder]regsvr32.exe" /s "[System64Folder]TalvikCSP.dll"')
+INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('RestoreRegistration', '&Provider=3 AND WIX_UPGRADE_DETECTED AND INSTALLEDPROVIDER AND DEVICELIBRARY', 1510)
+INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('TryRegistration', '&Provider=3 AND WIX_UPGRADE_DETECTED AND INSTALLEDPROVIDER AND DEVICELIBRARY', 1520)
+INSERT INTO `InstallExecuteSequence` (`Action`, `Sequence`) VALUES ('InstallExecute', 1530)
+UPDATE `InstallExecuteSequence` SET `Sequence` = 1540 WHERE `Action` = 'RemoveExistingProducts'
 
 -- Not every platform migrates the choice of features: what the older version has is looked for by its components.
 CREATE TABLE `CompLocator` (`Signature_` CHAR(72) NOT NULL, `ComponentId` CHAR(38) NOT NULL, `Type` INT PRIMARY KEY `Signature_`)
@@ -42,23 +45,19 @@ INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES 
 INSERT INTO `CustomAction` (`Action`, `Type`, `Target`) VALUES ('OtherDeviceLibrary', 19, 'The system folder holds a TalvikDSCLibrary.dll already: [DEVICELIBRARY]. The virtual token does not replace it. Nothing was changed.')
 INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('OtherDeviceLibrary', '&VirtualToken=3 AND NOT !VirtualToken=3 AND DEVICELIBRARY AND NOT WIX_UPGRADE_DETECTED', 1220)
 
+INSERT INTO `CustomAction` (`Action`, `Type`, `Target`) VALUES ('LastDeviceLibrary', 19, 'The update would take away the virtual token, the only TalvikDSCLibrary.dll in the system folder. Keep it with ADDLOCAL=Provider,VirtualToken, or remove the installed version and install the software of the token first. Nothing was changed.')
+INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('LastDeviceLibrary', '&Provider=3 AND NOT &VirtualToken=3 AND WIX_UPGRADE_DETECTED AND INSTALLEDVIRTUALTOKEN', 1215)
+
 -- CNG: the provider registers itself, and is registered anew when an uninstallation is rolled back. 34: a command line,
 -- +1024 deferred, +2048 with the installer's rights, +256 on rollback, +64 whatever it answers.
 INSERT INTO `CustomAction` (`Action`, `Type`, `Source`, `Target`) VALUES ('Register', 3106, 'System64Folder', '"[System64Folder]regsvr32.exe" /s "[System64Folder]TalvikCSP.dll"')
 INSERT INTO `CustomAction` (`Action`, `Type`, `Source`, `Target`) VALUES ('RollbackRegister', 3426, 'System64Folder', '"[System64Folder]regsvr32.exe" /s /u "[System64Folder]TalvikCSP.dll"')
 INSERT INTO `CustomAction` (`Action`, `Type`, `Source`, `Target`) VALUES ('Unregister', 3170, 'System64Folder', '"[System64Folder]regsvr32.exe" /s /u "[System64Folder]TalvikCSP.dll"')
 INSERT INTO `CustomAction` (`Action`, `Type`, `Source`, `Target`) VALUES ('RollbackUnregister', 3426, 'System64Folder', '"[System64Folder]regsvr32.exe" /s "[System64Folder]TalvikCSP.dll"')
-INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('RollbackUnregister', '&Provider=2 AND NOT UPGRADINGPRODUCTCODE', 2190)
-INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('Unregister', '&Provider=2 AND NOT UPGRADINGPRODUCTCODE', 2200)
-INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('RollbackRegister', '&Provider=3 AND NOT Installed AND NOT WIX_UPGRADE_DETECTED', 5590)
-INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('Register', '&Provider=3', 5600)
-
--- An update: whether the system takes the registration is tried with the older version, before anything is changed, since
--- not every platform brings replaced files back; and the older version's removal may have taken it away.
-INSERT INTO `CustomAction` (`Action`, `Type`, `Source`, `Target`) VALUES ('TryRegistration', 3106, 'System64Folder', '"[System64Folder]regsvr32.exe" /s "[System64Folder]TalvikCSP.dll"')
-INSERT INTO `CustomAction` (`Action`, `Type`, `Source`, `Target`) VALUES ('RegisterAgain', 3106, 'System64Folder', '"[System64Folder]regsvr32.exe" /s "[System64Folder]TalvikCSP.dll"')
-INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('TryRegistration', '&Provider=3 AND WIX_UPGRADE_DETECTED AND INSTALLEDPROVIDER AND DEVICELIBRARY', 1510)
-INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('RegisterAgain', '&Provider=3 AND WIX_UPGRADE_DETECTED', 6560)
+INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('RollbackUnregister', '&Provider=2', 2190)
+INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('Unregister', '&Provider=2', 2200)
+INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('RollbackRegister', '&Provider=3 AND NOT Installed', 5590)
+INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('Register', '&Provider=3 OR REINSTALL', 5600)
 
 -- A provider whose device library is gone can no longer unregister itself: its entry goes all the same.
 INSERT INTO `Registry` (`Registry`, `Root`, `Key`, `Name`, `Component_`) VALUES ('CngEntry', 2, 'SYSTEM\CurrentControlSet\Control\Cryptography\Providers\Talvik Cryptographic Provider CSP', '-', 'Provider')

@@ -1,5 +1,5 @@
-// Signs a SHA-256 digest with a key of the token, through CNG: sign_cng KEY [PIN]. KEY is a key's name as `talvik doctor`
-// shows it. Without a PIN the provider asks in its own dialog.
+// Signs a SHA-256 digest with a key of the token, through CNG: sign_cng KEY [PIN]. KEY is a key's name as `talvik
+// doctor` shows it. Without a PIN the provider asks in its own dialog.
 #include <windows.h>
 
 #include <bcrypt.h>
@@ -25,7 +25,8 @@ int main(int argc, char** argv) {
         status = NCryptOpenKey(token, &key, std::wstring(name.begin(), name.end()).c_str(), 0, 0);
     }
     if (status == ERROR_SUCCESS) {  // PSS with a salt of 32 bytes, whatever the padding information would say
-        status = NCryptSignHash(key, nullptr, digest, sizeof digest, signature, sizeof signature, &size, BCRYPT_PAD_PSS);
+        status =
+            NCryptSignHash(key, nullptr, digest, sizeof digest, signature, sizeof signature, &size, BCRYPT_PAD_PSS);
     }
     if (status != ERROR_SUCCESS) {
         std::fprintf(stderr, "refused: 0x%08lX\n", static_cast<unsigned long>(status));
