@@ -1,6 +1,5 @@
 #include "level_query.h"
 
-#include <atomic>
 #include <cstring>
 
 #include "provider.h"
@@ -10,7 +9,7 @@ namespace {
 
 using GetValue = decltype(&RegGetValueA);
 
-std::atomic<long> answeredCount{0};
+thread_local long answeredCount = 0;
 GetValue* importedGetValue = nullptr;
 GetValue systemGetValue = nullptr;
 

@@ -18,6 +18,7 @@ class AnsweredQueries {
     AnsweredQueries& operator=(const AnsweredQueries&) = delete;
 };
 
+// Of this thread: the monitor's are not the application's.
 long answeredQueryCount() noexcept;
 
 // How many queries `work` makes when run once.

@@ -4,9 +4,9 @@
 #include <array>
 #include <cstdint>
 #include <cstring>
-#include <mutex>
 #include <ntsecapi.h>
 
+#include "gcrypt_objects.h"
 #include "status.h"
 
 namespace virtual_token {
@@ -33,37 +33,8 @@ unsigned char hexValue(char digit) {
 }
 
 void askForRandom(unsigned char* buffer, std::size_t length) {
-    constexpr std::size_t largest = 1u << 20;  // the generator takes a 32-bit length
-    for (std::size_t done = 0; done < length;) {
-        const std::size_t part = std::min(largest, length - done);
-        require(RtlGenRandom(buffer + done, static_cast<ULONG>(part)) != FALSE, Status::InternalError);
-        done += part;
-    }
+    require(RtlGenRandom(buffer, static_cast<ULONG>(length)) != FALSE, Status::InternalError);
 }
-
-// Random bytes for small draws, each given out once and wiped here: asking the system costs tens of microseconds under
-// Wine, however little is asked for.
-class RandomReserve {
-  public:
-    static constexpr std::size_t largestDraw = 1024;
-
-    void draw(unsigned char* buffer, std::size_t length) {
-        const std::lock_guard guard(lock_);
-        if (left_ < length) {
-            left_ = 0;
-            askForRandom(bytes_.data(), bytes_.size());
-            left_ = bytes_.size();
-        }
-        left_ -= length;
-        std::memcpy(buffer, bytes_.data() + left_, length);
-        SecureZeroMemory(bytes_.data() + left_, length);
-    }
-
-  private:
-    std::mutex lock_;
-    std::array<unsigned char, 8 * largestDraw> bytes_;
-    std::size_t left_ = 0;
-};
 
 }  // namespace
 
@@ -135,12 +106,18 @@ Bytes fromBase64(std::string_view text) {
 }
 
 void fillRandom(unsigned char* buffer, std::size_t length) {
-    static RandomReserve reserve;
-    if (length <= RandomReserve::largestDraw) {
-        reserve.draw(buffer, length);
-    } else {
+    constexpr std::size_t keyLength = 32;
+    if (length <= 2 * keyLength) {
         askForRandom(buffer, length);
+        return;
     }
+    // The system's generator takes tens of microseconds a kilobyte under Wine. It gives a key, of which this is the
+    // stream.
+    SecretBytes key(keyLength);
+    askForRandom(key.data(), key.size());
+    const Cipher cipher = openCipher(key, GCRY_CIPHER_MODE_CTR);
+    std::memset(buffer, 0, length);
+    check(gcry_cipher_encrypt(cipher.get(), buffer, length, nullptr, 0));
 }
 
 Bytes randomBytes(std::size_t length) {
