@@ -1,6 +1,5 @@
 // The programs that the README shows, run by themselves: their signatures are what openssl accepts.
 #include "e2e_ksp/cng.h"
-#include "token/key_encoding.h"
 
 namespace e2e {
 namespace {
@@ -10,13 +9,17 @@ class Examples : public Tokens {};
 // What a program beside this one signed, given the PIN after its other arguments.
 Bytes signedBy(const std::string& program, const std::string& arguments = {}) {
     const std::filesystem::path file = scratch().path() / "signed";
-    std::wstring line = thisProgram();
-    line.replace(line.rfind(L'\\') + 1, std::wstring::npos, program.begin(), program.end());
-    const std::string rest = ".exe\" " + arguments + ' ' + pin;
-    line = L"cmd /c \"" + line + std::wstring(rest.begin(), rest.end()) + L" > \"" + file.wstring() + L"\"\"";
+    const std::filesystem::path folder = std::filesystem::path(thisProgram().substr(1)).parent_path();
+    const std::string rest = program + ".exe\" " + arguments + ' ' + pin;
+    const std::wstring line = L"cmd /c \"\"" + folder.wstring() + L'\\' + std::wstring(rest.begin(), rest.end()) +
+                              L" > \"" + file.wstring() + L"\"\"";
     EXPECT_EQ(ChildProcess(line).wait(), 0u);
     const Bytes text = read("signed");
-    return talvik::hexStringToBytes(std::string(text.begin(), text.end()));
+    Bytes signature;
+    for (std::size_t i = 0; i + 1 < text.size(); i += 2) {
+        signature.push_back(static_cast<unsigned char>(std::stoi(std::string(&text[i], &text[i + 2]), nullptr, 16)));
+    }
+    return signature;
 }
 
 TEST_F(Examples, SignOnEitherFace) {
