@@ -3,6 +3,7 @@
 #include <windows.h>
 
 #include <bit>
+#include <mutex>
 #include <optional>
 #include <shared_mutex>
 #ifdef _MSC_VER
