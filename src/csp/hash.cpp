@@ -1,8 +1,6 @@
 #include "csp/hash.h"
 
-#include <algorithm>
 #include <cstring>
-#include <iterator>
 #include <memory>
 #include <new>
 
@@ -11,36 +9,18 @@
 #include "csp/outcome.h"
 #include "csp/pieces.h"
 #include "log/log.h"
+#include "token/algorithms.h"
 #include "token/device_library.h"
 
 namespace talvik::csp {
 namespace {
 
-struct HashAlgorithm {
-    std::uint32_t algId;
-    std::uint32_t mechanism;
-    std::uint32_t digestSize;  // bytes
-    const char* creationText;
-};
-
-constexpr HashAlgorithm hashAlgorithms[] = {
-    {CALG_SHA1, TALVIK_HASH_SHA1, 20, "Crete hash algorithm sha1"},
-    {CALG_SHA_256, TALVIK_HASH_SHA256, 32, "Crete hash algorithm 256"},
-    {CALG_SHA_384, TALVIK_HASH_SHA384, 48, "Crete hash algorithm 384"},
-    {CALG_SHA_512, TALVIK_HASH_SHA512, 64, "Crete hash algorithm 512"},
-};
-
 const HashAlgorithm* hashMechanismFromAlgId(ALG_ID algId) {
-    const auto* const row = std::find_if(std::begin(hashAlgorithms), std::end(hashAlgorithms),
-                                         [=](const HashAlgorithm& candidate) { return candidate.algId == algId; });
-    return row == std::end(hashAlgorithms) ? nullptr : row;
+    return findRow(hashAlgorithms, &HashAlgorithm::algId, algId);
 }
 
 const HashAlgorithm* algorithmOfMechanism(std::uint32_t mechanism) {
-    const auto* const row =
-        std::find_if(std::begin(hashAlgorithms), std::end(hashAlgorithms),
-                     [=](const HashAlgorithm& candidate) { return candidate.mechanism == mechanism; });
-    return row == std::end(hashAlgorithms) ? nullptr : row;
+    return findRow(hashAlgorithms, &HashAlgorithm::mechanism, mechanism);
 }
 
 Outcome create(HCRYPTPROV hProv, ALG_ID algId, DWORD dwFlags, HCRYPTHASH* phHash) {
@@ -66,7 +46,7 @@ Outcome create(HCRYPTPROV hProv, ALG_ID algId, DWORD dwFlags, HCRYPTHASH* phHash
     if (algorithm == nullptr) {
         return fail(NTE_BAD_ALGID, "CPCreateHash: unsupported Algid=0x", HexWord{algId});
     }
-    logDebug(algorithm->creationText);
+    logDebug("Crete hash algorithm ", algorithm->logName);
     hash->hashSize = algorithm->digestSize;
     hash->mechanism = algorithm->mechanism;
     hash->mechanismCopy = algorithm->mechanism;

@@ -26,7 +26,7 @@ struct HASH_CONTEXT {
     unsigned char signKeyId[16] = {};
     std::uint32_t signKeyIdLen = 0;
     std::uint32_t hashValueLen = 0;
-    std::uint32_t hashSize = 0;  // 20, 32, 48 or 64, fixed at creation
+    std::uint32_t hashSize = 0;  // of a digest, fixed at creation
 };
 
 inline HASH_CONTEXT* hashOf(HCRYPTHASH handle) noexcept {

@@ -10,6 +10,7 @@
 #include "csp/entry_points.h"
 #include "csp/outcome.h"
 #include "log/log.h"
+#include "token/algorithms.h"
 #include "token/pin_login.h"
 #include "token/session.h"
 #include "token/shared_state.h"
@@ -17,8 +18,6 @@
 
 namespace talvik::csp {
 namespace {
-
-constexpr std::uint32_t defaultRsaBits = 2048;
 
 // What CPGenKey makes of its Algid.
 struct KeyRequest {
@@ -30,17 +29,11 @@ struct KeyRequest {
 
 // The slip in "key exhange" is what support staff search the log for.
 constexpr KeyRequest keyRequests[] = {
-    {CALG_RSA_SIGN, TALVIK_USAGE_SIGN, defaultRsaBits, "rsa sign"},
+    {CALG_RSA_SIGN, TALVIK_USAGE_SIGN, defaultRsaSize.bits, "rsa sign"},
     {AT_SIGNATURE, TALVIK_USAGE_SIGN, 0, "rsa sign"},
-    {CALG_RSA_KEYX, TALVIK_USAGE_EXCHANGE, defaultRsaBits, "key exhange"},
+    {CALG_RSA_KEYX, TALVIK_USAGE_EXCHANGE, defaultRsaSize.bits, "key exhange"},
     {AT_KEYEXCHANGE, TALVIK_USAGE_EXCHANGE, 0, "key exhange"},
 };
-
-const KeyRequest* keyRequestFor(ALG_ID algId) {
-    const auto* const row = std::find_if(std::begin(keyRequests), std::end(keyRequests),
-                                         [=](const KeyRequest& candidate) { return candidate.algId == algId; });
-    return row == std::end(keyRequests) ? nullptr : row;
-}
 
 // The name that the application knows the container by now stands for the new key, and the context names that key.
 void renameContainer(CspContext& context, const KEY_HANDLE& key) {
@@ -61,7 +54,7 @@ Outcome generate(HCRYPTPROV hProv, ALG_ID algId, DWORD dwFlags, HCRYPTKEY* phKey
     if (context == nullptr) {
         return fail(NTE_BAD_UID, "Invalid CSP context");
     }
-    const KeyRequest* const request = keyRequestFor(algId);
+    const KeyRequest* const request = findRow(keyRequests, &KeyRequest::algId, algId);
     if (request == nullptr) {
         return fail(NTE_BAD_ALGID, "Unsupported algorithm", algId);
     }
@@ -101,7 +94,7 @@ Outcome generate(HCRYPTPROV hProv, ALG_ID algId, DWORD dwFlags, HCRYPTKEY* phKey
 std::uint32_t algIdFor(const TalvikKeyPair& record, DWORD keySpec) {
     if ((keySpec == AT_SIGNATURE || containerQueried) && canSign(record)) {
         logDebug("Sign key found");
-        return isEllipticCurveType(record.keyType) ? CALG_DSS_SIGN : CALG_RSA_SIGN;
+        return findCurve(record.keyType) != nullptr ? CALG_DSS_SIGN : CALG_RSA_SIGN;
     }
     if ((keySpec == AT_KEYEXCHANGE || containerQueried) && canExchange(record)) {
         logDebug("Encryption key found");

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <climits>
 #include <cstring>
-#include <iterator>
 #include <memory>
 #include <new>
 
@@ -14,6 +13,7 @@
 #include "csp/outcome.h"
 #include "log/log.h"
 #include "token/aes_import.h"
+#include "token/algorithms.h"
 #include "token/library_buffer.h"
 #include "token/session.h"
 
@@ -50,13 +50,6 @@ std::unique_ptr<KEY_HANDLE> newKey() {
 
 // --- session keys ----------------------------------------------------------------------------------------------------
 
-struct SessionKeyAlgorithm {
-    ALG_ID algId;
-    std::uint32_t code;  // what the handle's KP_ALGID reports
-};
-
-constexpr SessionKeyAlgorithm sessionKeyAlgorithms[] = {{CALG_3DES, 11}, {CALG_AES_128, 8}, {CALG_AES_256, 10}};
-
 bool decryptSessionKey(const Import& import, ByteView ciphertext, LibraryBuffer& plaintext) {
     const std::string& deviceId = import.context.deviceId;
     const int status =
@@ -80,10 +73,8 @@ Outcome importSessionKey(const Import& import) {
             return fail(NTE_FAIL, "SIMPLEBLOB decryption failed (both orderings)");
         }
     }
-    const auto* const algorithm =
-        std::find_if(std::begin(sessionKeyAlgorithms), std::end(sessionKeyAlgorithms),
-                     [&](const SessionKeyAlgorithm& candidate) { return candidate.algId == import.algId(); });
-    if (algorithm == std::end(sessionKeyAlgorithms)) {
+    const AesLength* const algorithm = findRow(aesLengths, &AesLength::algId, import.algId());
+    if (algorithm == nullptr) {
         return fail(NTE_BAD_ALGID, "Unsupported algorithm for SIMPLEBLOB: ", import.algId());
     }
     const ByteView value = plaintext.view();
@@ -94,7 +85,7 @@ Outcome importSessionKey(const Import& import) {
     if (import.phKey == nullptr) {
         return refuseMissingHandle();
     }
-    key->algId = algorithm->code;
+    key->algId = algorithm->keyType;
     std::copy(value.begin(), value.end(), key->aesKey);
     key->aesKeyLen = static_cast<std::int32_t>(value.size());
     logDebug("Output key id : ", HexBytes{key->keyId, sizeof key->keyId});
@@ -104,9 +95,6 @@ Outcome importSessionKey(const Import& import) {
 }
 
 // --- public keys -----------------------------------------------------------------------------------------------------
-
-constexpr std::uint32_t rsaSizes[] = {1024, 2048, 3072, 4096};  // the handle's algId is the place in this list, from 1
-static_assert(sizeof KEY_HANDLE::publicKey >= 550, "the DER form of the longest of them");
 
 Outcome importPublicKey(const Import& import) {
     const BlobReader& blob = import.blob;
@@ -129,8 +117,8 @@ Outcome importPublicKey(const Import& import) {
     const Bytes exponent = uintToBigEndianBytes(static_cast<std::int32_t>(blob.wordAt(BLOB_RSA_EXPONENT)), 3);
     logDebug("Public exponent : ", HexBytes{exponent.data(), static_cast<int>(exponent.size())});
     const Bytes der = buildRsaPublicKeyDerFromBytes({modulus.get(), modulusSize}, exponent);
-    const auto* const size = std::find(std::begin(rsaSizes), std::end(rsaSizes), bits);
-    if (size == std::end(rsaSizes)) {
+    const RsaSize* const size = findRsaSize(bits);
+    if (size == nullptr) {
         return fail(NTE_BAD_DATA, "Unsupported RSA key size");
     }
     if (import.phKey == nullptr) {
@@ -139,7 +127,7 @@ Outcome importPublicKey(const Import& import) {
     std::unique_ptr<KEY_HANDLE> key = newKey();
     std::copy(der.begin(), der.end(), key->publicKey);
     key->publicKeyLen = static_cast<std::uint32_t>(der.size());
-    key->algId = static_cast<std::uint32_t>(size - std::begin(rsaSizes)) + 1;
+    key->algId = size->keyType;
     handOver(std::move(key), import.phKey);
     logDebug("PUBLICKEYBLOB imported successfully");
     return success();
@@ -184,11 +172,12 @@ Outcome storeOnToken(const Import& import, ByteView value, std::uint32_t keyType
 
 Outcome importPlainKey(const Import& import) {
     const ALG_ID algId = import.algId();
-    if (algId != CALG_AES_128 && algId != CALG_AES_256) {
+    const AesLength* const algorithm = findRow(aesLengths, &AesLength::algId, algId);
+    if (algorithm == nullptr || algId == CALG_3DES) {
         return fail(NTE_BAD_ALGID, "Unsupported algorithm for PLAINTEXTKEYBLOB: ", algId);
     }
-    return storeOnToken(import, import.payload(), algId == CALG_AES_128 ? TALVIK_KEY_AES_128 : TALVIK_KEY_AES_256,
-                        "PLAINTEXTKEYBLOB import failed", "PLAINTEXTKEYBLOB imported successfully (AES)");
+    return storeOnToken(import, import.payload(), algorithm->keyType, "PLAINTEXTKEYBLOB import failed",
+                        "PLAINTEXTKEYBLOB imported successfully (AES)");
 }
 
 Outcome importWrappedKey(const Import& import) {

@@ -8,6 +8,7 @@
 #include "csp/key.h"
 #include "csp/outcome.h"
 #include "log/log.h"
+#include "token/algorithms.h"
 #include "token/pin_login.h"
 #include "token/session.h"
 #include "token/shared_state.h"
@@ -171,18 +172,17 @@ Outcome setCertificate(const CspContext& context, const KEY_HANDLE& key, const B
     return success();
 }
 
-// The caller gives no length either: the key's algorithm code, set by an import, tells the cipher's block.
+// The caller gives no length either: the key's algorithm code, set by an import, tells the vector's size. A 128-bit key
+// takes none.
 Outcome setIv(const KEY_HANDLE& key, const BYTE* pbData) {
-    constexpr std::uint32_t aes = 10;
-    constexpr std::uint32_t tripleDes = 11;
-    const std::size_t blockSize = key.algId == aes ? 16 : key.algId == tripleDes ? 8 : 0;
-    if (blockSize == 0) {
+    const AesLength* const cipher = findRow(aesLengths, &AesLength::keyType, key.algId);
+    if (cipher == nullptr || cipher->keyType == TALVIK_KEY_AES_128) {
         return success();
     }
     if (pbData == nullptr) {
         return fail(ERROR_INVALID_PARAMETER, "CPSetKeyParam: KP_IV pbData is null");
     }
-    setSharedIv({pbData, blockSize});
+    setSharedIv({pbData, cipher->ivSize});
     return success();
 }
 

@@ -91,16 +91,16 @@ SECURITY_STATUS createPersistedKey(NCRYPT_KEY_HANDLE* phKey, LPCWSTR pszAlgId, L
         return fail(NTE_INVALID_PARAMETER, "KSPCreatePersistedKey: phKey or pszAlgId is null");
     }
     const std::wstring_view name = pszAlgId;
-    const auto* const algorithm =
-        std::find_if(std::begin(keyPairAlgorithms), std::end(keyPairAlgorithms),
-                     [=](const KeyPairAlgorithm& candidate) { return candidate.name == name; });
-    if (algorithm == std::end(keyPairAlgorithms)) {
+    const EllipticCurve* const curve = findRow(ellipticCurves, &EllipticCurve::name, name);
+    const bool isRsa = name == rsaAlgorithmName;
+    if (curve == nullptr && !isRsa) {
         return fail(NTE_NOT_SUPPORTED, "KSP: Unsupported algorithm for key generation");
     }
     auto key = std::make_unique<KspKey>();
-    const bool isRsa = !isEllipticCurveType(algorithm->keyType);
-    key->algorithm = algorithm->keyType;
-    key->keyLength = keyBitsOfType(algorithm->keyType);
+    if (curve != nullptr) {
+        key->algorithm = curve->keyType;
+        key->keyLength = curve->bits;
+    }
     key->keyUsage = isRsa && dwLegacyKeySpec == AT_KEYEXCHANGE ? TALVIK_USAGE_EXCHANGE : TALVIK_USAGE_SIGN;
     key->keyName = pszKeyName != nullptr ? pszKeyName : L"";
     *phKey = reinterpret_cast<NCRYPT_KEY_HANDLE>(key.release());
@@ -217,7 +217,7 @@ SECURITY_STATUS enumKeys(const BoundToken& token, NCryptKeyName** ppKeyName, PVO
         return fail(NTE_NO_MEMORY, "KSPEnumKeys: failed to allocate key name");
     }
     std::copy(name.begin(), name.end(), entry->name);
-    algorithmOfType(record.keyType).name.copy(entry->algorithm, std::size(entry->algorithm) - 1);
+    algorithmNameOf(record.keyType).copy(entry->algorithm, std::size(entry->algorithm) - 1);
     entry->keyName = {entry->name, entry->algorithm, legacyKeySpecOf(record), 0};
     *ppKeyName = &entry->keyName;
     ++state.nextIndex;

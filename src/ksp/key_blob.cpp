@@ -9,7 +9,6 @@
 #include <string_view>
 #include <vector>
 
-#include "ksp/algorithms.h"
 #include "ksp/blob_cursor.h"
 #include "ksp/entry_points.h"
 #include "ksp/key.h"
@@ -17,6 +16,7 @@
 #include "ksp/rsa.h"
 #include "log/log.h"
 #include "token/aes_import.h"
+#include "token/algorithms.h"
 #include "token/session.h"
 
 namespace talvik::ksp {
@@ -45,20 +45,6 @@ struct Import {
         return ERROR_SUCCESS;
     }
 };
-
-// 0 for a length that no AES key has.
-std::uint32_t aesTypeOfLength(std::size_t length) {
-    switch (length) {
-        case 16:
-            return TALVIK_KEY_AES_128;
-        case 24:
-            return TALVIK_KEY_AES_192;
-        case 32:
-            return TALVIK_KEY_AES_256;
-        default:
-            return 0;
-    }
-}
 
 std::unique_ptr<KspKey> makePublicKey(const RsaSize& size, ByteView publicKey) {
     auto key = std::make_unique<KspKey>();
@@ -169,11 +155,11 @@ SECURITY_STATUS importKeyData(const Import& import) {
     if (!value) {
         return fail(NTE_BAD_DATA, "KSPImportKey: BCRYPT_KEY_DATA_BLOB data too small for key material");
     }
-    const std::uint32_t keyType = aesTypeOfLength(value->size());
-    if (keyType == 0) {
+    const AesLength* const length = findAesLength(value->size());
+    if (length == nullptr) {
         return fail(NTE_NOT_SUPPORTED, "KSP: Unsupported key size for BCRYPT_KEY_DATA_BLOB: ", value->size());
     }
-    std::unique_ptr<KspKey> key = storeOnToken(import.token, keyType, *value);
+    std::unique_ptr<KspKey> key = storeOnToken(import.token, length->keyType, *value);
     if (key == nullptr) {
         return fail(NTE_BAD_TYPE, "KSP: BCRYPT_KEY_DATA_BLOB import failed");
     }
@@ -214,11 +200,11 @@ SECURITY_STATUS importEncryptedKey(const Import& import) {
         return fail(NTE_BAD_DATA, "KSP: Encrypted key decryption failed");
     }
     const ByteView value = plaintext.view();
-    const std::uint32_t keyType = aesTypeOfLength(value.size());
-    if (keyType == 0) {
+    const AesLength* const length = findAesLength(value.size());
+    if (length == nullptr) {
         return fail(NTE_NOT_SUPPORTED, "KSP: Unsupported decrypted key length: ", value.size());
     }
-    return import.handOver(makeAesKey(keyType, value), "KSP: Encrypted key imported successfully");
+    return import.handOver(makeAesKey(length->keyType, value), "KSP: Encrypted key imported successfully");
 }
 
 struct ImportedBlob {
@@ -237,10 +223,8 @@ SECURITY_STATUS importKey(LPCWSTR pszBlobType, const Import& import) {
         return fail(NTE_INVALID_PARAMETER, "KSPImportKey: invalid parameters");
     }
     const std::wstring_view type = pszBlobType;
-    for (const ImportedBlob& blob : importedBlobs) {
-        if (blob.type == type) {
-            return blob.import(import);
-        }
+    if (const ImportedBlob* const blob = findRow(importedBlobs, &ImportedBlob::type, type)) {
+        return blob->import(import);
     }
     if (import.importKey != nullptr) {
         return importEncryptedKey(import);
@@ -310,9 +294,8 @@ SECURITY_STATUS exportKey(const BoundToken& token, KspKey* key, LPCWSTR pszBlobT
     if (type == BCRYPT_PRIVATE_KEY_BLOB || type == LEGACY_RSAPRIVATE_BLOB) {
         return fail(NTE_NOT_SUPPORTED, "KSPExportKey: private key export not supported");
     }
-    const auto* const blob = std::find_if(std::begin(exportedBlobs), std::end(exportedBlobs),
-                                          [=](const ExportedBlob& candidate) { return candidate.type == type; });
-    if (blob == std::end(exportedBlobs)) {
+    const ExportedBlob* const blob = findRow(exportedBlobs, &ExportedBlob::type, type);
+    if (blob == nullptr) {
         return fail(NTE_NOT_SUPPORTED, "KSP: Unsupported blob type for export");
     }
     if (key->publicKeyLength == 0) {

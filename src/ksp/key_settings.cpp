@@ -9,6 +9,7 @@
 #include "ksp/key_property_names.h"
 #include "ksp/provider.h"
 #include "log/log.h"
+#include "token/algorithms.h"
 #include "token/session.h"
 #include "token/shared_state.h"
 
@@ -110,19 +111,6 @@ SECURITY_STATUS setChainingMode(const Setting& setting) {
     return fail(NTE_NOT_SUPPORTED, "KSP: Unsupported chaining mode");
 }
 
-// 0 where any size will do.
-std::size_t expectedIvSize(std::uint32_t symmetricKeyLength) {
-    switch (symmetricKeyLength) {
-        case 16:
-        case 32:
-            return 16;
-        case 24:
-            return 8;
-        default:
-            return 0;
-    }
-}
-
 SECURITY_STATUS setIv(const Setting& setting) {
     if (setting.isEmpty()) {
         setSharedIv({});
@@ -130,9 +118,9 @@ SECURITY_STATUS setIv(const Setting& setting) {
         return ERROR_SUCCESS;
     }
     const std::size_t size = setting.input.size();
-    const std::size_t expected = expectedIvSize(setting.key.symmetricKeyLength);
-    if (expected != 0 && size != expected) {
-        return fail(NTE_INVALID_PARAMETER, "KSP: IV size mismatch: got ", size, ", expected ", expected);
+    const AesLength* const length = findAesLength(setting.key.symmetricKeyLength);
+    if (length != nullptr && size != length->ivSize) {
+        return fail(NTE_INVALID_PARAMETER, "KSP: IV size mismatch: got ", size, ", expected ", length->ivSize);
     }
     setSharedIv(setting.input);
     logDebug("KSP: IV set, size: ", size);
@@ -162,10 +150,8 @@ SECURITY_STATUS setProperty(KspProvider& provider, KspKey* key, LPCWSTR pszPrope
         return fail(NTE_INVALID_PARAMETER, "KSPSetKeyProperty: pszProperty is null");
     }
     const std::wstring_view name = pszProperty;
-    for (const KeySetting& setting : keySettings) {
-        if (setting.name == name) {
-            return setting.write({provider, *key, input});
-        }
+    if (const KeySetting* const setting = findRow(keySettings, &KeySetting::name, name)) {
+        return setting->write({provider, *key, input});
     }
     return fail(NTE_NOT_SUPPORTED, "KSPSetKeyProperty: unsupported property");
 }

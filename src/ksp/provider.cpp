@@ -70,7 +70,7 @@ constexpr ProviderProperty providerProperties[] = {
     {NCRYPT_NAME_PROPERTY, L"Talvik Cryptographic Provider CSP"},
     {NCRYPT_IMPL_TYPE_PROPERTY, DWORD{NCRYPT_IMPL_HARDWARE_FLAG | NCRYPT_IMPL_REMOVABLE_FLAG}},
     {NCRYPT_VERSION_PROPERTY, DWORD{0x100}},
-    {NCRYPT_ALGORITHM_PROPERTY, L"RSA"},
+    {NCRYPT_ALGORITHM_PROPERTY, rsaAlgorithmName},
     {NCRYPT_MAX_NAME_LENGTH_PROPERTY, DWORD{256}},
     {NCRYPT_SECURITY_DESCR_SUPPORT_PROPERTY, DWORD{0}},
 };
@@ -80,11 +80,9 @@ SECURITY_STATUS getProperty(LPCWSTR pszProperty, Output out) {
         return fail(NTE_INVALID_PARAMETER, "KSPGetProviderProperty: pszProperty or pcbResult is null");
     }
     const std::wstring_view name = pszProperty;
-    for (const ProviderProperty& property : providerProperties) {
-        if (property.name == name) {
-            const auto* const text = std::get_if<std::wstring_view>(&property.value);
-            return text != nullptr ? answerText(*text, out) : answerValue(std::get<DWORD>(property.value), out);
-        }
+    if (const auto* const property = findRow(providerProperties, &ProviderProperty::name, name)) {
+        const auto* const text = std::get_if<std::wstring_view>(&property->value);
+        return text != nullptr ? answerText(*text, out) : answerValue(std::get<DWORD>(property->value), out);
     }
     if (name == NCRYPT_USE_COUNT_PROPERTY) {
         return fail(NTE_NOT_SUPPORTED, "KSPGetProviderProperty: NCRYPT_USE_COUNT_PROPERTY not supported");
@@ -113,9 +111,7 @@ SECURITY_STATUS isAlgSupported(LPCWSTR pszAlgId) {
     if (pszAlgId == nullptr) {
         return fail(NTE_INVALID_PARAMETER, "KSPIsAlgSupported: pszAlgId is null");
     }
-    const std::wstring_view name = pszAlgId;
-    const auto bearsName = [=](const Algorithm& algorithm) { return algorithm.name == name; };
-    if (std::none_of(std::begin(algorithms), std::end(algorithms), bearsName)) {
+    if (findRow(algorithms, &Algorithm::name, std::wstring_view(pszAlgId)) == nullptr) {
         return fail(NTE_NOT_SUPPORTED, "KSPIsAlgSupported: algorithm not supported");
     }
     return ERROR_SUCCESS;

@@ -4,13 +4,15 @@
 #include <climits>
 #include <vector>
 
+#include "token/algorithms.h"
 #include "token/session.h"
 
 namespace talvik {
 namespace {
 
 bool canUnwrap(const TalvikSymmetricKey& key) {
-    return key.keyType == TALVIK_KEY_AES_128 || key.keyType == TALVIK_KEY_AES_256;
+    const AesLength* const length = findRow(aesLengths, &AesLength::keyType, key.keyType);
+    return length != nullptr && length->unwraps;
 }
 
 int boundedIdLength(const TalvikSymmetricKey& key) {

@@ -1,7 +1,6 @@
 #include "token/token_records.h"
 
 #include <algorithm>
-#include <iterator>
 
 namespace talvik {
 namespace {
@@ -15,9 +14,6 @@ template <std::size_t Capacity>
 std::string_view boundedText(const char (&field)[Capacity]) {
     return {field, std::find(field, field + Capacity, '\0')};
 }
-
-// Indexed by TalvikKeyPair::keyType.
-constexpr std::uint32_t bitsByKeyType[] = {0, 1024, 2048, 3072, 4096, 256, 384, 521};
 
 int hexDigitValue(char digit) {
     if (digit >= '0' && digit <= '9') {
@@ -83,14 +79,6 @@ bool canSign(const TalvikKeyPair& key) {
 
 bool canExchange(const TalvikKeyPair& key) {
     return usageExchanges(key.usage);
-}
-
-std::uint32_t keyBitsOfType(std::uint32_t keyType) {
-    return keyType < std::size(bitsByKeyType) ? bitsByKeyType[keyType] : 0;
-}
-
-bool isEllipticCurveType(std::uint32_t keyType) {
-    return keyType >= TALVIK_KEY_EC_P256 && keyType <= TALVIK_KEY_EC_P521;
 }
 
 bool equalBytes(ByteView left, ByteView right) {

@@ -28,10 +28,6 @@ bool usageExchanges(std::uint32_t usage);
 bool canSign(const TalvikKeyPair& key);
 bool canExchange(const TalvikKeyPair& key);
 
-// Size of a key in bits by its type; 0 for a type that is no key pair.
-std::uint32_t keyBitsOfType(std::uint32_t keyType);
-bool isEllipticCurveType(std::uint32_t keyType);
-
 bool equalBytes(ByteView left, ByteView right);
 
 }  // namespace talvik
