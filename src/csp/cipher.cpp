@@ -20,9 +20,6 @@
 namespace talvik::csp {
 namespace {
 
-// How much longer than its input an honest result of the library can be.
-constexpr std::size_t resultMargin = 1024;
-
 constexpr PublicKeyTexts publicKeyTexts = {"CSP: Public key is already DER encoded",
                                            "CSP: Public key is raw modulus, converting to DER"};
 

@@ -33,6 +33,9 @@ struct KEY_HANDLE {
     ~KEY_HANDLE() { SecureZeroMemory(aesKey, sizeof aesKey); }
 };
 
+// How much longer than its input an honest result of the library can be.
+inline constexpr std::size_t resultMargin = 1024;
+
 inline KEY_HANDLE* keyOf(HCRYPTKEY handle) noexcept {
     return reinterpret_cast<KEY_HANDLE*>(handle);
 }

@@ -4,9 +4,7 @@
 #include <climits>
 #include <cstring>
 #include <memory>
-#include <new>
 
-#include "csp/blob.h"
 #include "csp/context.h"
 #include "csp/entry_points.h"
 #include "csp/key.h"
@@ -14,24 +12,30 @@
 #include "log/log.h"
 #include "token/aes_import.h"
 #include "token/algorithms.h"
+#include "token/blob.h"
 #include "token/library_buffer.h"
 #include "token/session.h"
 
 namespace talvik::csp {
 namespace {
 
-constexpr std::size_t resultMargin = 1024;  // how much longer than its input an honest plaintext can be
+// How every blob starts; its payload follows. The last word is a public key's magic, and unread in any other blob.
+struct BlobStart {
+    PUBLICKEYSTRUC header;
+    DWORD magic;
+};
+static_assert(sizeof(BlobStart) == 12);
 
 // What every import gets: the context, the blob, the key that unwraps it, and where the new handle goes. That this is
 // somewhere matters once there is a handle to make: what is wrong with the blob is told first.
 struct Import {
     const CspContext& context;
-    BlobReader blob;
+    BlobStart start;
+    ByteView payload;
     const KEY_HANDLE* importingKey;
     HCRYPTKEY* phKey;
 
-    ByteView payload() const { return blob.from(BLOB_PAYLOAD); }
-    ALG_ID algId() const { return blob.wordAt(BLOB_ALG_ID); }
+    ALG_ID algId() const { return start.header.aiKeyAlg; }
 };
 
 Outcome refuseMissingHandle() {
@@ -64,7 +68,7 @@ Outcome importSessionKey(const Import& import) {
         return fail(NTE_BAD_TYPE, "SIMPLEBLOB requires public key handle");
     }
     logDebug("Input key id : ", HexBytes{import.importingKey->keyId, sizeof import.importingKey->keyId});
-    const ByteView payload = import.payload();
+    const ByteView payload = import.payload;
     const bool fits = payload.size() <= INT_MAX;  // the library takes signed lengths
     LibraryBuffer plaintext(payload.size() + resultMargin);
     if (!fits || !decryptSessionKey(import, reverseBytes(payload), plaintext)) {
@@ -97,26 +101,23 @@ Outcome importSessionKey(const Import& import) {
 // --- public keys -----------------------------------------------------------------------------------------------------
 
 Outcome importPublicKey(const Import& import) {
-    const BlobReader& blob = import.blob;
-    const std::uint32_t magic = blob.wordAt(BLOB_RSA_MAGIC);
-    if (magic != RSA_PUBLIC_MAGIC) {
-        return fail(NTE_BAD_DATA, "CPImportKey PUBLICKEYBLOB: magic mismatch, actual=0x", uintToHexString(magic));
+    if (import.start.magic != RSA_PUBLIC_MAGIC) {
+        return fail(NTE_BAD_DATA, "CPImportKey PUBLICKEYBLOB: magic mismatch, actual=0x",
+                    uintToHexString(import.start.magic));
     }
-    const std::uint32_t bits = blob.wordAt(BLOB_RSA_BITS);
-    const std::size_t modulusSize = bits / 8;
-    if (blob.size() < BLOB_RSA_MODULUS + modulusSize) {
-        return fail(NTE_BAD_DATA, "CPImportKey PUBLICKEYBLOB: size mismatch, cbDataLen=", blob.size(),
-                    " required=", BLOB_RSA_MODULUS + modulusSize);
+    BlobCursor cursor(import.payload);
+    const std::uint32_t bits = cursor.read<std::uint32_t>().value_or(0);
+    const auto exponent = cursor.read<std::uint32_t>();
+    const auto modulus = cursor.take(bits / 8);
+    if (!exponent || !modulus) {
+        return fail(NTE_BAD_DATA,
+                    "CPImportKey PUBLICKEYBLOB: size mismatch, cbDataLen=", sizeof(BlobStart) + import.payload.size(),
+                    " required=", sizeof(PublicKeyBlobHeader) + bits / 8);
     }
-    const std::unique_ptr<unsigned char[]> modulus(new (std::nothrow) unsigned char[modulusSize]);
-    if (modulus == nullptr) {
+    const std::optional<Bytes> der = derOfBlobKey(*modulus, *exponent, "Public exponent : ");
+    if (!der) {
         return fail(NTE_NO_MEMORY, "CPImportKey PUBLICKEYBLOB: failed to allocate beModulus buffer");
     }
-    const ByteView littleEndian = blob.from(BLOB_RSA_MODULUS).first(modulusSize);
-    std::reverse_copy(littleEndian.begin(), littleEndian.end(), modulus.get());
-    const Bytes exponent = uintToBigEndianBytes(static_cast<std::int32_t>(blob.wordAt(BLOB_RSA_EXPONENT)), 3);
-    logDebug("Public exponent : ", HexBytes{exponent.data(), static_cast<int>(exponent.size())});
-    const Bytes der = buildRsaPublicKeyDerFromBytes({modulus.get(), modulusSize}, exponent);
     const RsaSize* const size = findRsaSize(bits);
     if (size == nullptr) {
         return fail(NTE_BAD_DATA, "Unsupported RSA key size");
@@ -125,8 +126,8 @@ Outcome importPublicKey(const Import& import) {
         return refuseMissingHandle();
     }
     std::unique_ptr<KEY_HANDLE> key = newKey();
-    std::copy(der.begin(), der.end(), key->publicKey);
-    key->publicKeyLen = static_cast<std::uint32_t>(der.size());
+    std::copy(der->begin(), der->end(), key->publicKey);
+    key->publicKeyLen = static_cast<std::uint32_t>(der->size());
     key->algId = size->keyType;
     handOver(std::move(key), import.phKey);
     logDebug("PUBLICKEYBLOB imported successfully");
@@ -176,12 +177,12 @@ Outcome importPlainKey(const Import& import) {
     if (algorithm == nullptr || algId == CALG_3DES) {
         return fail(NTE_BAD_ALGID, "Unsupported algorithm for PLAINTEXTKEYBLOB: ", algId);
     }
-    return storeOnToken(import, import.payload(), algorithm->keyType, "PLAINTEXTKEYBLOB import failed",
+    return storeOnToken(import, import.payload, algorithm->keyType, "PLAINTEXTKEYBLOB import failed",
                         "PLAINTEXTKEYBLOB imported successfully (AES)");
 }
 
 Outcome importWrappedKey(const Import& import) {
-    const ByteView wrapped = import.payload();
+    const ByteView wrapped = import.payload;
     logDebug("SYMMETRICWRAPKEYBLOB: wrapped key length = ", wrapped.size());
     LibraryBuffer unwrapped(wrapped.size() + resultMargin);
     const std::optional<AesKeyIdentifier> kek =
@@ -198,7 +199,7 @@ Outcome importWrappedKey(const Import& import) {
 // --- entry -----------------------------------------------------------------------------------------------------------
 
 Outcome importByType(const Import& import) {
-    const std::uint8_t type = import.blob.byteAt(BLOB_TYPE);
+    const BYTE type = import.start.header.bType;
     switch (type) {
         case SIMPLEBLOB:
             return importSessionKey(import);
@@ -228,18 +229,20 @@ Outcome importKey(HCRYPTPROV hProv, const BYTE* pbData, DWORD dwDataLen, HCRYPTK
     if (context == nullptr) {
         return fail(NTE_BAD_UID, "CPImportKey - Contest null or not initialised");
     }
-    if (dwDataLen < BLOB_PAYLOAD) {
+    BlobCursor blob({pbData, dwDataLen});
+    const auto start = blob.read<BlobStart>();
+    if (!start) {
         return fail(NTE_INVALID_PARAMETER, "CPImportKey - Input data to import is empty");
     }
-    const BlobReader blob({pbData, dwDataLen});
-    logDebug("CPImportKey - input type : ", blob.byteAt(BLOB_TYPE));
-    logDebug("CPImportKey - input version : ", blob.byteAt(BLOB_VERSION));
-    logDebug("CPImportKey - input alg : ", blob.wordAt(BLOB_ALG_ID));
-    logDebug("CPImportKey - input data length : ", dwDataLen - BLOB_PAYLOAD);
-    if (dwDataLen == BLOB_PAYLOAD) {
+    const ByteView payload = blob.rest();
+    logDebug("CPImportKey - input type : ", start->header.bType);
+    logDebug("CPImportKey - input version : ", start->header.bVersion);
+    logDebug("CPImportKey - input alg : ", start->header.aiKeyAlg);
+    logDebug("CPImportKey - input data length : ", payload.size());
+    if (payload.empty()) {
         return fail(NTE_INVALID_PARAMETER, "CPImportKey - Input data to import is empty");
     }
-    return importByType({*context, blob, keyOf(hPubKey), phKey});
+    return importByType({*context, *start, payload, keyOf(hPubKey), phKey});
 }
 
 }  // namespace

@@ -105,23 +105,9 @@ Outcome getParam(HCRYPTPROV hProv, HCRYPTKEY hKey, DWORD dwParam, Output out) {
     }
 }
 
-// Length of the DER element at `der` by its own header, whose bytes are the only ones read; 0 when its length is
-// encoded in a way that no certificate needs.
-std::size_t derTotalLength(const BYTE* der) {
-    const unsigned char first = der[1];
-    if (first < 0x80) {
-        return 2u + first;
-    }
-    const unsigned int octets = first & 0x7Fu;
-    if (octets < 1 || octets > 3) {
-        return 0;
-    }
-    std::size_t content = 0;
-    for (unsigned int i = 0; i < octets; ++i) {
-        content = content << 8 | der[2 + i];
-    }
-    return 2 + octets + content;
-}
+// The caller gives no length: the certificate's own header tells it, of which no more is read than there is. A length
+// of three octets serves any certificate.
+constexpr std::size_t longestCertificateHeader = 5;
 
 // The PIN for storing a certificate: the remembered one, else the user is asked. False when there is none to be had; an
 // empty PIN is what single sign-on gives.
@@ -151,10 +137,11 @@ Outcome setCertificate(const CspContext& context, const KEY_HANDLE& key, const B
     if (pbData[0] != 0x30) {
         return fail(NTE_BAD_DATA, "CPSetKeyParam: KP_CERTIFICATE invalid DER (not a SEQUENCE)");
     }
-    const std::size_t total = derTotalLength(pbData);
-    if (total == 0) {
+    const std::optional<DerHeader> header = derReadHeader({pbData, longestCertificateHeader});
+    if (!header) {
         return fail(NTE_BAD_DATA, "CPSetKeyParam: KP_CERTIFICATE unsupported DER length encoding");
     }
+    const std::size_t total = header->size + header->contentSize;
     logDebug("CPSetKeyParam: KP_CERTIFICATE DER length=", total);
     if (total > sizeof TalvikCertificate::der) {
         return fail(NTE_BAD_DATA, "CPSetKeyParam: KP_CERTIFICATE certificate too large");

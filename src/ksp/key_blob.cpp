@@ -9,7 +9,6 @@
 #include <string_view>
 #include <vector>
 
-#include "ksp/blob_cursor.h"
 #include "ksp/entry_points.h"
 #include "ksp/key.h"
 #include "ksp/provider.h"
@@ -17,21 +16,13 @@
 #include "log/log.h"
 #include "token/aes_import.h"
 #include "token/algorithms.h"
+#include "token/blob.h"
 #include "token/session.h"
 
 namespace talvik::ksp {
 namespace {
 
-// The header of a CAPIPUBLICBLOB; the modulus follows, least significant byte first.
-struct LegacyPublicHeader {
-    PUBLICKEYSTRUC blob;
-    RSAPUBKEY key;
-};
-static_assert(sizeof(LegacyPublicHeader) == 20 && sizeof(BCRYPT_RSAKEY_BLOB) == 24);
-
-// The exponent of every exported key, as in DEFAULT_PUBLIC_EXPONENT.
-constexpr unsigned char exportedExponent[] = {0x01, 0x00, 0x01};
-constexpr DWORD legacyExponent = 0x10001;
+static_assert(sizeof(BCRYPT_RSAKEY_BLOB) == 24 && BCRYPT_RSAPUBLIC_MAGIC == RSA_PUBLIC_MAGIC);
 
 struct Import {
     const BoundToken& token;
@@ -88,7 +79,7 @@ SECURITY_STATUS importRsaPublicKey(const Import& import) {
     if (!header) {
         return fail(NTE_BAD_DATA, "KSPImportKey: BCRYPT_RSAPUBLIC_BLOB data too small");
     }
-    if (header->Magic != BCRYPT_RSAPUBLIC_MAGIC) {
+    if (header->Magic != RSA_PUBLIC_MAGIC) {
         return fail(NTE_BAD_DATA, "KSPImportKey: BCRYPT_RSAPUBLIC_BLOB invalid magic");
     }
     const bool hasExponent = cursor.take(header->cbPublicExp).has_value();
@@ -111,33 +102,26 @@ SECURITY_STATUS importRsaPublicKey(const Import& import) {
 
 SECURITY_STATUS importLegacyPublicKey(const Import& import) {
     BlobCursor cursor(import.data);
-    const auto header = cursor.read<LegacyPublicHeader>();
+    const auto header = cursor.read<PublicKeyBlobHeader>();
     if (!header) {
         return fail(NTE_BAD_DATA, "KSPImportKey: LEGACY_RSAPUBLIC_BLOB data too small for header");
     }
-    if (header->key.magic != BCRYPT_RSAPUBLIC_MAGIC) {
+    if (header->key.magic != RSA_PUBLIC_MAGIC) {
         return fail(NTE_BAD_DATA, "KSPImportKey: LEGACY_RSAPUBLIC_BLOB invalid magic");
     }
-    const auto littleEndian = cursor.take(header->key.bitlen / 8);
-    if (!littleEndian) {
+    const auto modulus = cursor.take(header->key.bitlen / 8);
+    if (!modulus) {
         return fail(NTE_BAD_DATA, "KSPImportKey: LEGACY_RSAPUBLIC_BLOB data too small for modulus");
     }
-    const std::unique_ptr<unsigned char[]> modulus(new (std::nothrow) unsigned char[littleEndian->size()]);
-    if (modulus == nullptr) {
+    const std::optional<Bytes> der = derOfBlobKey(*modulus, header->key.pubexp, "KSP: Public exponent : ");
+    if (!der) {
         return fail(NTE_NO_MEMORY, "KSPImportKey: LEGACY_RSAPUBLIC_BLOB failed to allocate modulus buffer");
     }
-    std::reverse_copy(littleEndian->begin(), littleEndian->end(), modulus.get());
-    const Bytes exponent = uintToBigEndianBytes(static_cast<std::int32_t>(header->key.pubexp), 3);
-    logDebug("KSP: Public exponent : ", HexBytes{exponent.data(), lengthOf(exponent)});
     const RsaSize* const size = findRsaSize(header->key.bitlen);
     if (size == nullptr) {
         return fail(NTE_NOT_SUPPORTED, "KSP: Unsupported RSA key size");
     }
-    std::unique_ptr<KspKey> key =
-        makePublicKey(*size, buildRsaPublicKeyDerFromBytes({modulus.get(), littleEndian->size()}, exponent));
-    if (key == nullptr) {
-        return fail(NTE_BAD_KEY, "KSPImportKey: LEGACY_RSAPUBLIC_BLOB public key too long");
-    }
+    std::unique_ptr<KspKey> key = makePublicKey(*size, *der);
     key->keyIdLength = sizeof key->keyId;
     return import.handOver(std::move(key), "KSP: Legacy RSA public key imported successfully");
 }
@@ -254,10 +238,10 @@ Bytes blobBeginningWith(const Header& header) {
 // The held bytes are written as they are: DER in the place of the modulus, where that is what the key holds.
 SECURITY_STATUS exportRsaPublicKey(ByteView publicKey, Output out) {
     const auto length = static_cast<ULONG>(publicKey.size());
-    const BCRYPT_RSAKEY_BLOB header = {BCRYPT_RSAPUBLIC_MAGIC, length * 8, sizeof exportedExponent, length, 0, 0};
+    const BCRYPT_RSAKEY_BLOB header = {RSA_PUBLIC_MAGIC, length * 8, sizeof DEFAULT_EXPONENT_BYTES, length, 0, 0};
     Bytes blob = blobBeginningWith(header);
-    blob.insert(blob.end(), std::begin(exportedExponent), std::end(exportedExponent));
-    blob.insert(blob.end(), publicKey.begin(), publicKey.end());
+    append(blob, DEFAULT_EXPONENT_BYTES);
+    append(blob, publicKey);
     const SECURITY_STATUS answered =
         answer(blob, out, "KSPExportKey: BCRYPT_RSAPUBLIC_BLOB output buffer too small, required=");
     if (answered == ERROR_SUCCESS && !out.isSizeQuery()) {
@@ -267,10 +251,7 @@ SECURITY_STATUS exportRsaPublicKey(ByteView publicKey, Output out) {
 }
 
 SECURITY_STATUS exportLegacyPublicKey(ByteView publicKey, Output out) {
-    const LegacyPublicHeader header = {
-        {PUBLICKEYBLOB, CUR_BLOB_VERSION, 0, CALG_RSA_KEYX},
-        {BCRYPT_RSAPUBLIC_MAGIC, static_cast<DWORD>(publicKey.size() * 8), legacyExponent}};
-    Bytes blob = blobBeginningWith(header);
+    Bytes blob = blobBeginningWith(publicKeyBlobHeader(CALG_RSA_KEYX, publicKey.size()));
     blob.insert(blob.end(), publicKey.rbegin(), publicKey.rend());
     return answer(blob, out, "KSPExportKey: LEGACY_RSAPUBLIC_BLOB output buffer too small, required=");
 }
