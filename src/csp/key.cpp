@@ -1,7 +1,5 @@
 #include "csp/key.h"
 
-#include <algorithm>
-#include <cstring>
 #include <memory>
 #include <new>
 #include <vector>
@@ -35,9 +33,15 @@ constexpr KeyRequest keyRequests[] = {
     {AT_KEYEXCHANGE, TALVIK_USAGE_EXCHANGE, 0, "key exhange"},
 };
 
+// Usage included; what else the handle says stays.
+void describeTokenKey(KEY_HANDLE& key, const TalvikKeyPair& record) {
+    describeKeyPair(key, lengthsOf(key), record);
+    key.keyUsage = record.usage;
+}
+
 // The name that the application knows the container by now stands for the new key, and the context names that key.
 void renameContainer(CspContext& context, const KEY_HANDLE& key) {
-    const std::string keyName = bytesToHexString(key.keyId, sizeof key.keyId);
+    const std::string keyName = hexNameOf(key);
     if (!context.containerName.empty()) {
         insertContainerAlias(context.containerName, keyName);
     }
@@ -157,20 +161,6 @@ Outcome destroyKey(HCRYPTPROV hProv, HCRYPTKEY hKey) {
 }
 
 }  // namespace
-
-void describeTokenKey(KEY_HANDLE& key, const TalvikKeyPair& record) {
-    const ByteView alias = talvik::aliasOf(record);
-    const ByteView publicKey = talvik::publicKeyOf(record);
-    const std::string_view label = labelOf(record);
-    std::memcpy(key.keyId, record.keyId, sizeof key.keyId);
-    key.keyIdLen = sizeof key.keyId;
-    std::copy(alias.begin(), alias.end(), key.keyAlias);
-    key.keyAliasLen = static_cast<std::uint32_t>(alias.size());
-    std::copy(label.begin(), label.end(), key.label);
-    key.keyUsage = record.usage;
-    std::copy(publicKey.begin(), publicKey.end(), key.publicKey);
-    key.publicKeyLen = static_cast<std::uint32_t>(publicKey.size());
-}
 
 }  // namespace talvik::csp
 

@@ -2,7 +2,6 @@
 // plain and wrapped AES keys are stored on the token.
 #include <algorithm>
 #include <climits>
-#include <cstring>
 #include <memory>
 
 #include "csp/context.h"
@@ -15,6 +14,7 @@
 #include "token/blob.h"
 #include "token/library_buffer.h"
 #include "token/session.h"
+#include "token/token_records.h"
 
 namespace talvik::csp {
 namespace {
@@ -126,8 +126,7 @@ Outcome importPublicKey(const Import& import) {
         return refuseMissingHandle();
     }
     std::unique_ptr<KEY_HANDLE> key = newKey();
-    std::copy(der->begin(), der->end(), key->publicKey);
-    key->publicKeyLen = static_cast<std::uint32_t>(der->size());
+    setPublicKey(*key, key->publicKeyLen, *der);
     key->algId = size->keyType;
     handOver(std::move(key), import.phKey);
     logDebug("PUBLICKEYBLOB imported successfully");
@@ -136,23 +135,14 @@ Outcome importPublicKey(const Import& import) {
 
 // --- AES keys for the token ------------------------------------------------------------------------------------------
 
-template <std::size_t Capacity>
-std::string_view textOf(const char (&field)[Capacity]) {
-    return {field, std::find(field, field + Capacity, '\0')};
-}
-
 // A handle on a key that the token has just stored. Its value stays there.
-std::unique_ptr<KEY_HANDLE> describeStoredKey(const TalvikSymmetricKey& record, ALG_ID algId) {
+std::unique_ptr<KEY_HANDLE> makeStoredKey(const TalvikSymmetricKey& record, ALG_ID algId) {
     std::unique_ptr<KEY_HANDLE> key = newKey();
-    const std::string_view label = textOf(record.label);
-    const std::string_view name = textOf(record.name);
-    std::memcpy(key->keyId, record.identifier, sizeof key->keyId);
+    const std::string_view name = nameOf(record);
+    describeStoredKey(*key, record);
     key->algId = algId;
-    key->keyUsage = record.usage;
     std::copy(name.begin(), name.end(), key->keyAlias);
     key->keyAliasLen = static_cast<std::uint32_t>(name.size());
-    std::copy(label.begin(), label.end(), key->label);
-    key->storageFlag = record.storageFlag;
     return key;
 }
 
@@ -166,7 +156,7 @@ Outcome storeOnToken(const Import& import, ByteView value, std::uint32_t keyType
     if (!stored) {
         return fail(NTE_BAD_TYPE, failed);
     }
-    handOver(describeStoredKey(*stored, import.algId()), import.phKey);
+    handOver(makeStoredKey(*stored, import.algId()), import.phKey);
     logDebug(succeeded);
     return success();
 }

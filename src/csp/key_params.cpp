@@ -119,17 +119,6 @@ bool pinForCertificate(const CspContext& context, SecretText& pin) {
     return loginUser(context.deviceId, context.reserved, pin);
 }
 
-TalvikCertificate certificateFor(const KEY_HANDLE& key, ByteView der) {
-    TalvikCertificate record = {};
-    std::memcpy(record.keyId, key.keyId, sizeof record.keyId);
-    std::copy(der.begin(), der.end(), record.der);
-    record.derLength = static_cast<std::uint32_t>(der.size());
-    std::memcpy(record.keyAlias, key.keyAlias, sizeof record.keyAlias);
-    record.keyAliasLength = key.keyAliasLen;
-    std::memcpy(record.label, key.label, sizeof record.label);
-    return record;
-}
-
 Outcome setCertificate(const CspContext& context, const KEY_HANDLE& key, const BYTE* pbData) {
     if (pbData == nullptr) {
         return fail(ERROR_INVALID_PARAMETER, "CPSetKeyParam: KP_CERTIFICATE pbData is null");
@@ -150,8 +139,8 @@ Outcome setCertificate(const CspContext& context, const KEY_HANDLE& key, const B
     if (!pinForCertificate(context, pin)) {
         return fail(NTE_FAIL, "CPSetKeyParam: KP_CERTIFICATE login failed");
     }
-    TalvikCertificate record = certificateFor(key, {pbData, total});
-    const int status = talvik_importCertificate(context.deviceId.c_str(), pin.c_str(), &record, context.reserved);
+    const int status =
+        storeCertificate(context.deviceId, pin.c_str(), key, aliasOf(key), {pbData, total}, context.reserved);
     if (status != TALVIK_STATUS_OK) {
         return fail(NTE_FAIL, "CPSetKeyParam: KP_CERTIFICATE import failed ret=", status);
     }

@@ -7,8 +7,7 @@
 
 #include "csp/entry_points.h"
 #include "log/log.h"
-#include "token/secret_text.h"
-#include "token/session.h"
+#include "token/pin_login.h"
 #include "token/shared_state.h"
 #include "token/token_records.h"
 
@@ -190,14 +189,12 @@ Outcome setPin(const CspContext& context, const BYTE* pbData) {
     if (pbData == nullptr) {
         return fail(ERROR_INVALID_PARAMETER, "CPSetProvParam: NULL PIN data");
     }
-    const SecretText pin(reinterpret_cast<const char*>(pbData));
-    logDebug("CPSetProvParam - passwordLength : ", pin.size());
-    int remaining = 0;
-    const int status = talvik_validatePassword(context.deviceId.c_str(), pin.c_str(), 1, &remaining, context.reserved);
+    const auto* const pin = reinterpret_cast<const char*>(pbData);
+    logDebug("CPSetProvParam - passwordLength : ", std::strlen(pin));
+    const int status = validatePin(context.deviceId, pin, context.reserved).status;
     if (status != TALVIK_STATUS_OK) {
         return fail(NTE_KEYSET_ENTRY_BAD, "CPSetProvParam - Token password validation failed : ", status);
     }
-    setDevicePassword(context.deviceId, pin.c_str());
     return success();
 }
 

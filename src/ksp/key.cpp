@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <vector>
 
@@ -19,16 +18,9 @@
 namespace talvik::ksp {
 namespace {
 
-// Identifier, public key, alias, label and flag of a key pair on the token; what else the key says stays.
+// Flag included; what else the key says stays.
 void describeTokenKey(KspKey& key, const TalvikKeyPair& record) {
-    const ByteView alias = talvik::aliasOf(record);
-    const std::string_view label = labelOf(record);
-    std::memcpy(key.keyId, record.keyId, sizeof key.keyId);
-    key.keyIdLength = sizeof key.keyId;
-    setPublicKey(key, talvik::publicKeyOf(record));
-    std::copy(alias.begin(), alias.end(), key.keyAlias);
-    key.keyAliasLength = static_cast<std::uint32_t>(alias.size());
-    label.copy(key.label, sizeof key.label);
+    describeKeyPair(key, lengthsOf(key), record);
     key.storageFlag = record.storageFlag;
     key.isFinalized = 1;
 }
@@ -226,16 +218,6 @@ SECURITY_STATUS enumKeys(const BoundToken& token, NCryptKeyName** ppKeyName, PVO
 }
 
 }  // namespace
-
-bool setPublicKey(KspKey& key, ByteView publicKey) {
-    if (publicKey.size() > sizeof key.publicKey) {
-        return false;
-    }
-    std::copy(publicKey.begin(), publicKey.end(), key.publicKey);
-    key.publicKeyLength = static_cast<std::uint32_t>(publicKey.size());
-    return true;
-}
-
 }  // namespace talvik::ksp
 
 using talvik::ksp::BoundToken;

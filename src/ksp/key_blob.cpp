@@ -39,7 +39,7 @@ struct Import {
 
 std::unique_ptr<KspKey> makePublicKey(const RsaSize& size, ByteView publicKey) {
     auto key = std::make_unique<KspKey>();
-    if (!setPublicKey(*key, publicKey)) {
+    if (!setPublicKey(*key, key->publicKeyLength, publicKey)) {
         return nullptr;
     }
     key->algorithm = size.keyType;
@@ -66,10 +66,7 @@ std::unique_ptr<KspKey> storeOnToken(const BoundToken& token, std::uint32_t keyT
         return nullptr;
     }
     std::unique_ptr<KspKey> key = makeAesKey(keyType, value);
-    std::copy_n(record->identifier, sizeof key->keyId, key->keyId);
-    std::copy_n(record->label, sizeof key->label, key->label);
-    key->keyUsage = record->usage;
-    key->storageFlag = record->storageFlag;
+    describeStoredKey(*key, *record);
     return key;
 }
 
@@ -225,7 +222,7 @@ void fetchPublicKey(const BoundToken& token, KspKey& key) {
     const auto found = std::find_if(records.begin(), records.end(),
                                     [&](const TalvikKeyPair& record) { return equalBytes(record.keyId, key.keyId); });
     if (found != records.end()) {
-        setPublicKey(key, talvik::publicKeyOf(*found));
+        setPublicKey(key, key.publicKeyLength, talvik::publicKeyOf(*found));
     }
 }
 

@@ -1,5 +1,4 @@
 // KSPSetKeyProperty.
-#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <string_view>
@@ -25,11 +24,10 @@ struct Setting {
 };
 
 SECURITY_STATUS setCertificate(const Setting& setting) {
-    TalvikCertificate certificate = {};
     if (setting.isEmpty()) {
         return fail(NTE_INVALID_PARAMETER, "KSPSetKeyProperty: NCRYPT_CERTIFICATE_PROPERTY pbInput is null or empty");
     }
-    if (setting.input.size() > sizeof certificate.der) {
+    if (setting.input.size() > sizeof TalvikCertificate::der) {
         return fail(NTE_INVALID_PARAMETER, "KSPSetKeyProperty: NCRYPT_CERTIFICATE_PROPERTY certificate too large");
     }
     const std::shared_ptr<const BoundToken> token = setting.provider.token();
@@ -38,14 +36,8 @@ SECURITY_STATUS setCertificate(const Setting& setting) {
     if (refusal != ERROR_SUCCESS) {
         return refusal;
     }
-    std::memcpy(certificate.keyId, key.keyId, sizeof certificate.keyId);
-    std::copy(setting.input.begin(), setting.input.end(), certificate.der);
-    certificate.derLength = static_cast<std::uint32_t>(setting.input.size());
-    std::memcpy(certificate.keyAlias, key.keyAlias, sizeof certificate.keyAlias);
-    certificate.keyAliasLength = key.keyAliasLength;
-    std::memcpy(certificate.label, key.label, sizeof certificate.label);
-    const int status = talvik_importCertificate(token->deviceId.c_str(), getDevicePassword(token->deviceId).c_str(),
-                                                &certificate, token->libraryContext);
+    const int status = storeCertificate(token->deviceId, getDevicePassword(token->deviceId).c_str(), key, aliasOf(key),
+                                        setting.input, token->libraryContext);
     if (status != TALVIK_STATUS_OK) {
         return fail(NTE_INTERNAL_ERROR, "KSP: Import certificate failed: ", status);
     }

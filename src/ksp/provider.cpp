@@ -189,14 +189,10 @@ SECURITY_STATUS setPin(const char* name, const BoundToken& token, const BYTE* pi
         return fail(NTE_INVALID_PARAMETER, name, ": NCRYPT_PIN_PROPERTY pbInput is null");
     }
     logDebug("KSP: Setting PIN via property");
-    const auto* const text = reinterpret_cast<const char*>(pin);
-    int remainingAttempts = 0;
-    const int status =
-        talvik_validatePassword(token.deviceId.c_str(), text, 1, &remainingAttempts, token.libraryContext);
+    const int status = validatePin(token.deviceId, reinterpret_cast<const char*>(pin), token.libraryContext).status;
     if (status != TALVIK_STATUS_OK) {
         return fail(NTE_VALIDATION_FAILED, "KSP: PIN validation failed: ", status);
     }
-    setDevicePassword(token.deviceId, text);
     return ERROR_SUCCESS;
 }
 

@@ -65,6 +65,14 @@ std::string_view labelOf(const TalvikCertificate& certificate) {
     return boundedText(certificate.label);
 }
 
+std::string_view labelOf(const TalvikSymmetricKey& key) {
+    return boundedText(key.label);
+}
+
+std::string_view nameOf(const TalvikSymmetricKey& key) {
+    return boundedText(key.name);
+}
+
 bool usageSigns(std::uint32_t usage) {
     return usage == TALVIK_USAGE_SIGN || usage == TALVIK_USAGE_BOTH;
 }

@@ -21,6 +21,8 @@ ByteView aliasOf(const TalvikCertificate& certificate);
 ByteView derOf(const TalvikCertificate& certificate);
 std::string_view labelOf(const TalvikKeyPair& key);
 std::string_view labelOf(const TalvikCertificate& certificate);
+std::string_view labelOf(const TalvikSymmetricKey& key);
+std::string_view nameOf(const TalvikSymmetricKey& key);
 
 // What a key's usage code allows.
 bool usageSigns(std::uint32_t usage);
