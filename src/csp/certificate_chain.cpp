@@ -138,7 +138,7 @@ BOOL answerMessage(HCRYPTMSG message, BYTE* pbData, DWORD* pcbData) {
     const DWORD room = *pcbData;
     *pcbData = static_cast<DWORD>(encoded->size());
     if (pbData != nullptr && room >= encoded->size()) {
-        std::copy(encoded->begin(), encoded->end(), pbData);
+        std::ranges::copy(*encoded, pbData);
         return TRUE;
     }
     SetLastError(ERROR_MORE_DATA);
@@ -176,7 +176,7 @@ std::vector<std::size_t> orderCertificateChain(std::size_t leaf, TokenCertificat
     }
     for (;;) {
         const std::optional<std::size_t> issuer = findIssuer(*current, leaf, certificates);
-        if (!issuer || std::find(chain.begin(), chain.end(), *issuer) != chain.end()) {
+        if (!issuer || std::ranges::find(chain, *issuer) != chain.end()) {
             return chain;
         }
         chain.push_back(*issuer);

@@ -70,7 +70,7 @@ Outcome encryptAes(const CspContext& context, const KEY_HANDLE& key, BYTE* pbDat
     if (ciphertext.size() > dwBufLen) {
         return fail(ERROR_MORE_DATA, "CPEncrypt: symmetric output buffer too small, required=", ciphertext.size());
     }
-    std::copy(ciphertext.begin(), ciphertext.end(), pbData);
+    std::ranges::copy(ciphertext, pbData);
     logDebug("CPEncrypt: symmetric encryption success, length=", ciphertext.size());
     return success();
 }
@@ -111,7 +111,7 @@ Outcome deliverPlaintext(ByteView plaintext, BYTE* pbData, DWORD* pdwDataLen) {
     if (plaintext.size() > room) {
         return fail(ERROR_MORE_DATA, "CPDecrypt: output buffer too small, required=", plaintext.size());
     }
-    std::copy(plaintext.begin(), plaintext.end(), pbData);
+    std::ranges::copy(plaintext, pbData);
     logDebug("CPDecrypt- return");
     return success();
 }

@@ -11,6 +11,7 @@
 #include "log/log.h"
 #include "token/algorithms.h"
 #include "token/device_library.h"
+#include "token/handle.h"
 
 namespace talvik::csp {
 namespace {
@@ -57,7 +58,7 @@ Outcome create(HCRYPTPROV hProv, ALG_ID algId, DWORD dwFlags, HCRYPTHASH* phHash
     if (status != TALVIK_STATUS_OK) {
         return fail(NTE_FAIL, "CPCreateHash: talvik_initHash failed, ret=", status);
     }
-    *phHash = reinterpret_cast<HCRYPTHASH>(hash.release());
+    handOver(std::move(hash), phHash);
     return success();
 }
 
@@ -80,17 +81,11 @@ Outcome hashData(HCRYPTPROV hProv, HCRYPTHASH hHash, const BYTE* pbData, DWORD c
     return success();
 }
 
-// Where a parameter's answer goes.
-struct Output {
-    BYTE* buffer;
-    DWORD* size;
-};
-
 // The 32-bit answers follow from the mechanism. An unknown one matters only once there is room for the answer.
 Outcome answerWord(const HASH_CONTEXT& hash, Output out, const char* name, std::uint32_t HashAlgorithm::*field) {
     std::uint32_t value = 0;
-    if (out.buffer == nullptr || *out.size < sizeof value) {
-        return answer(bytesOf(value), out.buffer, out.size, "CPGetHashParam: ", name, " buffer too small");
+    if (!out.hasRoomFor(sizeof value)) {
+        return answer(bytesOf(value), out, "CPGetHashParam: ", name, " buffer too small");
     }
     const HashAlgorithm* const algorithm = algorithmOfMechanism(hash.mechanism);
     if (algorithm == nullptr) {
@@ -100,7 +95,7 @@ Outcome answerWord(const HASH_CONTEXT& hash, Output out, const char* name, std::
     if (field == &HashAlgorithm::digestSize) {
         logDebug("Get hash param hashSize : ", value);
     }
-    const Outcome outcome = answer(bytesOf(value), out.buffer, out.size);
+    const Outcome outcome = answer(bytesOf(value), out);
     logDebug("Get hash param success");
     return outcome;
 }
@@ -115,13 +110,13 @@ Outcome getHashValue(HASH_CONTEXT& hash, Output out, void* reserved) {
         return success();
     }
     if (hash.isFinalized != 0) {
-        return answer({hash.hashValue, hash.hashValueLen}, out.buffer, out.size,
+        return answer({hash.hashValue, hash.hashValueLen}, out,
                       "CPGetHashParam: HP_HASHVAL buffer too small for cached hash value");
     }
     if (const auto failure = finalizeHash(hash, static_cast<int>(algorithm->digestSize), reserved)) {
         return fail(NTE_FAIL, "CPGetHashParam: talvik_finalHash failed, ret=", *failure);
     }
-    return answer({hash.hashValue, hash.hashValueLen}, out.buffer, out.size,
+    return answer({hash.hashValue, hash.hashValueLen}, out,
                   "CPGetHashParam: HP_HASHVAL buffer too small for finalized hash");
 }
 
@@ -129,8 +124,7 @@ Outcome getHmacInfo(const HASH_CONTEXT& hash, Output out) {
     if (hash.isHmac == 0) {
         return fail(NTE_BAD_TYPE, "CPGetHashParam: HP_HMAC_INFO requested but hash is not HMAC");
     }
-    const Outcome outcome =
-        answer(bytesOf(hash.hmacInfo), out.buffer, out.size, "CPGetHashParam: HP_HMAC_INFO buffer too small");
+    const Outcome outcome = answer(bytesOf(hash.hmacInfo), out, "CPGetHashParam: HP_HMAC_INFO buffer too small");
     if (out.buffer != nullptr && outcome.result != FALSE) {
         logDebug("Get hash param success");
     }
@@ -241,7 +235,7 @@ Outcome duplicate(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD dwFlags, HCRYPTHASH*
         return fail(NTE_FAIL, "CPDuplicateHash: talvik_initHash failed, ret=", status);
     }
     logDebug("CPDuplicateHash - source: 0x", HexNumber{hHash}, " duplicate: 0x", HexNumber{addressNumber(copy.get())});
-    *phHash = reinterpret_cast<HCRYPTHASH>(copy.release());
+    handOver(std::move(copy), phHash);
     return success();
 }
 

@@ -9,6 +9,7 @@
 #include "csp/outcome.h"
 #include "log/log.h"
 #include "token/algorithms.h"
+#include "token/handle.h"
 #include "token/pin_login.h"
 #include "token/session.h"
 #include "token/shared_state.h"
@@ -88,7 +89,7 @@ Outcome generate(HCRYPTPROV hProv, ALG_ID algId, DWORD dwFlags, HCRYPTKEY* phKey
     }
     describeTokenKey(*key, record);
     renameContainer(*context, *key);
-    *phKey = reinterpret_cast<HCRYPTKEY>(key.release());
+    handOver(std::move(key), phKey);
     logDebug("Key generated successfully, Algid=", algId, " bits=", bits);
     return success();
 }
@@ -144,7 +145,7 @@ Outcome getUserKey(HCRYPTPROV hProv, DWORD dwKeySpec, HCRYPTKEY* phUserKey) {
         return fail(NTE_BAD_KEY, "CPGetUserKey: requested key not found, dwKeySpec=", dwKeySpec);
     }
     logDebug("CPGetUserKey - return key algorithm : ", key->algId);
-    *phUserKey = reinterpret_cast<HCRYPTKEY>(key.release());
+    handOver(std::move(key), phUserKey);
     return success();
 }
 

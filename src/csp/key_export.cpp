@@ -17,7 +17,7 @@ namespace {
 void writePublicKeyBlob(ByteView modulus, std::uint32_t algId, BYTE* blob) {
     const PublicKeyBlobHeader header = publicKeyBlobHeader(algId, modulus.size());
     std::memcpy(blob, &header, sizeof header);
-    std::reverse_copy(modulus.begin(), modulus.end(), blob + sizeof header);
+    std::ranges::reverse_copy(modulus, blob + sizeof header);
 }
 
 Outcome ExportPublicKeyComponents(const CspContext& context, const KEY_HANDLE& key, BYTE* pbData, DWORD* pdwDataLen) {
@@ -25,7 +25,7 @@ Outcome ExportPublicKeyComponents(const CspContext& context, const KEY_HANDLE& k
     if (records.empty()) {
         return fail(NTE_BAD_KEY, "ExportPublicKeyComponents: key list is empty");
     }
-    const auto record = std::find_if(records.begin(), records.end(), [&](const TalvikKeyPair& candidate) {
+    const auto record = std::ranges::find_if(records, [&](const TalvikKeyPair& candidate) {
         return std::memcmp(candidate.keyId, key.keyId, sizeof key.keyId) == 0;
     });
     if (record == records.end()) {

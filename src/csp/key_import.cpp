@@ -12,6 +12,7 @@
 #include "token/aes_import.h"
 #include "token/algorithms.h"
 #include "token/blob.h"
+#include "token/handle.h"
 #include "token/library_buffer.h"
 #include "token/session.h"
 #include "token/token_records.h"
@@ -40,10 +41,6 @@ struct Import {
 
 Outcome refuseMissingHandle() {
     return fail(ERROR_INVALID_PARAMETER, "CPImportKey - phKey is null");
-}
-
-void handOver(std::unique_ptr<KEY_HANDLE> key, HCRYPTKEY* phKey) {
-    *phKey = reinterpret_cast<HCRYPTKEY>(key.release());
 }
 
 std::unique_ptr<KEY_HANDLE> newKey() {
@@ -90,7 +87,7 @@ Outcome importSessionKey(const Import& import) {
         return refuseMissingHandle();
     }
     key->algId = algorithm->keyType;
-    std::copy(value.begin(), value.end(), key->aesKey);
+    std::ranges::copy(value, key->aesKey);
     key->aesKeyLen = static_cast<std::int32_t>(value.size());
     logDebug("Output key id : ", HexBytes{key->keyId, sizeof key->keyId});
     handOver(std::move(key), import.phKey);
@@ -141,7 +138,7 @@ std::unique_ptr<KEY_HANDLE> makeStoredKey(const TalvikSymmetricKey& record, ALG_
     const std::string_view name = nameOf(record);
     describeStoredKey(*key, record);
     key->algId = algId;
-    std::copy(name.begin(), name.end(), key->keyAlias);
+    std::ranges::copy(name, key->keyAlias);
     key->keyAliasLen = static_cast<std::uint32_t>(name.size());
     return key;
 }

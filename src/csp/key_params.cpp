@@ -17,12 +17,6 @@
 namespace talvik::csp {
 namespace {
 
-// Where a parameter's answer goes. Whether the size can be reported matters only once there is an answer.
-struct Output {
-    BYTE* buffer;
-    DWORD* size;
-};
-
 // A null buffer and a zero length both ask for the size here.
 bool isSizeQuery(Output out) {
     return out.buffer == nullptr || out.size == nullptr || *out.size == 0;
@@ -40,7 +34,7 @@ Outcome getWord(DWORD value, Output out, const char* name) {
     if (isSizeQuery(out)) {
         return answerSize(sizeof value, out);
     }
-    return answer(bytesOf(value), out.buffer, out.size, "CPGetKeyParam - Output buffer length for ", name,
+    return answer(bytesOf(value), out, "CPGetKeyParam - Output buffer length for ", name,
                   " not enough : ", sizeof value);
 }
 
@@ -52,7 +46,7 @@ Outcome getAlgId(const KEY_HANDLE& key, Output out) {
     if (*out.size >= sizeof key.algId) {
         logDebug("CPGetKeyParam - copying alg id : ", key.algId);
     }
-    return answer(bytesOf(key.algId), out.buffer, out.size,
+    return answer(bytesOf(key.algId), out,
                   "CPGetKeyParam - Output buffer length for alg not enough : ", sizeof key.algId);
 }
 
@@ -65,8 +59,8 @@ Outcome getCertificate(const CspContext& context, const KEY_HANDLE& key, Output 
     talvik_initDevice(context.deviceId.c_str(), true, context.reserved);
     const std::vector<TalvikCertificate> certificates =
         talvik_getCertificateList(context.deviceId.c_str(), context.reserved);
-    const auto found = std::find_if(certificates.begin(), certificates.end(),
-                                    [&](const TalvikCertificate& certificate) { return belongsTo(certificate, key); });
+    const auto found = std::ranges::find_if(
+        certificates, [&](const TalvikCertificate& certificate) { return belongsTo(certificate, key); });
     if (found == certificates.end()) {
         return fail(NTE_NOT_FOUND, "CPGetKeyParam - Certificate not found");
     }
@@ -74,8 +68,7 @@ Outcome getCertificate(const CspContext& context, const KEY_HANDLE& key, Output 
     if (isSizeQuery(out)) {
         return answerSize(static_cast<DWORD>(der.size()), out);
     }
-    return answer(der, out.buffer, out.size,
-                  "CPGetKeyParam - Output buffer length for certificate not enough : ", der.size());
+    return answer(der, out, "CPGetKeyParam - Output buffer length for certificate not enough : ", der.size());
 }
 
 Outcome getParam(HCRYPTPROV hProv, HCRYPTKEY hKey, DWORD dwParam, Output out) {

@@ -40,7 +40,7 @@ ChainsByContainer chainsOfToken(const std::vector<TalvikKeyPair>& keys, TokenCer
 
 }  // namespace
 
-Outcome getCertificateChain(const CspContext& context, ProviderOutput out) {
+Outcome getCertificateChain(const CspContext& context, Output out) {
     const std::vector<TalvikKeyPair> keys = talvik_getKeyPairList(context.deviceId.c_str(), context.reserved);
     TokenCertificates certificates(talvik_getCertificateList(context.deviceId.c_str(), context.reserved));
     const ChainsByContainer chains = chainsOfToken(keys, certificates);

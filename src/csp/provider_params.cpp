@@ -7,6 +7,7 @@
 
 #include "csp/entry_points.h"
 #include "log/log.h"
+#include "module.h"
 #include "token/pin_login.h"
 #include "token/shared_state.h"
 #include "token/token_records.h"
@@ -14,7 +15,6 @@
 namespace talvik::csp {
 namespace {
 
-constexpr std::string_view providerName = "Talvik Cryptographic Provider CSP";
 constexpr DWORD hardwareAndRemovable = CRYPT_IMPL_HARDWARE | CRYPT_IMPL_REMOVABLE;
 constexpr DWORD providerVersion = 0x100;
 
@@ -23,7 +23,7 @@ Outcome refuseMissingSize() {
 }
 
 // How the simple parameters end: a missing or short buffer is no error, the value is just not written.
-Outcome reportLength(std::size_t length, ProviderOutput out) {
+Outcome reportLength(std::size_t length, Output out) {
     if (out.size == nullptr) {
         return refuseMissingSize();
     }
@@ -33,14 +33,14 @@ Outcome reportLength(std::size_t length, ProviderOutput out) {
     return success();
 }
 
-Outcome simpleWord(DWORD value, ProviderOutput out) {
+Outcome simpleWord(DWORD value, Output out) {
     if (out.hasRoomFor(sizeof value)) {
         std::memcpy(out.buffer, &value, sizeof value);
     }
     return reportLength(sizeof value, out);
 }
 
-Outcome implementationType(ProviderOutput out) {
+Outcome implementationType(Output out) {
     if (out.hasRoomFor(sizeof hardwareAndRemovable)) {
         logDebug("CPGetProvParam not null value provided");
     }
@@ -48,16 +48,16 @@ Outcome implementationType(ProviderOutput out) {
 }
 
 // Reports its length without the NUL after a copy, but with it as the needed size.
-Outcome name(ProviderOutput out) {
-    constexpr std::size_t needed = providerName.size() + 1;
+Outcome name(Output out) {
+    constexpr std::size_t needed = sizeof PROVIDER_NAME;
     if (!out.hasRoomFor(needed)) {
         return reportLength(needed, out);
     }
-    std::memcpy(out.buffer, providerName.data(), needed);
-    return reportLength(providerName.size(), out);
+    std::memcpy(out.buffer, PROVIDER_NAME, needed);
+    return reportLength(needed - 1, out);
 }
 
-Outcome container(const CspContext& context, ProviderOutput out) {
+Outcome container(const CspContext& context, Output out) {
     containerQueried = true;
     logDebug("CPGetProvParam - copying container");
     const std::size_t needed = context.containerName.size() + 1;
@@ -69,37 +69,36 @@ Outcome container(const CspContext& context, ProviderOutput out) {
 
 // The 32-bit answers that tell a missing or short buffer with ERROR_MORE_DATA.
 template <class... Parts>
-Outcome word(DWORD value, ProviderOutput out, const Parts&... written) {
+Outcome word(DWORD value, Output out, const Parts&... written) {
     if (!out.hasRoomFor(sizeof value)) {
         return moreData(sizeof value, out);
     }
     if constexpr (sizeof...(written) > 0) {
         logDebug(written..., value);
     }
-    return answer(bytesOf(value), out.buffer, out.size);
+    return answer(bytesOf(value), out);
 }
 
-Outcome pinQuery(ProviderOutput out) {
+Outcome pinQuery(Output out) {
     logDebug("CPGetProvParam: PIN query");
     return word(1, out);
 }
 
-Outcome hardwareRng(ProviderOutput out) {
+Outcome hardwareRng(Output out) {
     if (!out.hasRoomFor(sizeof(DWORD))) {
         logDebug("Required size is Large");
     }
     return word(useHardwareRng, out, "CPGetProvParam: PP_USE_HARDWARE_RNG = ");
 }
 
-Outcome keySpec(const CspContext& context, ProviderOutput out) {
+Outcome keySpec(const CspContext& context, Output out) {
     if (context.containerName.empty() || context.deviceId.empty()) {
         logDebug("CPGetProvParam PP_KEYSPEC: no container, returning supported specs");
         return word(AT_KEYEXCHANGE | AT_SIGNATURE, out);
     }
     const std::vector<TalvikKeyPair> keys = talvik_getKeyPairList(context.deviceId.c_str(), context.reserved);
-    const auto key = std::find_if(keys.begin(), keys.end(), [&](const TalvikKeyPair& candidate) {
-        return hasContainerName(candidate, context.containerName);
-    });
+    const auto key = std::ranges::find_if(
+        keys, [&](const TalvikKeyPair& candidate) { return hasContainerName(candidate, context.containerName); });
     if (key == keys.end()) {
         return fail(NTE_NO_KEY, "CPGetProvParam PP_KEYSPEC: key not found for container=", context.containerName);
     }
@@ -107,7 +106,7 @@ Outcome keySpec(const CspContext& context, ProviderOutput out) {
 }
 
 // Everyone has access: what protects a key is the token's PIN.
-Outcome securityDescriptor(ProviderOutput out) {
+Outcome securityDescriptor(Output out) {
     logDebug("CPGetProvParam: PP_KEYSET_SEC_DESCR");
     SECURITY_DESCRIPTOR descriptor = {};
     InitializeSecurityDescriptor(&descriptor, SECURITY_DESCRIPTOR_REVISION);
@@ -124,7 +123,7 @@ Outcome securityDescriptor(ProviderOutput out) {
     return success();
 }
 
-Outcome getByParameter(CspContext& context, DWORD dwParam, ProviderOutput out, DWORD dwFlags) {
+Outcome getByParameter(CspContext& context, DWORD dwParam, Output out, DWORD dwFlags) {
     switch (dwParam) {
         case PP_ENUMALGS:
             return enumerateAlgorithms(context, out, dwFlags);
@@ -166,7 +165,7 @@ Outcome getByParameter(CspContext& context, DWORD dwParam, ProviderOutput out, D
     }
 }
 
-Outcome getParam(HCRYPTPROV hProv, DWORD dwParam, ProviderOutput out, DWORD dwFlags) {
+Outcome getParam(HCRYPTPROV hProv, DWORD dwParam, Output out, DWORD dwFlags) {
     CspContext* const context = contextOf(hProv);
     if (context == nullptr) {
         return fail(NTE_BAD_UID, "CPGetProvParam: context is null or not initialized");
@@ -231,7 +230,7 @@ Outcome setParam(HCRYPTPROV hProv, DWORD dwParam, const BYTE* pbData) {
 
 }  // namespace
 
-Outcome moreData(std::size_t needed, ProviderOutput out) {
+Outcome moreData(std::size_t needed, Output out) {
     if (out.size == nullptr) {
         return refuseMissingSize();
     }

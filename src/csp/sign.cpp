@@ -61,7 +61,7 @@ Outcome deliverSignature(std::span<unsigned char> signature, BYTE* pbSignature, 
     if (room < signature.size()) {
         return fail(ERROR_MORE_DATA, "CPSignHash: signature buffer too small, required=", signature.size());
     }
-    std::reverse_copy(signature.begin(), signature.end(), pbSignature);
+    std::ranges::reverse_copy(signature, pbSignature);
     return success();
 }
 

@@ -39,6 +39,10 @@ inline constexpr auto algorithms = [] {
     return rows;
 }();
 
+// Room for the longest of these names, with its NUL.
+inline constexpr std::size_t algorithmNameRoom =
+    std::ranges::max(algorithms, {}, [](const Algorithm& row) { return row.name.size(); }).name.size() + 1;
+
 // Of a key type; everything that is no elliptic-curve key is called RSA.
 constexpr std::wstring_view algorithmNameOf(std::uint32_t keyType) {
     const EllipticCurve* const curve = findCurve(keyType);

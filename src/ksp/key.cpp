@@ -13,6 +13,7 @@
 #include "ksp/entry_points.h"
 #include "ksp/provider.h"
 #include "log/log.h"
+#include "token/handle.h"
 #include "token/session.h"
 
 namespace talvik::ksp {
@@ -37,7 +38,7 @@ std::shared_ptr<const BoundToken> bindToKey(KspProvider& provider, const std::ws
 
 // Whether a key's hex name is `name`; the walk up to it goes to the log.
 bool listsKeyNamed(const std::vector<TalvikKeyPair>& records, std::string_view name) {
-    return std::any_of(records.begin(), records.end(), [=](const TalvikKeyPair& record) {
+    return std::ranges::any_of(records, [=](const TalvikKeyPair& record) {
         logDebug("KSP: Available key: ", HexBytes{record.keyId, sizeof record.keyId});
         return hasContainerName(record, name);
     });
@@ -63,7 +64,7 @@ SECURITY_STATUS openKey(KspProvider& provider, NCRYPT_KEY_HANDLE* phKey, LPCWSTR
     }
     logDebug("KSP: Key match found, proceeding...");
     // A key before the listed one may bear this name as its label; one of the two is always there.
-    const TalvikKeyPair& record = *std::find_if(records.begin(), records.end(), [&](const TalvikKeyPair& candidate) {
+    const TalvikKeyPair& record = *std::ranges::find_if(records, [&](const TalvikKeyPair& candidate) {
         return hasContainerName(candidate, name) || labelOf(candidate) == name;
     });
     auto key = std::make_unique<KspKey>();
@@ -73,7 +74,7 @@ SECURITY_STATUS openKey(KspProvider& provider, NCRYPT_KEY_HANDLE* phKey, LPCWSTR
     key->keyLength = keyBitsOfType(record.keyType);
     key->keyName = keyName;
     logDebug("KSP: Key opened, algorithm=", key->algorithm, " bits=", key->keyLength);
-    *phKey = reinterpret_cast<NCRYPT_KEY_HANDLE>(key.release());
+    handOver(std::move(key), phKey);
     return ERROR_SUCCESS;
 }
 
@@ -95,7 +96,7 @@ SECURITY_STATUS createPersistedKey(NCRYPT_KEY_HANDLE* phKey, LPCWSTR pszAlgId, L
     }
     key->keyUsage = isRsa && dwLegacyKeySpec == AT_KEYEXCHANGE ? TALVIK_USAGE_EXCHANGE : TALVIK_USAGE_SIGN;
     key->keyName = pszKeyName != nullptr ? pszKeyName : L"";
-    *phKey = reinterpret_cast<NCRYPT_KEY_HANDLE>(key.release());
+    handOver(std::move(key), phKey);
     logDebug("KSP: Key object created, waiting for FinalizeKey");
     return ERROR_SUCCESS;
 }
@@ -168,7 +169,7 @@ KspKeyEnumState* beginEnumeration(const BoundToken& token) {
     auto* const state = static_cast<KspKeyEnumState*>(std::malloc(size));
     if (state != nullptr) {
         *state = {0, records.size()};
-        std::copy(records.begin(), records.end(), state->keyPairs());
+        std::ranges::copy(records, state->keyPairs());
     }
     return state;
 }
@@ -177,7 +178,7 @@ KspKeyEnumState* beginEnumeration(const BoundToken& token) {
 struct KeyNameEntry {
     NCryptKeyName keyName;
     wchar_t name[2 * sizeof TalvikKeyPair::keyId + 1];
-    wchar_t algorithm[11];
+    wchar_t algorithm[algorithmNameRoom];
 };
 
 DWORD legacyKeySpecOf(const TalvikKeyPair& record) {
@@ -208,8 +209,8 @@ SECURITY_STATUS enumKeys(const BoundToken& token, NCryptKeyName** ppKeyName, PVO
     if (entry == nullptr) {
         return fail(NTE_NO_MEMORY, "KSPEnumKeys: failed to allocate key name");
     }
-    std::copy(name.begin(), name.end(), entry->name);
-    algorithmNameOf(record.keyType).copy(entry->algorithm, std::size(entry->algorithm) - 1);
+    std::ranges::copy(name, entry->name);
+    std::ranges::copy(algorithmNameOf(record.keyType), entry->algorithm);
     entry->keyName = {entry->name, entry->algorithm, legacyKeySpecOf(record), 0};
     *ppKeyName = &entry->keyName;
     ++state.nextIndex;

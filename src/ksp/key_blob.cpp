@@ -17,6 +17,7 @@
 #include "token/aes_import.h"
 #include "token/algorithms.h"
 #include "token/blob.h"
+#include "token/handle.h"
 #include "token/session.h"
 
 namespace talvik::ksp {
@@ -30,8 +31,8 @@ struct Import {
     ByteView data;
     NCRYPT_KEY_HANDLE* phKey;
 
-    SECURITY_STATUS handOver(std::unique_ptr<KspKey> key, const char* text) const {
-        *phKey = reinterpret_cast<NCRYPT_KEY_HANDLE>(key.release());
+    SECURITY_STATUS deliver(std::unique_ptr<KspKey> key, const char* text) const {
+        handOver(std::move(key), phKey);
         logDebug(text);
         return ERROR_SUCCESS;
     }
@@ -51,7 +52,7 @@ std::unique_ptr<KspKey> makePublicKey(const RsaSize& size, ByteView publicKey) {
 // Holds a value of at most the field's 32 bytes.
 std::unique_ptr<KspKey> makeAesKey(std::uint32_t keyType, ByteView value) {
     auto key = std::make_unique<KspKey>();
-    std::copy(value.begin(), value.end(), key->symmetricKey);
+    std::ranges::copy(value, key->symmetricKey);
     key->symmetricKeyLength = static_cast<std::uint32_t>(value.size());
     key->algorithm = keyType;
     key->keyIdLength = sizeof key->keyId;
@@ -92,7 +93,7 @@ SECURITY_STATUS importRsaPublicKey(const Import& import) {
     if (key == nullptr) {
         return fail(NTE_BAD_KEY, "KSPImportKey: BCRYPT_RSAPUBLIC_BLOB modulus too long: ", modulus->size());
     }
-    *import.phKey = reinterpret_cast<NCRYPT_KEY_HANDLE>(key.release());
+    handOver(std::move(key), import.phKey);
     logDebug("KSP: RSA public key imported, bits=", size->bits);
     return ERROR_SUCCESS;
 }
@@ -120,7 +121,7 @@ SECURITY_STATUS importLegacyPublicKey(const Import& import) {
     }
     std::unique_ptr<KspKey> key = makePublicKey(*size, *der);
     key->keyIdLength = sizeof key->keyId;
-    return import.handOver(std::move(key), "KSP: Legacy RSA public key imported successfully");
+    return import.deliver(std::move(key), "KSP: Legacy RSA public key imported successfully");
 }
 
 SECURITY_STATUS importKeyData(const Import& import) {
@@ -144,7 +145,7 @@ SECURITY_STATUS importKeyData(const Import& import) {
     if (key == nullptr) {
         return fail(NTE_BAD_TYPE, "KSP: BCRYPT_KEY_DATA_BLOB import failed");
     }
-    return import.handOver(std::move(key), "KSP: BCRYPT_KEY_DATA_BLOB imported successfully (AES)");
+    return import.deliver(std::move(key), "KSP: BCRYPT_KEY_DATA_BLOB imported successfully (AES)");
 }
 
 SECURITY_STATUS importWrappedKey(const Import& import) {
@@ -163,7 +164,7 @@ SECURITY_STATUS importWrappedKey(const Import& import) {
     if (key == nullptr) {
         return fail(NTE_BAD_TYPE, "KSP: Import of unwrapped AES key failed");
     }
-    return import.handOver(std::move(key), "KSP: BCRYPT_OPAQUE_KEY_BLOB imported successfully");
+    return import.deliver(std::move(key), "KSP: BCRYPT_OPAQUE_KEY_BLOB imported successfully");
 }
 
 // Under the PIN that is held, if any: an import asks for none.
@@ -185,7 +186,7 @@ SECURITY_STATUS importEncryptedKey(const Import& import) {
     if (length == nullptr) {
         return fail(NTE_NOT_SUPPORTED, "KSP: Unsupported decrypted key length: ", value.size());
     }
-    return import.handOver(makeAesKey(length->keyType, value), "KSP: Encrypted key imported successfully");
+    return import.deliver(makeAesKey(length->keyType, value), "KSP: Encrypted key imported successfully");
 }
 
 struct ImportedBlob {
@@ -219,8 +220,8 @@ SECURITY_STATUS importKey(LPCWSTR pszBlobType, const Import& import) {
 // What the token says of a key whose handle carries no public key.
 void fetchPublicKey(const BoundToken& token, KspKey& key) {
     const std::vector<TalvikKeyPair> records = talvik_getKeyPairList(token.deviceId.c_str(), token.libraryContext);
-    const auto found = std::find_if(records.begin(), records.end(),
-                                    [&](const TalvikKeyPair& record) { return equalBytes(record.keyId, key.keyId); });
+    const auto found =
+        std::ranges::find_if(records, [&](const TalvikKeyPair& record) { return equalBytes(record.keyId, key.keyId); });
     if (found != records.end()) {
         setPublicKey(key, key.publicKeyLength, talvik::publicKeyOf(*found));
     }

@@ -78,13 +78,12 @@ bool certifiesPublicKey(const TalvikCertificate& certificate, const KspKey& key)
 
 // By the alias that the token stores with both, else by the public key.
 const TalvikCertificate* findCertificate(const std::vector<TalvikCertificate>& certificates, const KspKey& key) {
-    auto found = std::find_if(certificates.begin(), certificates.end(), [&](const TalvikCertificate& certificate) {
+    auto found = std::ranges::find_if(certificates, [&](const TalvikCertificate& certificate) {
         return equalBytes(talvik::aliasOf(certificate), aliasOf(key));
     });
     if (found == certificates.end()) {
-        found = std::find_if(certificates.begin(), certificates.end(), [&](const TalvikCertificate& certificate) {
-            return certifiesPublicKey(certificate, key);
-        });
+        found = std::ranges::find_if(
+            certificates, [&](const TalvikCertificate& certificate) { return certifiesPublicKey(certificate, key); });
     }
     return found == certificates.end() ? nullptr : &*found;
 }

@@ -5,6 +5,8 @@
 
 namespace talvik {
 
+inline constexpr char HEX_DIGITS[] = "0123456789ABCDEF";
+
 class Utils {
   public:
     virtual ~Utils() = default;

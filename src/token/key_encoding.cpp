@@ -84,7 +84,7 @@ Bytes derEncodeLength(std::uint64_t length) {
         octets.push_back(static_cast<unsigned char>(rest));
     }
     octets.push_back(static_cast<unsigned char>(0x80 | octets.size()));
-    std::reverse(octets.begin(), octets.end());
+    std::ranges::reverse(octets);
     return octets;
 }
 
@@ -162,7 +162,7 @@ void reverseInPlace(std::span<unsigned char> bytes) {
 
 std::string narrowed(std::wstring_view text) {
     std::string narrow(text.size(), '\0');
-    std::transform(text.begin(), text.end(), narrow.begin(), [](wchar_t unit) { return static_cast<char>(unit); });
+    std::ranges::transform(text, narrow.begin(), [](wchar_t unit) { return static_cast<char>(unit); });
     return narrow;
 }
 

@@ -26,7 +26,7 @@ std::optional<Bytes> derOfBlobKey(ByteView modulus, std::uint32_t exponent, std:
     if (bigEndian == nullptr) {
         return std::nullopt;
     }
-    std::reverse_copy(modulus.begin(), modulus.end(), bigEndian.get());
+    std::ranges::reverse_copy(modulus, bigEndian.get());
     const Bytes exponentBytes = uintToBigEndianBytes(static_cast<std::int32_t>(exponent), 3);
     logDebug(exponentText, HexBytes{exponentBytes.data(), static_cast<int>(exponentBytes.size())});
     return buildRsaPublicKeyDerFromBytes({bigEndian.get(), modulus.size()}, exponentBytes);

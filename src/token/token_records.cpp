@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "log/utils.h"
+
 namespace talvik {
 namespace {
 
@@ -15,13 +17,6 @@ std::string_view boundedText(const char (&field)[Capacity]) {
     return {field, std::find(field, field + Capacity, '\0')};
 }
 
-int hexDigitValue(char digit) {
-    if (digit >= '0' && digit <= '9') {
-        return digit - '0';
-    }
-    return digit >= 'A' && digit <= 'F' ? digit - 'A' + 10 : -1;
-}
-
 }  // namespace
 
 std::string containerNameOf(const TalvikKeyPair& key) {
@@ -33,8 +28,7 @@ bool hasContainerName(const TalvikKeyPair& key, std::string_view name) {
         return false;
     }
     for (std::size_t i = 0; i < sizeof key.keyId; ++i) {
-        if (hexDigitValue(name[2 * i]) != key.keyId[i] >> 4 ||
-            hexDigitValue(name[2 * i + 1]) != (key.keyId[i] & 0x0F)) {
+        if (name[2 * i] != HEX_DIGITS[key.keyId[i] >> 4] || name[2 * i + 1] != HEX_DIGITS[key.keyId[i] & 0x0F]) {
             return false;
         }
     }
@@ -90,7 +84,7 @@ bool canExchange(const TalvikKeyPair& key) {
 }
 
 bool equalBytes(ByteView left, ByteView right) {
-    return std::equal(left.begin(), left.end(), right.begin(), right.end());
+    return std::ranges::equal(left, right);
 }
 
 }  // namespace talvik
