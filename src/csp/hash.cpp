@@ -120,17 +120,6 @@ Outcome getHashValue(HASH_CONTEXT& hash, Output out, void* reserved) {
                   "CPGetHashParam: HP_HASHVAL buffer too small for finalized hash");
 }
 
-Outcome getHmacInfo(const HASH_CONTEXT& hash, Output out) {
-    if (hash.isHmac == 0) {
-        return fail(NTE_BAD_TYPE, "CPGetHashParam: HP_HMAC_INFO requested but hash is not HMAC");
-    }
-    const Outcome outcome = answer(bytesOf(hash.hmacInfo), out, "CPGetHashParam: HP_HMAC_INFO buffer too small");
-    if (out.buffer != nullptr && outcome.result != FALSE) {
-        logDebug("Get hash param success");
-    }
-    return outcome;
-}
-
 Outcome getParam(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD dwParam, Output out, DWORD dwFlags) {
     logDebug("CPGetHashParam");
     if (hProv == 0 || hHash == 0 || out.size == nullptr) {
@@ -155,7 +144,7 @@ Outcome getParam(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD dwParam, Output out, 
         case HP_HASHVAL:
             return getHashValue(hash, out, context->reserved);
         case HP_HMAC_INFO:
-            return getHmacInfo(hash, out);
+            return fail(NTE_BAD_TYPE, "CPGetHashParam: HP_HMAC_INFO requested but hash is not HMAC");
         default:
             return fail(NTE_BAD_TYPE, "CPGetHashParam: unsupported dwParam=0x", HexWord{dwParam});
     }
@@ -169,9 +158,8 @@ Outcome setHashValue(HASH_CONTEXT& hash, const BYTE* pbData) {
     return success();
 }
 
-// Starts the device hash anew; the key material that the record points to never reaches the token.
-Outcome setHmacInfo(const CspContext& context, HASH_CONTEXT& hash, const BYTE* pbData) {
-    std::memcpy(hash.hmacInfo, pbData, sizeof hash.hmacInfo);
+// Starts the device hash anew, and no more: an HMAC_INFO can be given, but the token has no HMAC.
+Outcome setHmacInfo(const CspContext& context, HASH_CONTEXT& hash) {
     const int status = talvik_initHash(context.deviceId.c_str(), static_cast<int>(hash.mechanism),
                                        &hash.deviceHashHandle, context.reserved);
     if (status != TALVIK_STATUS_OK) {
@@ -200,7 +188,7 @@ Outcome setParam(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD dwParam, const BYTE* 
         case HP_HASHVAL:
             return setHashValue(hash, pbData);
         case HP_HMAC_INFO:
-            return setHmacInfo(*context, hash, pbData);
+            return setHmacInfo(*context, hash);
         default:
             return fail(NTE_BAD_TYPE, "CPSetHashParam: unsupported dwParam=0x", HexWord{dwParam});
     }

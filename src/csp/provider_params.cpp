@@ -176,14 +176,6 @@ Outcome getParam(HCRYPTPROV hProv, DWORD dwParam, Output out, DWORD dwFlags) {
     return getByParameter(*context, dwParam, out, dwFlags);
 }
 
-Outcome setClientWindow(CspContext& context, const BYTE* pbData) {
-    context.clientWindow = 0;
-    if (pbData != nullptr) {
-        std::memcpy(&context.clientWindow, pbData, sizeof context.clientWindow);
-    }
-    return success();
-}
-
 Outcome setPin(const CspContext& context, const BYTE* pbData) {
     if (pbData == nullptr) {
         return fail(ERROR_INVALID_PARAMETER, "CPSetProvParam: NULL PIN data");
@@ -209,7 +201,7 @@ Outcome setHardwareRng(const BYTE* pbData) {
 }
 
 Outcome setParam(HCRYPTPROV hProv, DWORD dwParam, const BYTE* pbData) {
-    CspContext* const context = contextOf(hProv);
+    const CspContext* const context = contextOf(hProv);
     if (context == nullptr) {
         return fail(NTE_BAD_UID, "CPSetProvParam: context is null or not initialized");
     }
@@ -217,7 +209,7 @@ Outcome setParam(HCRYPTPROV hProv, DWORD dwParam, const BYTE* pbData) {
     logDebug("CPSetProvParam - input param : ", dwParam);
     switch (dwParam) {
         case PP_CLIENT_HWND:
-            return setClientWindow(*context, pbData);
+            return success();  // no dialog of this face has an owner
         case PP_KEYEXCHANGE_PIN:
         case PP_SIGNATURE_PIN:
             return setPin(*context, pbData);

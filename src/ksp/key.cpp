@@ -72,14 +72,12 @@ SECURITY_STATUS openKey(KspProvider& provider, NCRYPT_KEY_HANDLE* phKey, LPCWSTR
     key->algorithm = record.keyType;
     key->keyUsage = record.usage;
     key->keyLength = keyBitsOfType(record.keyType);
-    key->keyName = keyName;
     logDebug("KSP: Key opened, algorithm=", key->algorithm, " bits=", key->keyLength);
     handOver(std::move(key), phKey);
     return ERROR_SUCCESS;
 }
 
-SECURITY_STATUS createPersistedKey(NCRYPT_KEY_HANDLE* phKey, LPCWSTR pszAlgId, LPCWSTR pszKeyName,
-                                   DWORD dwLegacyKeySpec) {
+SECURITY_STATUS createPersistedKey(NCRYPT_KEY_HANDLE* phKey, LPCWSTR pszAlgId, DWORD dwLegacyKeySpec) {
     if (phKey == nullptr || pszAlgId == nullptr) {
         return fail(NTE_INVALID_PARAMETER, "KSPCreatePersistedKey: phKey or pszAlgId is null");
     }
@@ -95,7 +93,6 @@ SECURITY_STATUS createPersistedKey(NCRYPT_KEY_HANDLE* phKey, LPCWSTR pszAlgId, L
         key->keyLength = curve->bits;
     }
     key->keyUsage = isRsa && dwLegacyKeySpec == AT_KEYEXCHANGE ? TALVIK_USAGE_EXCHANGE : TALVIK_USAGE_SIGN;
-    key->keyName = pszKeyName != nullptr ? pszKeyName : L"";
     handOver(std::move(key), phKey);
     logDebug("KSP: Key object created, waiting for FinalizeKey");
     return ERROR_SUCCESS;
@@ -136,7 +133,7 @@ SECURITY_STATUS finalizeKey(const BoundToken& token, KspKey* key, DWORD dwFlags)
     return ERROR_SUCCESS;
 }
 
-SECURITY_STATUS deleteKey(const BoundToken& token, KspKey* key, DWORD dwFlags) {
+SECURITY_STATUS deleteKey(const BoundToken& token, const KspKey* key, DWORD dwFlags) {
     if (key == nullptr) {
         return fail(NTE_INVALID_HANDLE, "KSPDeleteKey: key handle is null");
     }
@@ -149,7 +146,6 @@ SECURITY_STATUS deleteKey(const BoundToken& token, KspKey* key, DWORD dwFlags) {
     if (status != TALVIK_STATUS_OK) {
         return fail(NTE_INTERNAL_ERROR, "KSP: Delete key failed: ", status);
     }
-    key->keyName.clear();
     logDebug("KSP: Key deleted successfully");
     return ERROR_SUCCESS;
 }
@@ -235,9 +231,9 @@ SECURITY_STATUS WINAPI KSPOpenKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDL
 }
 
 SECURITY_STATUS WINAPI KSPCreatePersistedKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE* phKey, LPCWSTR pszAlgId,
-                                             LPCWSTR pszKeyName, DWORD dwLegacyKeySpec, DWORD) {
+                                             LPCWSTR, DWORD dwLegacyKeySpec, DWORD) {
     return providerEntryPoint("KSPCreatePersistedKey", hProvider, [=](KspProvider&) {
-        return talvik::ksp::createPersistedKey(phKey, pszAlgId, pszKeyName, dwLegacyKeySpec);
+        return talvik::ksp::createPersistedKey(phKey, pszAlgId, dwLegacyKeySpec);
     });
 }
 

@@ -22,7 +22,6 @@ struct KspKey : TokenKey {
     std::uint32_t publicKeyLength = 0;
     std::uint32_t keyAliasLength = 0;
     std::uint32_t keyLength = 0;  // bits
-    std::wstring keyName;         // as the application named it
     std::uint8_t isFinalized = 0;
     unsigned char symmetricKey[32] = {};   // an AES key held in clear; wiped when the key goes
     std::uint32_t symmetricKeyLength = 0;  // bytes; 0 for key pairs

@@ -31,8 +31,6 @@ class Utils {
     std::string bytesToHexString(const unsigned char* bytes, int count) const;
 
     void sleepMilliseconds(unsigned int milliseconds) const;
-
-    const char* const whitespace = " \t\n\r\f\v";
 };
 
 }  // namespace talvik

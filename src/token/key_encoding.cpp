@@ -156,10 +156,6 @@ Bytes reverseBytes(ByteView bytes) {
     return {bytes.rbegin(), bytes.rend()};
 }
 
-void reverseInPlace(std::span<unsigned char> bytes) {
-    std::reverse(bytes.begin(), bytes.end());
-}
-
 std::string narrowed(std::wstring_view text) {
     std::string narrow(text.size(), '\0');
     std::ranges::transform(text, narrow.begin(), [](wchar_t unit) { return static_cast<char>(unit); });

@@ -66,7 +66,6 @@ bool isDerPublicKey(ByteView publicKey);
 // CryptoAPI hands signatures, RSA ciphertexts and moduli least significant byte first, the token most significant
 // first.
 Bytes reverseBytes(ByteView bytes);
-void reverseInPlace(std::span<unsigned char> bytes);
 
 // Keeps the low 8 bits of each character; names are expected to be ASCII.
 std::string narrowed(std::wstring_view text);
