@@ -3,7 +3,13 @@
 
 #include <windows.h>
 
+// The name that both faces are found by.
+#define TALVIK_PROVIDER_NAME "Talvik Cryptographic Provider CSP"
+
 namespace talvik {
+
+inline constexpr char PROVIDER_NAME[] = TALVIK_PROVIDER_NAME;
+inline constexpr wchar_t WIDE_PROVIDER_NAME[] = L"" TALVIK_PROVIDER_NAME;
 
 // Set once by the module entry; the PIN dialog's resource is loaded from this module.
 void recordModuleInstance(HINSTANCE instance) noexcept;

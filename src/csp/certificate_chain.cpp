@@ -26,40 +26,11 @@ struct CloseMessage {
 };
 using CryptMessage = std::unique_ptr<void, CloseMessage>;
 
-// One element at the start of DER: its content, and what comes after it.
-struct DerElement {
-    unsigned char tag;
-    ByteView content;
-    ByteView rest;
-};
-
-std::optional<DerElement> firstElement(ByteView der) {
-    if (der.size() < 2) {
-        return std::nullopt;
-    }
-    std::size_t header = 2;
-    std::size_t length = der[1];
-    if (length >= 0x80) {
-        const std::size_t octets = length - 0x80;
-        if (octets == 0 || octets > sizeof(DWORD) || der.size() - header < octets) {
-            return std::nullopt;
-        }
-        length = 0;
-        for (; header < 2 + octets; ++header) {
-            length = length << 8 | der[header];
-        }
-    }
-    if (der.size() - header < length) {
-        return std::nullopt;
-    }
-    return DerElement{der[0], der.subspan(header, length), der.subspan(header + length)};
-}
-
 // What a record's certificate says of its own length counts: what the field holds behind it would end up in the
 // message, where no reader expects it. Empty where the field does not begin with DER.
 ByteView certificateIn(const TalvikCertificate& record) {
     const ByteView der = derOf(record);
-    const auto certificate = firstElement(der);
+    const auto certificate = derReadElement(der);
     return certificate ? der.first(der.size() - certificate->rest.size()) : der.first(0);
 }
 
@@ -124,19 +95,15 @@ constexpr unsigned char derSequence = 0x30;
 constexpr unsigned char derSet = 0x31;
 constexpr unsigned char derExplicit0 = 0xA0;
 
-void append(Bytes& bytes, ByteView more) {
-    bytes.insert(bytes.end(), more.begin(), more.end());
-}
-
 // PKCS#7 wants the sets of digest algorithms and of signers also where they are empty, and readers insist on it; not
 // every CRYPT32 writes them. A message that has them, or is no signed message, is returned as it is.
 Bytes withEmptySets(Bytes message) {
-    const auto contentInfo = firstElement(message);
-    const auto type = contentInfo ? firstElement(contentInfo->content) : std::nullopt;
-    const auto content = type ? firstElement(type->rest) : std::nullopt;
-    const auto signedData = content ? firstElement(content->content) : std::nullopt;
-    const auto version = signedData ? firstElement(signedData->content) : std::nullopt;
-    const auto next = version ? firstElement(version->rest) : std::nullopt;
+    const auto contentInfo = derReadElement(message);
+    const auto type = contentInfo ? derReadElement(contentInfo->content) : std::nullopt;
+    const auto content = type ? derReadElement(type->rest) : std::nullopt;
+    const auto signedData = content ? derReadElement(content->content) : std::nullopt;
+    const auto version = signedData ? derReadElement(signedData->content) : std::nullopt;
+    const auto next = version ? derReadElement(version->rest) : std::nullopt;
     if (!next || next->tag == derSet) {
         return message;
     }
@@ -171,7 +138,7 @@ BOOL answerMessage(HCRYPTMSG message, BYTE* pbData, DWORD* pcbData) {
     const DWORD room = *pcbData;
     *pcbData = static_cast<DWORD>(encoded->size());
     if (pbData != nullptr && room >= encoded->size()) {
-        std::copy(encoded->begin(), encoded->end(), pbData);
+        std::ranges::copy(*encoded, pbData);
         return TRUE;
     }
     SetLastError(ERROR_MORE_DATA);
@@ -209,7 +176,7 @@ std::vector<std::size_t> orderCertificateChain(std::size_t leaf, TokenCertificat
     }
     for (;;) {
         const std::optional<std::size_t> issuer = findIssuer(*current, leaf, certificates);
-        if (!issuer || std::find(chain.begin(), chain.end(), *issuer) != chain.end()) {
+        if (!issuer || std::ranges::find(chain, *issuer) != chain.end()) {
             return chain;
         }
         chain.push_back(*issuer);

@@ -9,6 +9,7 @@
 #include "csp/key.h"
 #include "csp/outcome.h"
 #include "log/log.h"
+#include "token/algorithms.h"
 #include "token/library_buffer.h"
 #include "token/pin_login.h"
 #include "token/public_key.h"
@@ -19,34 +20,13 @@
 namespace talvik::csp {
 namespace {
 
-constexpr std::size_t largestRsaResult = 1024;
-
-// How much longer than its input an honest result of the library can be.
-constexpr std::size_t resultMargin = 1024;
-
 constexpr PublicKeyTexts publicKeyTexts = {"CSP: Public key is already DER encoded",
                                            "CSP: Public key is raw modulus, converting to DER"};
 
-// The length of the held public key in bytes is compared with sizes in bits, so that every key goes by the 2048-bit
-// mechanism; the library finds the real size in the key itself.
+// The length of the held public key in bytes is compared with sizes in bits, so that every key goes by the default
+// size's mechanism; the library finds the real size in the key itself.
 EncryptionType rsaMechanism(std::uint32_t publicKeyLength) {
-    switch (publicKeyLength) {
-        case 1024:
-            return EncryptionType::Rsa1024;
-        case 3072:
-            return EncryptionType::Rsa3072;
-        case 4096:
-            return EncryptionType::Rsa4096;
-        default:
-            return EncryptionType::Rsa2048;
-    }
-}
-
-EncryptionType aesMechanism(std::int32_t keyLength, bool hasIv) {
-    if (keyLength == 16) {
-        return hasIv ? EncryptionType::Aes128Cbc : EncryptionType::Aes128Ecb;
-    }
-    return hasIv ? EncryptionType::Aes256Cbc : EncryptionType::Aes256Ecb;
+    return rsaSizeOrDefault(publicKeyLength).encryption;
 }
 
 Outcome encryptRsa(const CspContext& context, const KEY_HANDLE& key, DWORD dwFlags, BYTE* pbData, DWORD* pdwDataLen,
@@ -72,15 +52,16 @@ Outcome encryptRsa(const CspContext& context, const KEY_HANDLE& key, DWORD dwFla
 
 Outcome encryptAes(const CspContext& context, const KEY_HANDLE& key, BYTE* pbData, DWORD* pdwDataLen, DWORD dwBufLen) {
     logDebug("CPEncrypt: symmetric encryption, keyLen=", key.aesKeyLen);
-    if (key.aesKeyLen != 16 && key.aesKeyLen != 24 && key.aesKeyLen != 32) {
+    const auto keyLength = static_cast<std::size_t>(key.aesKeyLen);
+    if (findAesLength(keyLength) == nullptr) {
         return fail(NTE_BAD_KEY, "CPEncrypt: unsupported symmetric key length: ", key.aesKeyLen);
     }
     const IvSnapshot iv = sharedIv();
     LibraryBuffer output(*pdwDataLen + resultMargin, LibraryBuffer::Content::Ciphertext);
     const int status =
-        talvik_encrypt_aes(context.deviceId.c_str(), aesMechanism(key.aesKeyLen, !iv.empty()), key.aesKey,
-                           key.aesKeyLen, pbData, static_cast<int>(*pdwDataLen), output.bytesOut(), output.lengthOut(),
-                           false, iv.data(), iv.length(), nullptr, 0, context.reserved);
+        talvik_encrypt_aes(context.deviceId.c_str(), aesEncryption(keyLength, !iv.empty()), key.aesKey, key.aesKeyLen,
+                           pbData, static_cast<int>(*pdwDataLen), output.bytesOut(), output.lengthOut(), false,
+                           iv.data(), iv.length(), nullptr, 0, context.reserved);
     if (status != TALVIK_STATUS_OK || !output.isHonest()) {
         return fail(NTE_PROVIDER_DLL_FAIL, "CPEncrypt: symmetric encryption failed: ", status);
     }
@@ -89,7 +70,7 @@ Outcome encryptAes(const CspContext& context, const KEY_HANDLE& key, BYTE* pbDat
     if (ciphertext.size() > dwBufLen) {
         return fail(ERROR_MORE_DATA, "CPEncrypt: symmetric output buffer too small, required=", ciphertext.size());
     }
-    std::copy(ciphertext.begin(), ciphertext.end(), pbData);
+    std::ranges::copy(ciphertext, pbData);
     logDebug("CPEncrypt: symmetric encryption success, length=", ciphertext.size());
     return success();
 }
@@ -130,7 +111,7 @@ Outcome deliverPlaintext(ByteView plaintext, BYTE* pbData, DWORD* pdwDataLen) {
     if (plaintext.size() > room) {
         return fail(ERROR_MORE_DATA, "CPDecrypt: output buffer too small, required=", plaintext.size());
     }
-    std::copy(plaintext.begin(), plaintext.end(), pbData);
+    std::ranges::copy(plaintext, pbData);
     logDebug("CPDecrypt- return");
     return success();
 }

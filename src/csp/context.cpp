@@ -8,6 +8,7 @@
 #include "log/log.h"
 #include "token/device_library.h"
 #include "token/device_monitor.h"
+#include "token/handle.h"
 #include "token/key_pair_list.h"
 #include "token/session.h"
 #include "token/token_records.h"
@@ -17,10 +18,10 @@ namespace {
 
 constexpr DWORD verifyOnlyFlags = 0xF0000000;  // any of them, not CRYPT_VERIFYCONTEXT alone
 
-Outcome handOver(std::unique_ptr<CspContext> context, HCRYPTPROV* phProv) {
+Outcome openContext(std::unique_ptr<CspContext> context, HCRYPTPROV* phProv) {
     context->keysetType = CRYPT_USER_KEYSET;
     context->valid = 1;
-    *phProv = reinterpret_cast<HCRYPTPROV>(context.release());
+    handOver(std::move(context), phProv);
     return success();
 }
 
@@ -70,7 +71,7 @@ Outcome acquireTokenContext(std::unique_ptr<CspContext> context, LPCSTR pszConta
     }
     listContainers(*context);
     context->containerName = withoutAlias(name);
-    return handOver(std::move(context), phProv);
+    return openContext(std::move(context), phProv);
 }
 
 Outcome acquire(HCRYPTPROV* phProv, LPCSTR pszContainer, DWORD dwFlags, VTableProvStruc* pVTable) {
@@ -91,7 +92,7 @@ Outcome acquire(HCRYPTPROV* phProv, LPCSTR pszContainer, DWORD dwFlags, VTablePr
     }
     if ((dwFlags & verifyOnlyFlags) != 0) {
         logDebug("CPAcquireContext - CRYPT_VERIFYCONTEXT, no token required");
-        return handOver(std::move(context), phProv);
+        return openContext(std::move(context), phProv);
     }
     return acquireTokenContext(std::move(context), pszContainer, phProv);
 }

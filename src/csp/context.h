@@ -13,12 +13,10 @@ namespace talvik::csp {
 
 // Owned by the application's handle. One handle is used by one thread at a time.
 struct CspContext {
-    std::uint64_t header = 0;
     std::string deviceId;       // "" in a verify-only context
     void* reserved = nullptr;   // last argument of device library calls; always null
     std::string containerName;  // as requested, or the key that the requested name stands for
     std::uint8_t valid = 0;     // 1 once acquisition has succeeded
-    std::uint64_t clientWindow = 0;
     std::uint32_t keysetType = 0;
     std::uint64_t enumIndex = 0;              // position of PP_ENUMCONTAINERS
     std::vector<std::string> containerNames;  // of all key pairs on the device, in its order

@@ -1,8 +1,6 @@
 #include "csp/hash.h"
 
-#include <algorithm>
 #include <cstring>
-#include <iterator>
 #include <memory>
 #include <new>
 
@@ -11,36 +9,19 @@
 #include "csp/outcome.h"
 #include "csp/pieces.h"
 #include "log/log.h"
+#include "token/algorithms.h"
 #include "token/device_library.h"
+#include "token/handle.h"
 
 namespace talvik::csp {
 namespace {
 
-struct HashAlgorithm {
-    std::uint32_t algId;
-    std::uint32_t mechanism;
-    std::uint32_t digestSize;  // bytes
-    const char* creationText;
-};
-
-constexpr HashAlgorithm hashAlgorithms[] = {
-    {CALG_SHA1, TALVIK_HASH_SHA1, 20, "Crete hash algorithm sha1"},
-    {CALG_SHA_256, TALVIK_HASH_SHA256, 32, "Crete hash algorithm 256"},
-    {CALG_SHA_384, TALVIK_HASH_SHA384, 48, "Crete hash algorithm 384"},
-    {CALG_SHA_512, TALVIK_HASH_SHA512, 64, "Crete hash algorithm 512"},
-};
-
 const HashAlgorithm* hashMechanismFromAlgId(ALG_ID algId) {
-    const auto* const row = std::find_if(std::begin(hashAlgorithms), std::end(hashAlgorithms),
-                                         [=](const HashAlgorithm& candidate) { return candidate.algId == algId; });
-    return row == std::end(hashAlgorithms) ? nullptr : row;
+    return findRow(hashAlgorithms, &HashAlgorithm::algId, algId);
 }
 
 const HashAlgorithm* algorithmOfMechanism(std::uint32_t mechanism) {
-    const auto* const row =
-        std::find_if(std::begin(hashAlgorithms), std::end(hashAlgorithms),
-                     [=](const HashAlgorithm& candidate) { return candidate.mechanism == mechanism; });
-    return row == std::end(hashAlgorithms) ? nullptr : row;
+    return findRow(hashAlgorithms, &HashAlgorithm::mechanism, mechanism);
 }
 
 Outcome create(HCRYPTPROV hProv, ALG_ID algId, DWORD dwFlags, HCRYPTHASH* phHash) {
@@ -66,7 +47,7 @@ Outcome create(HCRYPTPROV hProv, ALG_ID algId, DWORD dwFlags, HCRYPTHASH* phHash
     if (algorithm == nullptr) {
         return fail(NTE_BAD_ALGID, "CPCreateHash: unsupported Algid=0x", HexWord{algId});
     }
-    logDebug(algorithm->creationText);
+    logDebug("Crete hash algorithm ", algorithm->logName);
     hash->hashSize = algorithm->digestSize;
     hash->mechanism = algorithm->mechanism;
     hash->mechanismCopy = algorithm->mechanism;
@@ -77,7 +58,7 @@ Outcome create(HCRYPTPROV hProv, ALG_ID algId, DWORD dwFlags, HCRYPTHASH* phHash
     if (status != TALVIK_STATUS_OK) {
         return fail(NTE_FAIL, "CPCreateHash: talvik_initHash failed, ret=", status);
     }
-    *phHash = reinterpret_cast<HCRYPTHASH>(hash.release());
+    handOver(std::move(hash), phHash);
     return success();
 }
 
@@ -100,17 +81,11 @@ Outcome hashData(HCRYPTPROV hProv, HCRYPTHASH hHash, const BYTE* pbData, DWORD c
     return success();
 }
 
-// Where a parameter's answer goes.
-struct Output {
-    BYTE* buffer;
-    DWORD* size;
-};
-
 // The 32-bit answers follow from the mechanism. An unknown one matters only once there is room for the answer.
 Outcome answerWord(const HASH_CONTEXT& hash, Output out, const char* name, std::uint32_t HashAlgorithm::*field) {
     std::uint32_t value = 0;
-    if (out.buffer == nullptr || *out.size < sizeof value) {
-        return answer(bytesOf(value), out.buffer, out.size, "CPGetHashParam: ", name, " buffer too small");
+    if (!out.hasRoomFor(sizeof value)) {
+        return answer(bytesOf(value), out, "CPGetHashParam: ", name, " buffer too small");
     }
     const HashAlgorithm* const algorithm = algorithmOfMechanism(hash.mechanism);
     if (algorithm == nullptr) {
@@ -120,7 +95,7 @@ Outcome answerWord(const HASH_CONTEXT& hash, Output out, const char* name, std::
     if (field == &HashAlgorithm::digestSize) {
         logDebug("Get hash param hashSize : ", value);
     }
-    const Outcome outcome = answer(bytesOf(value), out.buffer, out.size);
+    const Outcome outcome = answer(bytesOf(value), out);
     logDebug("Get hash param success");
     return outcome;
 }
@@ -135,26 +110,14 @@ Outcome getHashValue(HASH_CONTEXT& hash, Output out, void* reserved) {
         return success();
     }
     if (hash.isFinalized != 0) {
-        return answer({hash.hashValue, hash.hashValueLen}, out.buffer, out.size,
+        return answer({hash.hashValue, hash.hashValueLen}, out,
                       "CPGetHashParam: HP_HASHVAL buffer too small for cached hash value");
     }
     if (const auto failure = finalizeHash(hash, static_cast<int>(algorithm->digestSize), reserved)) {
         return fail(NTE_FAIL, "CPGetHashParam: talvik_finalHash failed, ret=", *failure);
     }
-    return answer({hash.hashValue, hash.hashValueLen}, out.buffer, out.size,
+    return answer({hash.hashValue, hash.hashValueLen}, out,
                   "CPGetHashParam: HP_HASHVAL buffer too small for finalized hash");
-}
-
-Outcome getHmacInfo(const HASH_CONTEXT& hash, Output out) {
-    if (hash.isHmac == 0) {
-        return fail(NTE_BAD_TYPE, "CPGetHashParam: HP_HMAC_INFO requested but hash is not HMAC");
-    }
-    const Outcome outcome =
-        answer(bytesOf(hash.hmacInfo), out.buffer, out.size, "CPGetHashParam: HP_HMAC_INFO buffer too small");
-    if (out.buffer != nullptr && outcome.result != FALSE) {
-        logDebug("Get hash param success");
-    }
-    return outcome;
 }
 
 Outcome getParam(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD dwParam, Output out, DWORD dwFlags) {
@@ -181,7 +144,7 @@ Outcome getParam(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD dwParam, Output out, 
         case HP_HASHVAL:
             return getHashValue(hash, out, context->reserved);
         case HP_HMAC_INFO:
-            return getHmacInfo(hash, out);
+            return fail(NTE_BAD_TYPE, "CPGetHashParam: HP_HMAC_INFO requested but hash is not HMAC");
         default:
             return fail(NTE_BAD_TYPE, "CPGetHashParam: unsupported dwParam=0x", HexWord{dwParam});
     }
@@ -195,9 +158,8 @@ Outcome setHashValue(HASH_CONTEXT& hash, const BYTE* pbData) {
     return success();
 }
 
-// Starts the device hash anew; the key material that the record points to never reaches the token.
-Outcome setHmacInfo(const CspContext& context, HASH_CONTEXT& hash, const BYTE* pbData) {
-    std::memcpy(hash.hmacInfo, pbData, sizeof hash.hmacInfo);
+// Starts the device hash anew, and no more: an HMAC_INFO can be given, but the token has no HMAC.
+Outcome setHmacInfo(const CspContext& context, HASH_CONTEXT& hash) {
     const int status = talvik_initHash(context.deviceId.c_str(), static_cast<int>(hash.mechanism),
                                        &hash.deviceHashHandle, context.reserved);
     if (status != TALVIK_STATUS_OK) {
@@ -226,7 +188,7 @@ Outcome setParam(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD dwParam, const BYTE* 
         case HP_HASHVAL:
             return setHashValue(hash, pbData);
         case HP_HMAC_INFO:
-            return setHmacInfo(*context, hash, pbData);
+            return setHmacInfo(*context, hash);
         default:
             return fail(NTE_BAD_TYPE, "CPSetHashParam: unsupported dwParam=0x", HexWord{dwParam});
     }
@@ -261,7 +223,7 @@ Outcome duplicate(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD dwFlags, HCRYPTHASH*
         return fail(NTE_FAIL, "CPDuplicateHash: talvik_initHash failed, ret=", status);
     }
     logDebug("CPDuplicateHash - source: 0x", HexNumber{hHash}, " duplicate: 0x", HexNumber{addressNumber(copy.get())});
-    *phHash = reinterpret_cast<HCRYPTHASH>(copy.release());
+    handOver(std::move(copy), phHash);
     return success();
 }
 

@@ -14,19 +14,16 @@ namespace talvik::csp {
 
 // Owned by the caller between CPCreateHash or CPDuplicateHash and CPDestroyHash.
 struct HASH_CONTEXT {
-    std::uint32_t hashAlgWord = 0;
     std::uint32_t mechanism = 0;      // digest algorithm code; a signature overwrites it with its key's type
     std::uint32_t mechanismCopy = 0;  // as created; 0 in a duplicate
-    unsigned char hmacInfo[40] = {};  // HMAC_INFO in the 64-bit layout; the strings it points to are not copied
     void* deviceHashHandle = nullptr;
     std::uint8_t isValid = 0;
-    std::uint8_t isHmac = 0;  // nothing sets it: an HMAC_INFO can be given but never read back
     std::uint8_t isFinalized = 0;
     unsigned char hashValue[128] = {};
     unsigned char signKeyId[16] = {};
     std::uint32_t signKeyIdLen = 0;
     std::uint32_t hashValueLen = 0;
-    std::uint32_t hashSize = 0;  // 20, 32, 48 or 64, fixed at creation
+    std::uint32_t hashSize = 0;  // of a digest, fixed at creation
 };
 
 inline HASH_CONTEXT* hashOf(HCRYPTHASH handle) noexcept {

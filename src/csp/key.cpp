@@ -1,7 +1,5 @@
 #include "csp/key.h"
 
-#include <algorithm>
-#include <cstring>
 #include <memory>
 #include <new>
 #include <vector>
@@ -10,6 +8,8 @@
 #include "csp/entry_points.h"
 #include "csp/outcome.h"
 #include "log/log.h"
+#include "token/algorithms.h"
+#include "token/handle.h"
 #include "token/key_pair_list.h"
 #include "token/pin_login.h"
 #include "token/session.h"
@@ -18,8 +18,6 @@
 
 namespace talvik::csp {
 namespace {
-
-constexpr std::uint32_t defaultRsaBits = 2048;
 
 // What CPGenKey makes of its Algid.
 struct KeyRequest {
@@ -31,21 +29,21 @@ struct KeyRequest {
 
 // The slip in "key exhange" is what support staff search the log for.
 constexpr KeyRequest keyRequests[] = {
-    {CALG_RSA_SIGN, TALVIK_USAGE_SIGN, defaultRsaBits, "rsa sign"},
+    {CALG_RSA_SIGN, TALVIK_USAGE_SIGN, defaultRsaSize.bits, "rsa sign"},
     {AT_SIGNATURE, TALVIK_USAGE_SIGN, 0, "rsa sign"},
-    {CALG_RSA_KEYX, TALVIK_USAGE_EXCHANGE, defaultRsaBits, "key exhange"},
+    {CALG_RSA_KEYX, TALVIK_USAGE_EXCHANGE, defaultRsaSize.bits, "key exhange"},
     {AT_KEYEXCHANGE, TALVIK_USAGE_EXCHANGE, 0, "key exhange"},
 };
 
-const KeyRequest* keyRequestFor(ALG_ID algId) {
-    const auto* const row = std::find_if(std::begin(keyRequests), std::end(keyRequests),
-                                         [=](const KeyRequest& candidate) { return candidate.algId == algId; });
-    return row == std::end(keyRequests) ? nullptr : row;
+// Usage included; what else the handle says stays.
+void describeTokenKey(KEY_HANDLE& key, const TalvikKeyPair& record) {
+    describeKeyPair(key, lengthsOf(key), record);
+    key.keyUsage = record.usage;
 }
 
 // The name that the application knows the container by now stands for the new key, and the context names that key.
 void renameContainer(CspContext& context, const KEY_HANDLE& key) {
-    const std::string keyName = bytesToHexString(key.keyId, sizeof key.keyId);
+    const std::string keyName = hexNameOf(key);
     if (!context.containerName.empty()) {
         insertContainerAlias(context.containerName, keyName);
     }
@@ -62,7 +60,7 @@ Outcome generate(HCRYPTPROV hProv, ALG_ID algId, DWORD dwFlags, HCRYPTKEY* phKey
     if (context == nullptr) {
         return fail(NTE_BAD_UID, "Invalid CSP context");
     }
-    const KeyRequest* const request = keyRequestFor(algId);
+    const KeyRequest* const request = findRow(keyRequests, &KeyRequest::algId, algId);
     if (request == nullptr) {
         return fail(NTE_BAD_ALGID, "Unsupported algorithm", algId);
     }
@@ -92,7 +90,7 @@ Outcome generate(HCRYPTPROV hProv, ALG_ID algId, DWORD dwFlags, HCRYPTKEY* phKey
     }
     describeTokenKey(*key, record);
     renameContainer(*context, *key);
-    *phKey = reinterpret_cast<HCRYPTKEY>(key.release());
+    handOver(std::move(key), phKey);
     logDebug("Key generated successfully, Algid=", algId, " bits=", bits);
     return success();
 }
@@ -102,7 +100,7 @@ Outcome generate(HCRYPTPROV hProv, ALG_ID algId, DWORD dwFlags, HCRYPTKEY* phKey
 std::uint32_t algIdFor(const TalvikKeyPair& record, DWORD keySpec) {
     if ((keySpec == AT_SIGNATURE || containerQueried) && canSign(record)) {
         logDebug("Sign key found");
-        return isEllipticCurveType(record.keyType) ? CALG_DSS_SIGN : CALG_RSA_SIGN;
+        return findCurve(record.keyType) != nullptr ? CALG_DSS_SIGN : CALG_RSA_SIGN;
     }
     if ((keySpec == AT_KEYEXCHANGE || containerQueried) && canExchange(record)) {
         logDebug("Encryption key found");
@@ -147,7 +145,7 @@ Outcome getUserKey(HCRYPTPROV hProv, DWORD dwKeySpec, HCRYPTKEY* phUserKey) {
         return fail(NTE_BAD_KEY, "CPGetUserKey: requested key not found, dwKeySpec=", dwKeySpec);
     }
     logDebug("CPGetUserKey - return key algorithm : ", key->algId);
-    *phUserKey = reinterpret_cast<HCRYPTKEY>(key.release());
+    handOver(std::move(key), phUserKey);
     return success();
 }
 
@@ -164,20 +162,6 @@ Outcome destroyKey(HCRYPTPROV hProv, HCRYPTKEY hKey) {
 }
 
 }  // namespace
-
-void describeTokenKey(KEY_HANDLE& key, const TalvikKeyPair& record) {
-    const ByteView alias = talvik::aliasOf(record);
-    const ByteView publicKey = talvik::publicKeyOf(record);
-    const std::string_view label = labelOf(record);
-    std::memcpy(key.keyId, record.keyId, sizeof key.keyId);
-    key.keyIdLen = sizeof key.keyId;
-    std::copy(alias.begin(), alias.end(), key.keyAlias);
-    key.keyAliasLen = static_cast<std::uint32_t>(alias.size());
-    std::copy(label.begin(), label.end(), key.label);
-    key.keyUsage = record.usage;
-    std::copy(publicKey.begin(), publicKey.end(), key.publicKey);
-    key.publicKeyLen = static_cast<std::uint32_t>(publicKey.size());
-}
 
 }  // namespace talvik::csp
 

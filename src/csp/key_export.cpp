@@ -3,33 +3,22 @@
 #include <cstring>
 #include <vector>
 
-#include "csp/blob.h"
 #include "csp/context.h"
 #include "csp/entry_points.h"
 #include "csp/key.h"
 #include "csp/outcome.h"
 #include "log/log.h"
+#include "token/blob.h"
 #include "token/key_pair_list.h"
 #include "token/token_records.h"
 
 namespace talvik::csp {
 namespace {
 
-constexpr std::uint32_t exportedExponent = 0x10001;
-
-void putWord(BYTE* at, std::uint32_t value) {
-    std::memcpy(at, &value, sizeof value);
-}
-
 void writePublicKeyBlob(ByteView modulus, std::uint32_t algId, BYTE* blob) {
-    std::fill_n(blob, BLOB_RSA_MODULUS, BYTE{0});
-    blob[BLOB_TYPE] = PUBLICKEYBLOB;
-    blob[BLOB_VERSION] = 2;
-    putWord(blob + BLOB_ALG_ID, algId);
-    putWord(blob + BLOB_RSA_MAGIC, RSA_PUBLIC_MAGIC);
-    putWord(blob + BLOB_RSA_BITS, static_cast<std::uint32_t>(modulus.size()) * 8);
-    putWord(blob + BLOB_RSA_EXPONENT, exportedExponent);
-    std::reverse_copy(modulus.begin(), modulus.end(), blob + BLOB_RSA_MODULUS);
+    const PublicKeyBlobHeader header = publicKeyBlobHeader(algId, modulus.size());
+    std::memcpy(blob, &header, sizeof header);
+    std::ranges::reverse_copy(modulus, blob + sizeof header);
 }
 
 Outcome ExportPublicKeyComponents(const CspContext& context, const KEY_HANDLE& key, BYTE* pbData, DWORD* pdwDataLen) {
@@ -37,7 +26,7 @@ Outcome ExportPublicKeyComponents(const CspContext& context, const KEY_HANDLE& k
     if (records.empty()) {
         return fail(NTE_BAD_KEY, "ExportPublicKeyComponents: key list is empty");
     }
-    const auto record = std::find_if(records.begin(), records.end(), [&](const TalvikKeyPair& candidate) {
+    const auto record = std::ranges::find_if(records, [&](const TalvikKeyPair& candidate) {
         return std::memcmp(candidate.keyId, key.keyId, sizeof key.keyId) == 0;
     });
     if (record == records.end()) {
@@ -47,7 +36,7 @@ Outcome ExportPublicKeyComponents(const CspContext& context, const KEY_HANDLE& k
         return fail(NTE_BAD_KEY, "ExportPublicKeyComponents: key algorithm is not RSA-2048, cannot export");
     }
     const ByteView modulus = talvik::publicKeyOf(*record);
-    const DWORD required = static_cast<DWORD>(modulus.size() + BLOB_RSA_MODULUS);
+    const DWORD required = static_cast<DWORD>(sizeof(PublicKeyBlobHeader) + modulus.size());
     const DWORD room = *pdwDataLen;
     *pdwDataLen = required;
     if (pbData == nullptr) {

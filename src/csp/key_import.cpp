@@ -2,44 +2,45 @@
 // plain and wrapped AES keys are stored on the token.
 #include <algorithm>
 #include <climits>
-#include <cstring>
-#include <iterator>
 #include <memory>
-#include <new>
 
-#include "csp/blob.h"
 #include "csp/context.h"
 #include "csp/entry_points.h"
 #include "csp/key.h"
 #include "csp/outcome.h"
 #include "log/log.h"
 #include "token/aes_import.h"
+#include "token/algorithms.h"
+#include "token/blob.h"
+#include "token/handle.h"
 #include "token/library_buffer.h"
 #include "token/session.h"
+#include "token/token_records.h"
 
 namespace talvik::csp {
 namespace {
 
-constexpr std::size_t resultMargin = 1024;  // how much longer than its input an honest plaintext can be
+// How every blob starts; its payload follows. The last word is a public key's magic, and unread in any other blob.
+struct BlobStart {
+    PUBLICKEYSTRUC header;
+    DWORD magic;
+};
+static_assert(sizeof(BlobStart) == 12);
 
 // What every import gets: the context, the blob, the key that unwraps it, and where the new handle goes. That this is
 // somewhere matters once there is a handle to make: what is wrong with the blob is told first.
 struct Import {
     const CspContext& context;
-    BlobReader blob;
+    BlobStart start;
+    ByteView payload;
     const KEY_HANDLE* importingKey;
     HCRYPTKEY* phKey;
 
-    ByteView payload() const { return blob.from(BLOB_PAYLOAD); }
-    ALG_ID algId() const { return blob.wordAt(BLOB_ALG_ID); }
+    ALG_ID algId() const { return start.header.aiKeyAlg; }
 };
 
 Outcome refuseMissingHandle() {
     return fail(ERROR_INVALID_PARAMETER, "CPImportKey - phKey is null");
-}
-
-void handOver(std::unique_ptr<KEY_HANDLE> key, HCRYPTKEY* phKey) {
-    *phKey = reinterpret_cast<HCRYPTKEY>(key.release());
 }
 
 std::unique_ptr<KEY_HANDLE> newKey() {
@@ -49,13 +50,6 @@ std::unique_ptr<KEY_HANDLE> newKey() {
 }
 
 // --- session keys ----------------------------------------------------------------------------------------------------
-
-struct SessionKeyAlgorithm {
-    ALG_ID algId;
-    std::uint32_t code;  // what the handle's KP_ALGID reports
-};
-
-constexpr SessionKeyAlgorithm sessionKeyAlgorithms[] = {{CALG_3DES, 11}, {CALG_AES_128, 8}, {CALG_AES_256, 10}};
 
 bool decryptSessionKey(const Import& import, ByteView ciphertext, LibraryBuffer& plaintext) {
     const std::string& deviceId = import.context.deviceId;
@@ -71,7 +65,7 @@ Outcome importSessionKey(const Import& import) {
         return fail(NTE_BAD_TYPE, "SIMPLEBLOB requires public key handle");
     }
     logDebug("Input key id : ", HexBytes{import.importingKey->keyId, sizeof import.importingKey->keyId});
-    const ByteView payload = import.payload();
+    const ByteView payload = import.payload;
     const bool fits = payload.size() <= INT_MAX;  // the library takes signed lengths
     LibraryBuffer plaintext(payload.size() + resultMargin);
     if (!fits || !decryptSessionKey(import, reverseBytes(payload), plaintext)) {
@@ -80,10 +74,8 @@ Outcome importSessionKey(const Import& import) {
             return fail(NTE_FAIL, "SIMPLEBLOB decryption failed (both orderings)");
         }
     }
-    const auto* const algorithm =
-        std::find_if(std::begin(sessionKeyAlgorithms), std::end(sessionKeyAlgorithms),
-                     [&](const SessionKeyAlgorithm& candidate) { return candidate.algId == import.algId(); });
-    if (algorithm == std::end(sessionKeyAlgorithms)) {
+    const AesLength* const algorithm = findRow(aesLengths, &AesLength::algId, import.algId());
+    if (algorithm == nullptr) {
         return fail(NTE_BAD_ALGID, "Unsupported algorithm for SIMPLEBLOB: ", import.algId());
     }
     const ByteView value = plaintext.view();
@@ -94,8 +86,8 @@ Outcome importSessionKey(const Import& import) {
     if (import.phKey == nullptr) {
         return refuseMissingHandle();
     }
-    key->algId = algorithm->code;
-    std::copy(value.begin(), value.end(), key->aesKey);
+    key->algId = algorithm->keyType;
+    std::ranges::copy(value, key->aesKey);
     key->aesKeyLen = static_cast<std::int32_t>(value.size());
     logDebug("Output key id : ", HexBytes{key->keyId, sizeof key->keyId});
     handOver(std::move(key), import.phKey);
@@ -105,41 +97,34 @@ Outcome importSessionKey(const Import& import) {
 
 // --- public keys -----------------------------------------------------------------------------------------------------
 
-constexpr std::uint32_t rsaSizes[] = {1024, 2048, 3072, 4096};  // the handle's algId is the place in this list, from 1
-static_assert(sizeof KEY_HANDLE::publicKey >= 550, "the DER form of the longest of them");
-
 Outcome importPublicKey(const Import& import) {
-    const BlobReader& blob = import.blob;
-    const std::uint32_t magic = blob.wordAt(BLOB_RSA_MAGIC);
-    if (magic != RSA_PUBLIC_MAGIC) {
-        return fail(NTE_BAD_DATA, "CPImportKey PUBLICKEYBLOB: magic mismatch, actual=0x", uintToHexString(magic));
+    if (import.start.magic != RSA_PUBLIC_MAGIC) {
+        return fail(NTE_BAD_DATA, "CPImportKey PUBLICKEYBLOB: magic mismatch, actual=0x",
+                    uintToHexString(import.start.magic));
     }
-    const std::uint32_t bits = blob.wordAt(BLOB_RSA_BITS);
-    const std::size_t modulusSize = bits / 8;
-    if (blob.size() < BLOB_RSA_MODULUS + modulusSize) {
-        return fail(NTE_BAD_DATA, "CPImportKey PUBLICKEYBLOB: size mismatch, cbDataLen=", blob.size(),
-                    " required=", BLOB_RSA_MODULUS + modulusSize);
+    BlobCursor cursor(import.payload);
+    const std::uint32_t bits = cursor.read<std::uint32_t>().value_or(0);
+    const auto exponent = cursor.read<std::uint32_t>();
+    const auto modulus = cursor.take(bits / 8);
+    if (!exponent || !modulus) {
+        return fail(NTE_BAD_DATA,
+                    "CPImportKey PUBLICKEYBLOB: size mismatch, cbDataLen=", sizeof(BlobStart) + import.payload.size(),
+                    " required=", sizeof(PublicKeyBlobHeader) + bits / 8);
     }
-    const std::unique_ptr<unsigned char[]> modulus(new (std::nothrow) unsigned char[modulusSize]);
-    if (modulus == nullptr) {
+    const std::optional<Bytes> der = derOfBlobKey(*modulus, *exponent, "Public exponent : ");
+    if (!der) {
         return fail(NTE_NO_MEMORY, "CPImportKey PUBLICKEYBLOB: failed to allocate beModulus buffer");
     }
-    const ByteView littleEndian = blob.from(BLOB_RSA_MODULUS).first(modulusSize);
-    std::reverse_copy(littleEndian.begin(), littleEndian.end(), modulus.get());
-    const Bytes exponent = uintToBigEndianBytes(static_cast<std::int32_t>(blob.wordAt(BLOB_RSA_EXPONENT)), 3);
-    logDebug("Public exponent : ", HexBytes{exponent.data(), static_cast<int>(exponent.size())});
-    const Bytes der = buildRsaPublicKeyDerFromBytes({modulus.get(), modulusSize}, exponent);
-    const auto* const size = std::find(std::begin(rsaSizes), std::end(rsaSizes), bits);
-    if (size == std::end(rsaSizes)) {
+    const RsaSize* const size = findRsaSize(bits);
+    if (size == nullptr) {
         return fail(NTE_BAD_DATA, "Unsupported RSA key size");
     }
     if (import.phKey == nullptr) {
         return refuseMissingHandle();
     }
     std::unique_ptr<KEY_HANDLE> key = newKey();
-    std::copy(der.begin(), der.end(), key->publicKey);
-    key->publicKeyLen = static_cast<std::uint32_t>(der.size());
-    key->algId = static_cast<std::uint32_t>(size - std::begin(rsaSizes)) + 1;
+    setPublicKey(*key, key->publicKeyLen, *der);
+    key->algId = size->keyType;
     handOver(std::move(key), import.phKey);
     logDebug("PUBLICKEYBLOB imported successfully");
     return success();
@@ -147,23 +132,14 @@ Outcome importPublicKey(const Import& import) {
 
 // --- AES keys for the token ------------------------------------------------------------------------------------------
 
-template <std::size_t Capacity>
-std::string_view textOf(const char (&field)[Capacity]) {
-    return {field, std::find(field, field + Capacity, '\0')};
-}
-
 // A handle on a key that the token has just stored. Its value stays there.
-std::unique_ptr<KEY_HANDLE> describeStoredKey(const TalvikSymmetricKey& record, ALG_ID algId) {
+std::unique_ptr<KEY_HANDLE> makeStoredKey(const TalvikSymmetricKey& record, ALG_ID algId) {
     std::unique_ptr<KEY_HANDLE> key = newKey();
-    const std::string_view label = textOf(record.label);
-    const std::string_view name = textOf(record.name);
-    std::memcpy(key->keyId, record.identifier, sizeof key->keyId);
+    const std::string_view name = nameOf(record);
+    describeStoredKey(*key, record);
     key->algId = algId;
-    key->keyUsage = record.usage;
-    std::copy(name.begin(), name.end(), key->keyAlias);
+    std::ranges::copy(name, key->keyAlias);
     key->keyAliasLen = static_cast<std::uint32_t>(name.size());
-    std::copy(label.begin(), label.end(), key->label);
-    key->storageFlag = record.storageFlag;
     return key;
 }
 
@@ -177,22 +153,23 @@ Outcome storeOnToken(const Import& import, ByteView value, std::uint32_t keyType
     if (!stored) {
         return fail(NTE_BAD_TYPE, failed);
     }
-    handOver(describeStoredKey(*stored, import.algId()), import.phKey);
+    handOver(makeStoredKey(*stored, import.algId()), import.phKey);
     logDebug(succeeded);
     return success();
 }
 
 Outcome importPlainKey(const Import& import) {
     const ALG_ID algId = import.algId();
-    if (algId != CALG_AES_128 && algId != CALG_AES_256) {
+    const AesLength* const algorithm = findRow(aesLengths, &AesLength::algId, algId);
+    if (algorithm == nullptr || algId == CALG_3DES) {
         return fail(NTE_BAD_ALGID, "Unsupported algorithm for PLAINTEXTKEYBLOB: ", algId);
     }
-    return storeOnToken(import, import.payload(), algId == CALG_AES_128 ? TALVIK_KEY_AES_128 : TALVIK_KEY_AES_256,
-                        "PLAINTEXTKEYBLOB import failed", "PLAINTEXTKEYBLOB imported successfully (AES)");
+    return storeOnToken(import, import.payload, algorithm->keyType, "PLAINTEXTKEYBLOB import failed",
+                        "PLAINTEXTKEYBLOB imported successfully (AES)");
 }
 
 Outcome importWrappedKey(const Import& import) {
-    const ByteView wrapped = import.payload();
+    const ByteView wrapped = import.payload;
     logDebug("SYMMETRICWRAPKEYBLOB: wrapped key length = ", wrapped.size());
     LibraryBuffer unwrapped(wrapped.size() + resultMargin);
     const std::optional<AesKeyIdentifier> kek =
@@ -209,7 +186,7 @@ Outcome importWrappedKey(const Import& import) {
 // --- entry -----------------------------------------------------------------------------------------------------------
 
 Outcome importByType(const Import& import) {
-    const std::uint8_t type = import.blob.byteAt(BLOB_TYPE);
+    const BYTE type = import.start.header.bType;
     switch (type) {
         case SIMPLEBLOB:
             return importSessionKey(import);
@@ -239,18 +216,20 @@ Outcome importKey(HCRYPTPROV hProv, const BYTE* pbData, DWORD dwDataLen, HCRYPTK
     if (context == nullptr) {
         return fail(NTE_BAD_UID, "CPImportKey - Contest null or not initialised");
     }
-    if (dwDataLen < BLOB_PAYLOAD) {
+    BlobCursor blob({pbData, dwDataLen});
+    const auto start = blob.read<BlobStart>();
+    if (!start) {
         return fail(NTE_INVALID_PARAMETER, "CPImportKey - Input data to import is empty");
     }
-    const BlobReader blob({pbData, dwDataLen});
-    logDebug("CPImportKey - input type : ", blob.byteAt(BLOB_TYPE));
-    logDebug("CPImportKey - input version : ", blob.byteAt(BLOB_VERSION));
-    logDebug("CPImportKey - input alg : ", blob.wordAt(BLOB_ALG_ID));
-    logDebug("CPImportKey - input data length : ", dwDataLen - BLOB_PAYLOAD);
-    if (dwDataLen == BLOB_PAYLOAD) {
+    const ByteView payload = blob.rest();
+    logDebug("CPImportKey - input type : ", start->header.bType);
+    logDebug("CPImportKey - input version : ", start->header.bVersion);
+    logDebug("CPImportKey - input alg : ", start->header.aiKeyAlg);
+    logDebug("CPImportKey - input data length : ", payload.size());
+    if (payload.empty()) {
         return fail(NTE_INVALID_PARAMETER, "CPImportKey - Input data to import is empty");
     }
-    return importByType({*context, blob, keyOf(hPubKey), phKey});
+    return importByType({*context, *start, payload, keyOf(hPubKey), phKey});
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include "csp/key.h"
 #include "csp/outcome.h"
 #include "log/log.h"
+#include "token/algorithms.h"
 #include "token/pin_login.h"
 #include "token/session.h"
 #include "token/shared_state.h"
@@ -15,12 +16,6 @@
 
 namespace talvik::csp {
 namespace {
-
-// Where a parameter's answer goes. Whether the size can be reported matters only once there is an answer.
-struct Output {
-    BYTE* buffer;
-    DWORD* size;
-};
 
 // A null buffer and a zero length both ask for the size here.
 bool isSizeQuery(Output out) {
@@ -39,7 +34,7 @@ Outcome getWord(DWORD value, Output out, const char* name) {
     if (isSizeQuery(out)) {
         return answerSize(sizeof value, out);
     }
-    return answer(bytesOf(value), out.buffer, out.size, "CPGetKeyParam - Output buffer length for ", name,
+    return answer(bytesOf(value), out, "CPGetKeyParam - Output buffer length for ", name,
                   " not enough : ", sizeof value);
 }
 
@@ -51,7 +46,7 @@ Outcome getAlgId(const KEY_HANDLE& key, Output out) {
     if (*out.size >= sizeof key.algId) {
         logDebug("CPGetKeyParam - copying alg id : ", key.algId);
     }
-    return answer(bytesOf(key.algId), out.buffer, out.size,
+    return answer(bytesOf(key.algId), out,
                   "CPGetKeyParam - Output buffer length for alg not enough : ", sizeof key.algId);
 }
 
@@ -64,8 +59,8 @@ Outcome getCertificate(const CspContext& context, const KEY_HANDLE& key, Output 
     talvik_initDevice(context.deviceId.c_str(), true, context.reserved);
     const std::vector<TalvikCertificate> certificates =
         talvik_getCertificateList(context.deviceId.c_str(), context.reserved);
-    const auto found = std::find_if(certificates.begin(), certificates.end(),
-                                    [&](const TalvikCertificate& certificate) { return belongsTo(certificate, key); });
+    const auto found = std::ranges::find_if(
+        certificates, [&](const TalvikCertificate& certificate) { return belongsTo(certificate, key); });
     if (found == certificates.end()) {
         return fail(NTE_NOT_FOUND, "CPGetKeyParam - Certificate not found");
     }
@@ -73,8 +68,7 @@ Outcome getCertificate(const CspContext& context, const KEY_HANDLE& key, Output 
     if (isSizeQuery(out)) {
         return answerSize(static_cast<DWORD>(der.size()), out);
     }
-    return answer(der, out.buffer, out.size,
-                  "CPGetKeyParam - Output buffer length for certificate not enough : ", der.size());
+    return answer(der, out, "CPGetKeyParam - Output buffer length for certificate not enough : ", der.size());
 }
 
 Outcome getParam(HCRYPTPROV hProv, HCRYPTKEY hKey, DWORD dwParam, Output out) {
@@ -104,23 +98,9 @@ Outcome getParam(HCRYPTPROV hProv, HCRYPTKEY hKey, DWORD dwParam, Output out) {
     }
 }
 
-// Length of the DER element at `der` by its own header, whose bytes are the only ones read; 0 when its length is
-// encoded in a way that no certificate needs.
-std::size_t derTotalLength(const BYTE* der) {
-    const unsigned char first = der[1];
-    if (first < 0x80) {
-        return 2u + first;
-    }
-    const unsigned int octets = first & 0x7Fu;
-    if (octets < 1 || octets > 3) {
-        return 0;
-    }
-    std::size_t content = 0;
-    for (unsigned int i = 0; i < octets; ++i) {
-        content = content << 8 | der[2 + i];
-    }
-    return 2 + octets + content;
-}
+// The caller gives no length: the certificate's own header tells it, of which no more is read than there is. A length
+// of three octets serves any certificate.
+constexpr std::size_t longestCertificateHeader = 5;
 
 // The PIN for storing a certificate: the remembered one, else the user is asked. False when there is none to be had; an
 // empty PIN is what single sign-on gives.
@@ -132,17 +112,6 @@ bool pinForCertificate(const CspContext& context, SecretText& pin) {
     return loginUser(context.deviceId, context.reserved, pin);
 }
 
-TalvikCertificate certificateFor(const KEY_HANDLE& key, ByteView der) {
-    TalvikCertificate record = {};
-    std::memcpy(record.keyId, key.keyId, sizeof record.keyId);
-    std::copy(der.begin(), der.end(), record.der);
-    record.derLength = static_cast<std::uint32_t>(der.size());
-    std::memcpy(record.keyAlias, key.keyAlias, sizeof record.keyAlias);
-    record.keyAliasLength = key.keyAliasLen;
-    std::memcpy(record.label, key.label, sizeof record.label);
-    return record;
-}
-
 Outcome setCertificate(const CspContext& context, const KEY_HANDLE& key, const BYTE* pbData) {
     if (pbData == nullptr) {
         return fail(ERROR_INVALID_PARAMETER, "CPSetKeyParam: KP_CERTIFICATE pbData is null");
@@ -150,10 +119,11 @@ Outcome setCertificate(const CspContext& context, const KEY_HANDLE& key, const B
     if (pbData[0] != 0x30) {
         return fail(NTE_BAD_DATA, "CPSetKeyParam: KP_CERTIFICATE invalid DER (not a SEQUENCE)");
     }
-    const std::size_t total = derTotalLength(pbData);
-    if (total == 0) {
+    const std::optional<DerHeader> header = derReadHeader({pbData, longestCertificateHeader});
+    if (!header) {
         return fail(NTE_BAD_DATA, "CPSetKeyParam: KP_CERTIFICATE unsupported DER length encoding");
     }
+    const std::size_t total = header->size + header->contentSize;
     logDebug("CPSetKeyParam: KP_CERTIFICATE DER length=", total);
     if (total > sizeof TalvikCertificate::der) {
         return fail(NTE_BAD_DATA, "CPSetKeyParam: KP_CERTIFICATE certificate too large");
@@ -162,8 +132,8 @@ Outcome setCertificate(const CspContext& context, const KEY_HANDLE& key, const B
     if (!pinForCertificate(context, pin)) {
         return fail(NTE_FAIL, "CPSetKeyParam: KP_CERTIFICATE login failed");
     }
-    TalvikCertificate record = certificateFor(key, {pbData, total});
-    const int status = talvik_importCertificate(context.deviceId.c_str(), pin.c_str(), &record, context.reserved);
+    const int status =
+        storeCertificate(context.deviceId, pin.c_str(), key, aliasOf(key), {pbData, total}, context.reserved);
     if (status != TALVIK_STATUS_OK) {
         return fail(NTE_FAIL, "CPSetKeyParam: KP_CERTIFICATE import failed ret=", status);
     }
@@ -171,18 +141,17 @@ Outcome setCertificate(const CspContext& context, const KEY_HANDLE& key, const B
     return success();
 }
 
-// The caller gives no length either: the key's algorithm code, set by an import, tells the cipher's block.
+// The caller gives no length either: the key's algorithm code, set by an import, tells the vector's size. A 128-bit key
+// takes none.
 Outcome setIv(const KEY_HANDLE& key, const BYTE* pbData) {
-    constexpr std::uint32_t aes = 10;
-    constexpr std::uint32_t tripleDes = 11;
-    const std::size_t blockSize = key.algId == aes ? 16 : key.algId == tripleDes ? 8 : 0;
-    if (blockSize == 0) {
+    const AesLength* const cipher = findRow(aesLengths, &AesLength::keyType, key.algId);
+    if (cipher == nullptr || cipher->keyType == TALVIK_KEY_AES_128) {
         return success();
     }
     if (pbData == nullptr) {
         return fail(ERROR_INVALID_PARAMETER, "CPSetKeyParam: KP_IV pbData is null");
     }
-    setSharedIv({pbData, blockSize});
+    setSharedIv({pbData, cipher->ivSize});
     return success();
 }
 

@@ -69,20 +69,31 @@ BOOL entryPoint(const char* name, Body body) noexcept {
     return outcome.result;
 }
 
+// Where an answer goes. A null `size` is refused where a size is to be reported, after everything else that there is to
+// refuse.
+struct Output {
+    BYTE* buffer;
+    DWORD* size;
+
+    bool hasRoomFor(std::size_t length) const noexcept {
+        return buffer != nullptr && size != nullptr && *size >= length;
+    }
+};
+
 // The size rule: reports the value's size; a null buffer is a size query, a short one fails with ERROR_MORE_DATA after
 // the parts of its text were logged.
 template <class... Parts>
-Outcome answer(ByteView value, BYTE* buffer, DWORD* size, const Parts&... tooSmall) noexcept {
-    const DWORD room = *size;
-    *size = static_cast<DWORD>(value.size());
-    if (buffer == nullptr) {
+Outcome answer(ByteView value, Output out, const Parts&... tooSmall) noexcept {
+    const DWORD room = *out.size;
+    *out.size = static_cast<DWORD>(value.size());
+    if (out.buffer == nullptr) {
         return success();
     }
     if (room < value.size()) {
         return fail(ERROR_MORE_DATA, tooSmall...);
     }
     if (!value.empty()) {
-        std::memcpy(buffer, value.data(), value.size());
+        std::memcpy(out.buffer, value.data(), value.size());
     }
     return success();
 }

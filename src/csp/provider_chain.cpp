@@ -41,7 +41,7 @@ ChainsByContainer chainsOfToken(const KeyPairList& keys, TokenCertificates& cert
 
 }  // namespace
 
-Outcome getCertificateChain(const CspContext& context, ProviderOutput out) {
+Outcome getCertificateChain(const CspContext& context, Output out) {
     const KeyPairList keys(context.deviceId, context.reserved);
     TokenCertificates certificates(talvik_getCertificateList(context.deviceId.c_str(), context.reserved));
     const ChainsByContainer chains = chainsOfToken(keys, certificates);

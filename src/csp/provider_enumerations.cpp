@@ -12,7 +12,7 @@ namespace {
 template <std::size_t Capacity>
 void putName(CHAR (&field)[Capacity], std::string_view name) {
     const std::string_view kept = name.substr(0, Capacity - 1);
-    std::copy(kept.begin(), kept.end(), field);
+    std::ranges::copy(kept, field);
 }
 
 PROV_ENUMALGS shortRecord(const AdvertisedAlgorithm& algorithm) {
@@ -42,7 +42,7 @@ static_assert(sizeof(PROV_ENUMALGS) == 32 && sizeof(PROV_ENUMALGS_EX) == 88);
 
 // The two forms differ in their record and their texts, not in how they walk.
 template <class MakeRecord>
-Outcome walkAlgorithms(CspContext& context, ProviderOutput out, DWORD flags, std::string_view parameter,
+Outcome walkAlgorithms(CspContext& context, Output out, DWORD flags, std::string_view parameter,
                        std::string_view returned, MakeRecord makeRecord) {
     logDebug("CPGetProvParam: ", parameter);
     const DWORD direction = flags & ~static_cast<DWORD>(CRYPT_SGC_ENUM);
@@ -62,7 +62,7 @@ Outcome walkAlgorithms(CspContext& context, ProviderOutput out, DWORD flags, std
     if (out.buffer == nullptr || out.size == nullptr) {
         return moreData(sizeof record, out);
     }
-    const Outcome outcome = answer(bytesOf(record), out.buffer, out.size, "CPGetProvParam ", parameter,
+    const Outcome outcome = answer(bytesOf(record), out, "CPGetProvParam ", parameter,
                                    ": output buffer too small, required=", sizeof record);
     if (outcome.result != FALSE) {
         logDebug("CPGetProvParam: returned ", returned, " -> ", algorithm.name);
@@ -72,7 +72,7 @@ Outcome walkAlgorithms(CspContext& context, ProviderOutput out, DWORD flags, std
 
 }  // namespace
 
-Outcome enumerateContainers(CspContext& context, ProviderOutput out, DWORD flags) {
+Outcome enumerateContainers(CspContext& context, Output out, DWORD flags) {
     if (flags == CRYPT_FIRST) {
         context.enumIndex = 0;
     } else if (flags == CRYPT_NEXT) {
@@ -95,11 +95,11 @@ Outcome enumerateContainers(CspContext& context, ProviderOutput out, DWORD flags
     return success();
 }
 
-Outcome enumerateAlgorithms(CspContext& context, ProviderOutput out, DWORD flags) {
+Outcome enumerateAlgorithms(CspContext& context, Output out, DWORD flags) {
     return walkAlgorithms(context, out, flags, "PP_ENUMALGS", "algorithm", shortRecord);
 }
 
-Outcome enumerateAlgorithmsEx(CspContext& context, ProviderOutput out, DWORD flags) {
+Outcome enumerateAlgorithmsEx(CspContext& context, Output out, DWORD flags) {
     return walkAlgorithms(context, out, flags, "PP_ENUMALGS_EX", "EX algorithm", longRecord);
 }
 

@@ -7,16 +7,15 @@
 
 #include "csp/entry_points.h"
 #include "log/log.h"
+#include "module.h"
 #include "token/key_pair_list.h"
-#include "token/secret_text.h"
-#include "token/session.h"
+#include "token/pin_login.h"
 #include "token/shared_state.h"
 #include "token/token_records.h"
 
 namespace talvik::csp {
 namespace {
 
-constexpr std::string_view providerName = "Talvik Cryptographic Provider CSP";
 constexpr DWORD hardwareAndRemovable = CRYPT_IMPL_HARDWARE | CRYPT_IMPL_REMOVABLE;
 constexpr DWORD providerVersion = 0x100;
 
@@ -25,7 +24,7 @@ Outcome refuseMissingSize() {
 }
 
 // How the simple parameters end: a missing or short buffer is no error, the value is just not written.
-Outcome reportLength(std::size_t length, ProviderOutput out) {
+Outcome reportLength(std::size_t length, Output out) {
     if (out.size == nullptr) {
         return refuseMissingSize();
     }
@@ -35,14 +34,14 @@ Outcome reportLength(std::size_t length, ProviderOutput out) {
     return success();
 }
 
-Outcome simpleWord(DWORD value, ProviderOutput out) {
+Outcome simpleWord(DWORD value, Output out) {
     if (out.hasRoomFor(sizeof value)) {
         std::memcpy(out.buffer, &value, sizeof value);
     }
     return reportLength(sizeof value, out);
 }
 
-Outcome implementationType(ProviderOutput out) {
+Outcome implementationType(Output out) {
     if (out.hasRoomFor(sizeof hardwareAndRemovable)) {
         logDebug("CPGetProvParam not null value provided");
     }
@@ -50,16 +49,16 @@ Outcome implementationType(ProviderOutput out) {
 }
 
 // Reports its length without the NUL after a copy, but with it as the needed size.
-Outcome name(ProviderOutput out) {
-    constexpr std::size_t needed = providerName.size() + 1;
+Outcome name(Output out) {
+    constexpr std::size_t needed = sizeof PROVIDER_NAME;
     if (!out.hasRoomFor(needed)) {
         return reportLength(needed, out);
     }
-    std::memcpy(out.buffer, providerName.data(), needed);
-    return reportLength(providerName.size(), out);
+    std::memcpy(out.buffer, PROVIDER_NAME, needed);
+    return reportLength(needed - 1, out);
 }
 
-Outcome container(const CspContext& context, ProviderOutput out) {
+Outcome container(const CspContext& context, Output out) {
     containerQueried = true;
     logDebug("CPGetProvParam - copying container");
     const std::size_t needed = context.containerName.size() + 1;
@@ -71,37 +70,36 @@ Outcome container(const CspContext& context, ProviderOutput out) {
 
 // The 32-bit answers that tell a missing or short buffer with ERROR_MORE_DATA.
 template <class... Parts>
-Outcome word(DWORD value, ProviderOutput out, const Parts&... written) {
+Outcome word(DWORD value, Output out, const Parts&... written) {
     if (!out.hasRoomFor(sizeof value)) {
         return moreData(sizeof value, out);
     }
     if constexpr (sizeof...(written) > 0) {
         logDebug(written..., value);
     }
-    return answer(bytesOf(value), out.buffer, out.size);
+    return answer(bytesOf(value), out);
 }
 
-Outcome pinQuery(ProviderOutput out) {
+Outcome pinQuery(Output out) {
     logDebug("CPGetProvParam: PIN query");
     return word(1, out);
 }
 
-Outcome hardwareRng(ProviderOutput out) {
+Outcome hardwareRng(Output out) {
     if (!out.hasRoomFor(sizeof(DWORD))) {
         logDebug("Required size is Large");
     }
     return word(useHardwareRng, out, "CPGetProvParam: PP_USE_HARDWARE_RNG = ");
 }
 
-Outcome keySpec(const CspContext& context, ProviderOutput out) {
+Outcome keySpec(const CspContext& context, Output out) {
     if (context.containerName.empty() || context.deviceId.empty()) {
         logDebug("CPGetProvParam PP_KEYSPEC: no container, returning supported specs");
         return word(AT_KEYEXCHANGE | AT_SIGNATURE, out);
     }
     const KeyPairList keys(context.deviceId, context.reserved);
-    const auto key = std::find_if(keys.begin(), keys.end(), [&](const TalvikKeyPair& candidate) {
-        return hasContainerName(candidate, context.containerName);
-    });
+    const auto key = std::ranges::find_if(
+        keys, [&](const TalvikKeyPair& candidate) { return hasContainerName(candidate, context.containerName); });
     if (key == keys.end()) {
         return fail(NTE_NO_KEY, "CPGetProvParam PP_KEYSPEC: key not found for container=", context.containerName);
     }
@@ -109,7 +107,7 @@ Outcome keySpec(const CspContext& context, ProviderOutput out) {
 }
 
 // Everyone has access: what protects a key is the token's PIN.
-Outcome securityDescriptor(ProviderOutput out) {
+Outcome securityDescriptor(Output out) {
     logDebug("CPGetProvParam: PP_KEYSET_SEC_DESCR");
     SECURITY_DESCRIPTOR descriptor = {};
     InitializeSecurityDescriptor(&descriptor, SECURITY_DESCRIPTOR_REVISION);
@@ -126,7 +124,7 @@ Outcome securityDescriptor(ProviderOutput out) {
     return success();
 }
 
-Outcome getByParameter(CspContext& context, DWORD dwParam, ProviderOutput out, DWORD dwFlags) {
+Outcome getByParameter(CspContext& context, DWORD dwParam, Output out, DWORD dwFlags) {
     switch (dwParam) {
         case PP_ENUMALGS:
             return enumerateAlgorithms(context, out, dwFlags);
@@ -168,7 +166,7 @@ Outcome getByParameter(CspContext& context, DWORD dwParam, ProviderOutput out, D
     }
 }
 
-Outcome getParam(HCRYPTPROV hProv, DWORD dwParam, ProviderOutput out, DWORD dwFlags) {
+Outcome getParam(HCRYPTPROV hProv, DWORD dwParam, Output out, DWORD dwFlags) {
     CspContext* const context = contextOf(hProv);
     if (context == nullptr) {
         return fail(NTE_BAD_UID, "CPGetProvParam: context is null or not initialized");
@@ -179,26 +177,16 @@ Outcome getParam(HCRYPTPROV hProv, DWORD dwParam, ProviderOutput out, DWORD dwFl
     return getByParameter(*context, dwParam, out, dwFlags);
 }
 
-Outcome setClientWindow(CspContext& context, const BYTE* pbData) {
-    context.clientWindow = 0;
-    if (pbData != nullptr) {
-        std::memcpy(&context.clientWindow, pbData, sizeof context.clientWindow);
-    }
-    return success();
-}
-
 Outcome setPin(const CspContext& context, const BYTE* pbData) {
     if (pbData == nullptr) {
         return fail(ERROR_INVALID_PARAMETER, "CPSetProvParam: NULL PIN data");
     }
-    const SecretText pin(reinterpret_cast<const char*>(pbData));
-    logDebug("CPSetProvParam - passwordLength : ", pin.size());
-    int remaining = 0;
-    const int status = talvik_validatePassword(context.deviceId.c_str(), pin.c_str(), 1, &remaining, context.reserved);
+    const auto* const pin = reinterpret_cast<const char*>(pbData);
+    logDebug("CPSetProvParam - passwordLength : ", std::strlen(pin));
+    const int status = validatePin(context.deviceId, pin, context.reserved).status;
     if (status != TALVIK_STATUS_OK) {
         return fail(NTE_KEYSET_ENTRY_BAD, "CPSetProvParam - Token password validation failed : ", status);
     }
-    setDevicePassword(context.deviceId, pin.c_str());
     return success();
 }
 
@@ -214,7 +202,7 @@ Outcome setHardwareRng(const BYTE* pbData) {
 }
 
 Outcome setParam(HCRYPTPROV hProv, DWORD dwParam, const BYTE* pbData) {
-    CspContext* const context = contextOf(hProv);
+    const CspContext* const context = contextOf(hProv);
     if (context == nullptr) {
         return fail(NTE_BAD_UID, "CPSetProvParam: context is null or not initialized");
     }
@@ -222,7 +210,7 @@ Outcome setParam(HCRYPTPROV hProv, DWORD dwParam, const BYTE* pbData) {
     logDebug("CPSetProvParam - input param : ", dwParam);
     switch (dwParam) {
         case PP_CLIENT_HWND:
-            return setClientWindow(*context, pbData);
+            return success();  // no dialog of this face has an owner
         case PP_KEYEXCHANGE_PIN:
         case PP_SIGNATURE_PIN:
             return setPin(*context, pbData);
@@ -235,7 +223,7 @@ Outcome setParam(HCRYPTPROV hProv, DWORD dwParam, const BYTE* pbData) {
 
 }  // namespace
 
-Outcome moreData(std::size_t needed, ProviderOutput out) {
+Outcome moreData(std::size_t needed, Output out) {
     if (out.size == nullptr) {
         return refuseMissingSize();
     }

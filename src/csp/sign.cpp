@@ -10,6 +10,7 @@
 #include "csp/key.h"
 #include "csp/outcome.h"
 #include "log/log.h"
+#include "token/algorithms.h"
 #include "token/key_pair_list.h"
 #include "token/pin_login.h"
 #include "token/public_key.h"
@@ -19,19 +20,10 @@
 namespace talvik::csp {
 namespace {
 
-// Room for the largest signature of any token key, with a margin for a library that writes more than the caller has
-// room for.
-constexpr std::size_t largestSignature = 1024;
-
+// What a size query answers: no key is said to sign with less than one of the default size.
 DWORD signatureSize(std::uint32_t keyType) {
-    switch (keyType) {
-        case TALVIK_KEY_RSA_3072:
-            return 384;
-        case TALVIK_KEY_RSA_4096:
-            return 512;
-        default:
-            return 256;
-    }
+    const RsaSize* const size = findRow(rsaSizes, &RsaSize::keyType, keyType);
+    return std::max(size != nullptr ? size->bytes() : 0, defaultRsaSize.bytes());
 }
 
 void takeSignKey(HASH_CONTEXT& hash, const TalvikKeyPair& key) {
@@ -70,12 +62,12 @@ Outcome deliverSignature(std::span<unsigned char> signature, BYTE* pbSignature, 
     if (room < signature.size()) {
         return fail(ERROR_MORE_DATA, "CPSignHash: signature buffer too small, required=", signature.size());
     }
-    std::reverse_copy(signature.begin(), signature.end(), pbSignature);
+    std::ranges::reverse_copy(signature, pbSignature);
     return success();
 }
 
 Outcome signDigest(const CspContext& context, const HASH_CONTEXT& hash, BYTE* pbSignature, DWORD* pdwSigLen) {
-    unsigned char signature[largestSignature] = {};
+    unsigned char signature[largestRsaResult] = {};
     int length = 0;
     const auto ensurePin = [&] { return ensurePasswordValidated(context.deviceId, context.reserved); };
     const auto sign = [&](const char* pin) {
@@ -174,9 +166,10 @@ Bytes publicKeyFromToken(const CspContext& context) {
 
 Outcome verifyDigest(const CspContext& context, const HASH_CONTEXT& hash, ByteView publicKey, ByteView signature) {
     const Bytes tokenOrder = reverseBytes(signature);
-    const int status = talvik_verifySignatureHash(
-        2, context.deviceId.c_str(), hash.hashValue, static_cast<int>(hash.hashValueLen), publicKey.data(),
-        static_cast<int>(publicKey.size()), tokenOrder.data(), static_cast<int>(tokenOrder.size()), nullptr, false);
+    const int status = talvik_verifySignatureHash(defaultRsaSize.keyType, context.deviceId.c_str(), hash.hashValue,
+                                                  static_cast<int>(hash.hashValueLen), publicKey.data(),
+                                                  static_cast<int>(publicKey.size()), tokenOrder.data(),
+                                                  static_cast<int>(tokenOrder.size()), nullptr, false);
     logDebug("pContext->serialNumber: ", context.deviceId);
     logDebug("pHashContext->hashLength: ", hash.hashValueLen);
     logDebug("PublicKeyLength: ", publicKey.size());

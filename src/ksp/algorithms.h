@@ -1,4 +1,4 @@
-// The algorithms that the provider offers, and the names of the token's key types.
+// The algorithms that the provider offers, and what CNG calls the token's key types.
 #pragma once
 
 #include <windows.h>
@@ -6,10 +6,13 @@
 #include <bcrypt.h>
 #include <ncrypt.h>
 
+#include <algorithm>
+#include <array>
 #include <cstdint>
+#include <iterator>
 #include <string_view>
 
-#include "token/device_library.h"
+#include "token/algorithms.h"
 
 namespace talvik::ksp {
 
@@ -19,70 +22,34 @@ struct Algorithm {
     DWORD operations;
 };
 
-inline constexpr Algorithm algorithms[] = {
-    {L"RSA", NCRYPT_ASYMMETRIC_ENCRYPTION_INTERFACE,
-     NCRYPT_ASYMMETRIC_ENCRYPTION_OPERATION | NCRYPT_SIGNATURE_OPERATION},
-    {L"ECDSA_P256", NCRYPT_SIGNATURE_INTERFACE, NCRYPT_SIGNATURE_OPERATION},
-    {L"ECDSA_P384", NCRYPT_SIGNATURE_INTERFACE, NCRYPT_SIGNATURE_OPERATION},
-    {L"ECDSA_P521", NCRYPT_SIGNATURE_INTERFACE, NCRYPT_SIGNATURE_OPERATION},
-    {L"SHA1", NCRYPT_HASH_INTERFACE, NCRYPT_HASH_OPERATION},
-    {L"SHA256", NCRYPT_HASH_INTERFACE, NCRYPT_HASH_OPERATION},
-    {L"SHA384", NCRYPT_HASH_INTERFACE, NCRYPT_HASH_OPERATION},
-    {L"SHA512", NCRYPT_HASH_INTERFACE, NCRYPT_HASH_OPERATION},
-};
+inline constexpr std::wstring_view rsaAlgorithmName = L"RSA";
 
-// What key pairs can be made of, by the name that an application asks for.
-struct KeyPairAlgorithm {
-    std::wstring_view name;  // NUL-terminated
-    std::wstring_view group;
-    std::uint32_t keyType;  // 0: chosen by size when the key is made
-};
+inline constexpr auto algorithms = [] {
+    std::array<Algorithm, 1 + std::size(ellipticCurves) + std::size(hashAlgorithms)> rows{
+        {{rsaAlgorithmName, NCRYPT_ASYMMETRIC_ENCRYPTION_INTERFACE,
+          NCRYPT_ASYMMETRIC_ENCRYPTION_OPERATION | NCRYPT_SIGNATURE_OPERATION}}};
+    const auto ofCurve = [](const EllipticCurve& curve) {
+        return Algorithm{curve.name, NCRYPT_SIGNATURE_INTERFACE, NCRYPT_SIGNATURE_OPERATION};
+    };
+    const auto ofHash = [](const HashAlgorithm& hash) {
+        return Algorithm{hash.cngName, NCRYPT_HASH_INTERFACE, NCRYPT_HASH_OPERATION};
+    };
+    const auto next = std::ranges::transform(ellipticCurves, rows.begin() + 1, ofCurve).out;
+    std::ranges::transform(hashAlgorithms, next, ofHash);
+    return rows;
+}();
 
-inline constexpr KeyPairAlgorithm keyPairAlgorithms[] = {
-    {L"RSA", L"RSA", 0},
-    {L"ECDSA_P256", L"ECDSA", TALVIK_KEY_EC_P256},
-    {L"ECDSA_P384", L"ECDSA", TALVIK_KEY_EC_P384},
-    {L"ECDSA_P521", L"ECDSA", TALVIK_KEY_EC_P521},
-};
+// Room for the longest of these names, with its NUL.
+inline constexpr std::size_t algorithmNameRoom =
+    std::ranges::max(algorithms, {}, [](const Algorithm& row) { return row.name.size(); }).name.size() + 1;
 
 // Of a key type; everything that is no elliptic-curve key is called RSA.
-constexpr const KeyPairAlgorithm& algorithmOfType(std::uint32_t keyType) {
-    for (const KeyPairAlgorithm& algorithm : keyPairAlgorithms) {
-        if (algorithm.keyType == keyType) {
-            return algorithm;
-        }
-    }
-    return keyPairAlgorithms[0];
+constexpr std::wstring_view algorithmNameOf(std::uint32_t keyType) {
+    const EllipticCurve* const curve = findCurve(keyType);
+    return curve != nullptr ? curve->name : rsaAlgorithmName;
 }
-
-// RSA sizes that the token knows, with what goes by them.
-struct RsaSize {
-    std::uint32_t bits;
-    std::uint32_t keyType;
-    EncryptionType encryption;
-};
-
-inline constexpr RsaSize rsaSizes[] = {
-    {1024, TALVIK_KEY_RSA_1024, EncryptionType::Rsa1024},
-    {2048, TALVIK_KEY_RSA_2048, EncryptionType::Rsa2048},
-    {3072, TALVIK_KEY_RSA_3072, EncryptionType::Rsa3072},
-    {4096, TALVIK_KEY_RSA_4096, EncryptionType::Rsa4096},
-};
-inline constexpr const RsaSize& defaultRsaSize = rsaSizes[1];
-
-// Null for a size that the token does not know.
-constexpr const RsaSize* findRsaSize(std::uint32_t bits) {
-    for (const RsaSize& size : rsaSizes) {
-        if (size.bits == bits) {
-            return &size;
-        }
-    }
-    return nullptr;
-}
-
-constexpr const RsaSize& rsaSizeOrDefault(std::uint32_t bits) {
-    const RsaSize* const size = findRsaSize(bits);
-    return size != nullptr ? *size : defaultRsaSize;
+constexpr std::wstring_view algorithmGroupOf(std::uint32_t keyType) {
+    return findCurve(keyType) != nullptr ? std::wstring_view(L"ECDSA") : rsaAlgorithmName;
 }
 
 }  // namespace talvik::ksp

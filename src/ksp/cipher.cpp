@@ -3,12 +3,12 @@
 #include <optional>
 #include <string>
 
-#include "ksp/algorithms.h"
 #include "ksp/entry_points.h"
 #include "ksp/key.h"
 #include "ksp/provider.h"
 #include "ksp/rsa.h"
 #include "log/log.h"
+#include "token/algorithms.h"
 #include "token/library_buffer.h"
 #include "token/secret_bytes.h"
 #include "token/shared_state.h"
@@ -20,14 +20,6 @@ namespace {
 constexpr std::size_t longestAesAddition = 64;
 
 constexpr char tooLargeToEncrypt[] = "KSPEncrypt: cbInput is too large";
-
-EncryptionType aesEncryption(const KspKey& key) {
-    const bool isAes128 = key.symmetricKeyLength == 16;
-    if (key.useEcb != 0) {
-        return isAes128 ? EncryptionType::Aes128Ecb : EncryptionType::Aes256Ecb;
-    }
-    return isAes128 ? EncryptionType::Aes128Cbc : EncryptionType::Aes256Cbc;
-}
 
 IvSnapshot ivFor(const KspKey& key) {
     return key.useEcb != 0 ? IvSnapshot(nullptr) : sharedIv();
@@ -69,10 +61,10 @@ SECURITY_STATUS encryptAes(const BoundToken& token, const KspKey& key, ByteView 
     logDebug("KSP: Symmetric encrypt ", key.useEcb != 0 ? "ECB" : "CBC", " mode");
     const IvSnapshot iv = ivFor(key);
     LibraryBuffer ciphertext(input.size() + longestAesAddition, LibraryBuffer::Content::Ciphertext);
-    const int status =
-        talvik_encrypt_aes(token.deviceId.c_str(), aesEncryption(key), key.symmetricKey, lengthOf(symmetricKeyOf(key)),
-                           input.data(), lengthOf(input), ciphertext.bytesOut(), ciphertext.lengthOut(), false,
-                           iv.data(), iv.length(), nullptr, 0, token.libraryContext);
+    const int status = talvik_encrypt_aes(
+        token.deviceId.c_str(), aesEncryption(key.symmetricKeyLength, key.useEcb == 0), key.symmetricKey,
+        lengthOf(symmetricKeyOf(key)), input.data(), lengthOf(input), ciphertext.bytesOut(), ciphertext.lengthOut(),
+        false, iv.data(), iv.length(), nullptr, 0, token.libraryContext);
     if (status != TALVIK_STATUS_OK || !ciphertext.isHonest()) {
         return fail(NTE_INTERNAL_ERROR, "KSP: Symmetric encryption failed: ", status);
     }

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <vector>
 
@@ -14,22 +13,16 @@
 #include "ksp/entry_points.h"
 #include "ksp/provider.h"
 #include "log/log.h"
+#include "token/handle.h"
 #include "token/key_pair_list.h"
 #include "token/session.h"
 
 namespace talvik::ksp {
 namespace {
 
-// Identifier, public key, alias, label and flag of a key pair on the token; what else the key says stays.
+// Flag included; what else the key says stays.
 void describeTokenKey(KspKey& key, const TalvikKeyPair& record) {
-    const ByteView alias = talvik::aliasOf(record);
-    const std::string_view label = labelOf(record);
-    std::memcpy(key.keyId, record.keyId, sizeof key.keyId);
-    key.keyIdLength = sizeof key.keyId;
-    setPublicKey(key, talvik::publicKeyOf(record));
-    std::copy(alias.begin(), alias.end(), key.keyAlias);
-    key.keyAliasLength = static_cast<std::uint32_t>(alias.size());
-    label.copy(key.label, sizeof key.label);
+    describeKeyPair(key, lengthsOf(key), record);
     key.storageFlag = record.storageFlag;
     key.isFinalized = 1;
 }
@@ -46,7 +39,7 @@ std::shared_ptr<const BoundToken> bindToKey(KspProvider& provider, const std::ws
 
 // Whether a key's hex name is `name`; the walk up to it goes to the log.
 bool listsKeyNamed(const KeyPairList& records, std::string_view name) {
-    return std::any_of(records.begin(), records.end(), [=](const TalvikKeyPair& record) {
+    return std::ranges::any_of(records, [=](const TalvikKeyPair& record) {
         logDebug("KSP: Available key: ", HexBytes{record.keyId, sizeof record.keyId});
         return hasContainerName(record, name);
     });
@@ -72,7 +65,7 @@ SECURITY_STATUS openKey(KspProvider& provider, NCRYPT_KEY_HANDLE* phKey, LPCWSTR
     }
     logDebug("KSP: Key match found, proceeding...");
     // A key before the listed one may bear this name as its label; one of the two is always there.
-    const TalvikKeyPair& record = *std::find_if(records.begin(), records.end(), [&](const TalvikKeyPair& candidate) {
+    const TalvikKeyPair& record = *std::ranges::find_if(records, [&](const TalvikKeyPair& candidate) {
         return hasContainerName(candidate, name) || labelOf(candidate) == name;
     });
     auto key = std::make_unique<KspKey>();
@@ -80,31 +73,28 @@ SECURITY_STATUS openKey(KspProvider& provider, NCRYPT_KEY_HANDLE* phKey, LPCWSTR
     key->algorithm = record.keyType;
     key->keyUsage = record.usage;
     key->keyLength = keyBitsOfType(record.keyType);
-    key->keyName = keyName;
     logDebug("KSP: Key opened, algorithm=", key->algorithm, " bits=", key->keyLength);
-    *phKey = reinterpret_cast<NCRYPT_KEY_HANDLE>(key.release());
+    handOver(std::move(key), phKey);
     return ERROR_SUCCESS;
 }
 
-SECURITY_STATUS createPersistedKey(NCRYPT_KEY_HANDLE* phKey, LPCWSTR pszAlgId, LPCWSTR pszKeyName,
-                                   DWORD dwLegacyKeySpec) {
+SECURITY_STATUS createPersistedKey(NCRYPT_KEY_HANDLE* phKey, LPCWSTR pszAlgId, DWORD dwLegacyKeySpec) {
     if (phKey == nullptr || pszAlgId == nullptr) {
         return fail(NTE_INVALID_PARAMETER, "KSPCreatePersistedKey: phKey or pszAlgId is null");
     }
     const std::wstring_view name = pszAlgId;
-    const auto* const algorithm =
-        std::find_if(std::begin(keyPairAlgorithms), std::end(keyPairAlgorithms),
-                     [=](const KeyPairAlgorithm& candidate) { return candidate.name == name; });
-    if (algorithm == std::end(keyPairAlgorithms)) {
+    const EllipticCurve* const curve = findRow(ellipticCurves, &EllipticCurve::name, name);
+    const bool isRsa = name == rsaAlgorithmName;
+    if (curve == nullptr && !isRsa) {
         return fail(NTE_NOT_SUPPORTED, "KSP: Unsupported algorithm for key generation");
     }
     auto key = std::make_unique<KspKey>();
-    const bool isRsa = !isEllipticCurveType(algorithm->keyType);
-    key->algorithm = algorithm->keyType;
-    key->keyLength = keyBitsOfType(algorithm->keyType);
+    if (curve != nullptr) {
+        key->algorithm = curve->keyType;
+        key->keyLength = curve->bits;
+    }
     key->keyUsage = isRsa && dwLegacyKeySpec == AT_KEYEXCHANGE ? TALVIK_USAGE_EXCHANGE : TALVIK_USAGE_SIGN;
-    key->keyName = pszKeyName != nullptr ? pszKeyName : L"";
-    *phKey = reinterpret_cast<NCRYPT_KEY_HANDLE>(key.release());
+    handOver(std::move(key), phKey);
     logDebug("KSP: Key object created, waiting for FinalizeKey");
     return ERROR_SUCCESS;
 }
@@ -144,7 +134,7 @@ SECURITY_STATUS finalizeKey(const BoundToken& token, KspKey* key, DWORD dwFlags)
     return ERROR_SUCCESS;
 }
 
-SECURITY_STATUS deleteKey(const BoundToken& token, KspKey* key, DWORD dwFlags) {
+SECURITY_STATUS deleteKey(const BoundToken& token, const KspKey* key, DWORD dwFlags) {
     if (key == nullptr) {
         return fail(NTE_INVALID_HANDLE, "KSPDeleteKey: key handle is null");
     }
@@ -157,7 +147,6 @@ SECURITY_STATUS deleteKey(const BoundToken& token, KspKey* key, DWORD dwFlags) {
     if (status != TALVIK_STATUS_OK) {
         return fail(NTE_INTERNAL_ERROR, "KSP: Delete key failed: ", status);
     }
-    key->keyName.clear();
     logDebug("KSP: Key deleted successfully");
     return ERROR_SUCCESS;
 }
@@ -177,7 +166,7 @@ KspKeyEnumState* beginEnumeration(const BoundToken& token) {
     auto* const state = static_cast<KspKeyEnumState*>(std::malloc(size));
     if (state != nullptr) {
         *state = {0, records.size()};
-        std::copy(records.begin(), records.end(), state->keyPairs());
+        std::ranges::copy(records, state->keyPairs());
     }
     return state;
 }
@@ -186,7 +175,7 @@ KspKeyEnumState* beginEnumeration(const BoundToken& token) {
 struct KeyNameEntry {
     NCryptKeyName keyName;
     wchar_t name[2 * sizeof TalvikKeyPair::keyId + 1];
-    wchar_t algorithm[11];
+    wchar_t algorithm[algorithmNameRoom];
 };
 
 DWORD legacyKeySpecOf(const TalvikKeyPair& record) {
@@ -217,8 +206,8 @@ SECURITY_STATUS enumKeys(const BoundToken& token, NCryptKeyName** ppKeyName, PVO
     if (entry == nullptr) {
         return fail(NTE_NO_MEMORY, "KSPEnumKeys: failed to allocate key name");
     }
-    std::copy(name.begin(), name.end(), entry->name);
-    algorithmOfType(record.keyType).name.copy(entry->algorithm, std::size(entry->algorithm) - 1);
+    std::ranges::copy(name, entry->name);
+    std::ranges::copy(algorithmNameOf(record.keyType), entry->algorithm);
     entry->keyName = {entry->name, entry->algorithm, legacyKeySpecOf(record), 0};
     *ppKeyName = &entry->keyName;
     ++state.nextIndex;
@@ -227,16 +216,6 @@ SECURITY_STATUS enumKeys(const BoundToken& token, NCryptKeyName** ppKeyName, PVO
 }
 
 }  // namespace
-
-bool setPublicKey(KspKey& key, ByteView publicKey) {
-    if (publicKey.size() > sizeof key.publicKey) {
-        return false;
-    }
-    std::copy(publicKey.begin(), publicKey.end(), key.publicKey);
-    key.publicKeyLength = static_cast<std::uint32_t>(publicKey.size());
-    return true;
-}
-
 }  // namespace talvik::ksp
 
 using talvik::ksp::BoundToken;
@@ -253,9 +232,9 @@ SECURITY_STATUS WINAPI KSPOpenKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDL
 }
 
 SECURITY_STATUS WINAPI KSPCreatePersistedKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE* phKey, LPCWSTR pszAlgId,
-                                             LPCWSTR pszKeyName, DWORD dwLegacyKeySpec, DWORD) {
+                                             LPCWSTR, DWORD dwLegacyKeySpec, DWORD) {
     return providerEntryPoint("KSPCreatePersistedKey", hProvider, [=](KspProvider&) {
-        return talvik::ksp::createPersistedKey(phKey, pszAlgId, pszKeyName, dwLegacyKeySpec);
+        return talvik::ksp::createPersistedKey(phKey, pszAlgId, dwLegacyKeySpec);
     });
 }
 

@@ -9,27 +9,19 @@
 #include <cstdint>
 #include <string>
 
-#include "token/device_library.h"
-#include "token/key_encoding.h"
+#include "token/key.h"
 #include "token/token_records.h"
 
 namespace talvik::ksp {
 
 // A key pair on the token, one that is still to be made there, or an imported key. Owned by the caller's handle until
 // KSPFreeKey. Not locked.
-struct KspKey {
-    unsigned char keyId[16] = {};
-    std::uint32_t keyIdLength = 0;       // 0 until the key exists on the token
-    std::uint32_t algorithm = 0;         // TalvikKeyType; 0 for an RSA key whose size is not chosen yet
-    std::uint32_t keyUsage = 0;          // TalvikUsage
-    unsigned char publicKey[1024] = {};  // the bare modulus, or the DER form
+struct KspKey : TokenKey {
+    std::uint32_t keyIdLength = 0;  // 0 until the key exists on the token
+    std::uint32_t algorithm = 0;    // TalvikKeyType; 0 for an RSA key whose size is not chosen yet
     std::uint32_t publicKeyLength = 0;
-    unsigned char keyAlias[128] = {};
     std::uint32_t keyAliasLength = 0;
-    char label[128] = {};
     std::uint32_t keyLength = 0;  // bits
-    std::uint8_t storageFlag = 0;
-    std::wstring keyName;  // as the application named it
     std::uint8_t isFinalized = 0;
     unsigned char symmetricKey[32] = {};   // an AES key held in clear; wiped when the key goes
     std::uint32_t symmetricKeyLength = 0;  // bytes; 0 for key pairs
@@ -52,12 +44,8 @@ inline ByteView symmetricKeyOf(const KspKey& key) noexcept {
     return {key.symmetricKey, key.symmetricKeyLength};
 }
 
-// 32 upper-case hex digits.
-inline std::string hexNameOf(const KspKey& key) {
-    return bytesToHexString(key.keyId, sizeof key.keyId);
+inline KeyLengths lengthsOf(KspKey& key) noexcept {
+    return {key.keyIdLength, key.keyAliasLength, key.publicKeyLength};
 }
-
-// False, with the key unchanged, when the public key is longer than its field.
-bool setPublicKey(KspKey& key, ByteView publicKey);
 
 }  // namespace talvik::ksp

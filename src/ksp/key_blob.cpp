@@ -9,30 +9,22 @@
 #include <string_view>
 #include <vector>
 
-#include "ksp/algorithms.h"
-#include "ksp/blob_cursor.h"
 #include "ksp/entry_points.h"
 #include "ksp/key.h"
 #include "ksp/provider.h"
 #include "ksp/rsa.h"
 #include "log/log.h"
 #include "token/aes_import.h"
+#include "token/algorithms.h"
+#include "token/blob.h"
+#include "token/handle.h"
 #include "token/key_pair_list.h"
 #include "token/session.h"
 
 namespace talvik::ksp {
 namespace {
 
-// The header of a CAPIPUBLICBLOB; the modulus follows, least significant byte first.
-struct LegacyPublicHeader {
-    PUBLICKEYSTRUC blob;
-    RSAPUBKEY key;
-};
-static_assert(sizeof(LegacyPublicHeader) == 20 && sizeof(BCRYPT_RSAKEY_BLOB) == 24);
-
-// The exponent of every exported key, as in DEFAULT_PUBLIC_EXPONENT.
-constexpr unsigned char exportedExponent[] = {0x01, 0x00, 0x01};
-constexpr DWORD legacyExponent = 0x10001;
+static_assert(sizeof(BCRYPT_RSAKEY_BLOB) == 24 && BCRYPT_RSAPUBLIC_MAGIC == RSA_PUBLIC_MAGIC);
 
 struct Import {
     const BoundToken& token;
@@ -40,30 +32,16 @@ struct Import {
     ByteView data;
     NCRYPT_KEY_HANDLE* phKey;
 
-    SECURITY_STATUS handOver(std::unique_ptr<KspKey> key, const char* text) const {
-        *phKey = reinterpret_cast<NCRYPT_KEY_HANDLE>(key.release());
+    SECURITY_STATUS deliver(std::unique_ptr<KspKey> key, const char* text) const {
+        handOver(std::move(key), phKey);
         logDebug(text);
         return ERROR_SUCCESS;
     }
 };
 
-// 0 for a length that no AES key has.
-std::uint32_t aesTypeOfLength(std::size_t length) {
-    switch (length) {
-        case 16:
-            return TALVIK_KEY_AES_128;
-        case 24:
-            return TALVIK_KEY_AES_192;
-        case 32:
-            return TALVIK_KEY_AES_256;
-        default:
-            return 0;
-    }
-}
-
 std::unique_ptr<KspKey> makePublicKey(const RsaSize& size, ByteView publicKey) {
     auto key = std::make_unique<KspKey>();
-    if (!setPublicKey(*key, publicKey)) {
+    if (!setPublicKey(*key, key->publicKeyLength, publicKey)) {
         return nullptr;
     }
     key->algorithm = size.keyType;
@@ -75,7 +53,7 @@ std::unique_ptr<KspKey> makePublicKey(const RsaSize& size, ByteView publicKey) {
 // Holds a value of at most the field's 32 bytes.
 std::unique_ptr<KspKey> makeAesKey(std::uint32_t keyType, ByteView value) {
     auto key = std::make_unique<KspKey>();
-    std::copy(value.begin(), value.end(), key->symmetricKey);
+    std::ranges::copy(value, key->symmetricKey);
     key->symmetricKeyLength = static_cast<std::uint32_t>(value.size());
     key->algorithm = keyType;
     key->keyIdLength = sizeof key->keyId;
@@ -90,10 +68,7 @@ std::unique_ptr<KspKey> storeOnToken(const BoundToken& token, std::uint32_t keyT
         return nullptr;
     }
     std::unique_ptr<KspKey> key = makeAesKey(keyType, value);
-    std::copy_n(record->identifier, sizeof key->keyId, key->keyId);
-    std::copy_n(record->label, sizeof key->label, key->label);
-    key->keyUsage = record->usage;
-    key->storageFlag = record->storageFlag;
+    describeStoredKey(*key, *record);
     return key;
 }
 
@@ -103,7 +78,7 @@ SECURITY_STATUS importRsaPublicKey(const Import& import) {
     if (!header) {
         return fail(NTE_BAD_DATA, "KSPImportKey: BCRYPT_RSAPUBLIC_BLOB data too small");
     }
-    if (header->Magic != BCRYPT_RSAPUBLIC_MAGIC) {
+    if (header->Magic != RSA_PUBLIC_MAGIC) {
         return fail(NTE_BAD_DATA, "KSPImportKey: BCRYPT_RSAPUBLIC_BLOB invalid magic");
     }
     const bool hasExponent = cursor.take(header->cbPublicExp).has_value();
@@ -119,42 +94,35 @@ SECURITY_STATUS importRsaPublicKey(const Import& import) {
     if (key == nullptr) {
         return fail(NTE_BAD_KEY, "KSPImportKey: BCRYPT_RSAPUBLIC_BLOB modulus too long: ", modulus->size());
     }
-    *import.phKey = reinterpret_cast<NCRYPT_KEY_HANDLE>(key.release());
+    handOver(std::move(key), import.phKey);
     logDebug("KSP: RSA public key imported, bits=", size->bits);
     return ERROR_SUCCESS;
 }
 
 SECURITY_STATUS importLegacyPublicKey(const Import& import) {
     BlobCursor cursor(import.data);
-    const auto header = cursor.read<LegacyPublicHeader>();
+    const auto header = cursor.read<PublicKeyBlobHeader>();
     if (!header) {
         return fail(NTE_BAD_DATA, "KSPImportKey: LEGACY_RSAPUBLIC_BLOB data too small for header");
     }
-    if (header->key.magic != BCRYPT_RSAPUBLIC_MAGIC) {
+    if (header->key.magic != RSA_PUBLIC_MAGIC) {
         return fail(NTE_BAD_DATA, "KSPImportKey: LEGACY_RSAPUBLIC_BLOB invalid magic");
     }
-    const auto littleEndian = cursor.take(header->key.bitlen / 8);
-    if (!littleEndian) {
+    const auto modulus = cursor.take(header->key.bitlen / 8);
+    if (!modulus) {
         return fail(NTE_BAD_DATA, "KSPImportKey: LEGACY_RSAPUBLIC_BLOB data too small for modulus");
     }
-    const std::unique_ptr<unsigned char[]> modulus(new (std::nothrow) unsigned char[littleEndian->size()]);
-    if (modulus == nullptr) {
+    const std::optional<Bytes> der = derOfBlobKey(*modulus, header->key.pubexp, "KSP: Public exponent : ");
+    if (!der) {
         return fail(NTE_NO_MEMORY, "KSPImportKey: LEGACY_RSAPUBLIC_BLOB failed to allocate modulus buffer");
     }
-    std::reverse_copy(littleEndian->begin(), littleEndian->end(), modulus.get());
-    const Bytes exponent = uintToBigEndianBytes(static_cast<std::int32_t>(header->key.pubexp), 3);
-    logDebug("KSP: Public exponent : ", HexBytes{exponent.data(), lengthOf(exponent)});
     const RsaSize* const size = findRsaSize(header->key.bitlen);
     if (size == nullptr) {
         return fail(NTE_NOT_SUPPORTED, "KSP: Unsupported RSA key size");
     }
-    std::unique_ptr<KspKey> key =
-        makePublicKey(*size, buildRsaPublicKeyDerFromBytes({modulus.get(), littleEndian->size()}, exponent));
-    if (key == nullptr) {
-        return fail(NTE_BAD_KEY, "KSPImportKey: LEGACY_RSAPUBLIC_BLOB public key too long");
-    }
+    std::unique_ptr<KspKey> key = makePublicKey(*size, *der);
     key->keyIdLength = sizeof key->keyId;
-    return import.handOver(std::move(key), "KSP: Legacy RSA public key imported successfully");
+    return import.deliver(std::move(key), "KSP: Legacy RSA public key imported successfully");
 }
 
 SECURITY_STATUS importKeyData(const Import& import) {
@@ -170,15 +138,15 @@ SECURITY_STATUS importKeyData(const Import& import) {
     if (!value) {
         return fail(NTE_BAD_DATA, "KSPImportKey: BCRYPT_KEY_DATA_BLOB data too small for key material");
     }
-    const std::uint32_t keyType = aesTypeOfLength(value->size());
-    if (keyType == 0) {
+    const AesLength* const length = findAesLength(value->size());
+    if (length == nullptr) {
         return fail(NTE_NOT_SUPPORTED, "KSP: Unsupported key size for BCRYPT_KEY_DATA_BLOB: ", value->size());
     }
-    std::unique_ptr<KspKey> key = storeOnToken(import.token, keyType, *value);
+    std::unique_ptr<KspKey> key = storeOnToken(import.token, length->keyType, *value);
     if (key == nullptr) {
         return fail(NTE_BAD_TYPE, "KSP: BCRYPT_KEY_DATA_BLOB import failed");
     }
-    return import.handOver(std::move(key), "KSP: BCRYPT_KEY_DATA_BLOB imported successfully (AES)");
+    return import.deliver(std::move(key), "KSP: BCRYPT_KEY_DATA_BLOB imported successfully (AES)");
 }
 
 SECURITY_STATUS importWrappedKey(const Import& import) {
@@ -197,7 +165,7 @@ SECURITY_STATUS importWrappedKey(const Import& import) {
     if (key == nullptr) {
         return fail(NTE_BAD_TYPE, "KSP: Import of unwrapped AES key failed");
     }
-    return import.handOver(std::move(key), "KSP: BCRYPT_OPAQUE_KEY_BLOB imported successfully");
+    return import.deliver(std::move(key), "KSP: BCRYPT_OPAQUE_KEY_BLOB imported successfully");
 }
 
 // Under the PIN that is held, if any: an import asks for none.
@@ -215,11 +183,11 @@ SECURITY_STATUS importEncryptedKey(const Import& import) {
         return fail(NTE_BAD_DATA, "KSP: Encrypted key decryption failed");
     }
     const ByteView value = plaintext.view();
-    const std::uint32_t keyType = aesTypeOfLength(value.size());
-    if (keyType == 0) {
+    const AesLength* const length = findAesLength(value.size());
+    if (length == nullptr) {
         return fail(NTE_NOT_SUPPORTED, "KSP: Unsupported decrypted key length: ", value.size());
     }
-    return import.handOver(makeAesKey(keyType, value), "KSP: Encrypted key imported successfully");
+    return import.deliver(makeAesKey(length->keyType, value), "KSP: Encrypted key imported successfully");
 }
 
 struct ImportedBlob {
@@ -238,10 +206,8 @@ SECURITY_STATUS importKey(LPCWSTR pszBlobType, const Import& import) {
         return fail(NTE_INVALID_PARAMETER, "KSPImportKey: invalid parameters");
     }
     const std::wstring_view type = pszBlobType;
-    for (const ImportedBlob& blob : importedBlobs) {
-        if (blob.type == type) {
-            return blob.import(import);
-        }
+    if (const ImportedBlob* const blob = findRow(importedBlobs, &ImportedBlob::type, type)) {
+        return blob->import(import);
     }
     if (import.importKey != nullptr) {
         return importEncryptedKey(import);
@@ -255,10 +221,10 @@ SECURITY_STATUS importKey(LPCWSTR pszBlobType, const Import& import) {
 // What the token says of a key whose handle carries no public key.
 void fetchPublicKey(const BoundToken& token, KspKey& key) {
     const KeyPairList records(token.deviceId, token.libraryContext);
-    const auto found = std::find_if(records.begin(), records.end(),
-                                    [&](const TalvikKeyPair& record) { return equalBytes(record.keyId, key.keyId); });
+    const auto found =
+        std::ranges::find_if(records, [&](const TalvikKeyPair& record) { return equalBytes(record.keyId, key.keyId); });
     if (found != records.end()) {
-        setPublicKey(key, talvik::publicKeyOf(*found));
+        setPublicKey(key, key.publicKeyLength, talvik::publicKeyOf(*found));
     }
 }
 
@@ -271,10 +237,10 @@ Bytes blobBeginningWith(const Header& header) {
 // The held bytes are written as they are: DER in the place of the modulus, where that is what the key holds.
 SECURITY_STATUS exportRsaPublicKey(ByteView publicKey, Output out) {
     const auto length = static_cast<ULONG>(publicKey.size());
-    const BCRYPT_RSAKEY_BLOB header = {BCRYPT_RSAPUBLIC_MAGIC, length * 8, sizeof exportedExponent, length, 0, 0};
+    const BCRYPT_RSAKEY_BLOB header = {RSA_PUBLIC_MAGIC, length * 8, sizeof DEFAULT_EXPONENT_BYTES, length, 0, 0};
     Bytes blob = blobBeginningWith(header);
-    blob.insert(blob.end(), std::begin(exportedExponent), std::end(exportedExponent));
-    blob.insert(blob.end(), publicKey.begin(), publicKey.end());
+    append(blob, DEFAULT_EXPONENT_BYTES);
+    append(blob, publicKey);
     const SECURITY_STATUS answered =
         answer(blob, out, "KSPExportKey: BCRYPT_RSAPUBLIC_BLOB output buffer too small, required=");
     if (answered == ERROR_SUCCESS && !out.isSizeQuery()) {
@@ -284,10 +250,7 @@ SECURITY_STATUS exportRsaPublicKey(ByteView publicKey, Output out) {
 }
 
 SECURITY_STATUS exportLegacyPublicKey(ByteView publicKey, Output out) {
-    const LegacyPublicHeader header = {
-        {PUBLICKEYBLOB, CUR_BLOB_VERSION, 0, CALG_RSA_KEYX},
-        {BCRYPT_RSAPUBLIC_MAGIC, static_cast<DWORD>(publicKey.size() * 8), legacyExponent}};
-    Bytes blob = blobBeginningWith(header);
+    Bytes blob = blobBeginningWith(publicKeyBlobHeader(CALG_RSA_KEYX, publicKey.size()));
     blob.insert(blob.end(), publicKey.rbegin(), publicKey.rend());
     return answer(blob, out, "KSPExportKey: LEGACY_RSAPUBLIC_BLOB output buffer too small, required=");
 }
@@ -311,9 +274,8 @@ SECURITY_STATUS exportKey(const BoundToken& token, KspKey* key, LPCWSTR pszBlobT
     if (type == BCRYPT_PRIVATE_KEY_BLOB || type == LEGACY_RSAPRIVATE_BLOB) {
         return fail(NTE_NOT_SUPPORTED, "KSPExportKey: private key export not supported");
     }
-    const auto* const blob = std::find_if(std::begin(exportedBlobs), std::end(exportedBlobs),
-                                          [=](const ExportedBlob& candidate) { return candidate.type == type; });
-    if (blob == std::end(exportedBlobs)) {
+    const ExportedBlob* const blob = findRow(exportedBlobs, &ExportedBlob::type, type);
+    if (blob == nullptr) {
         return fail(NTE_NOT_SUPPORTED, "KSP: Unsupported blob type for export");
     }
     if (key->publicKeyLength == 0) {

@@ -27,11 +27,11 @@ SECURITY_STATUS getName(const Reading& reading) {
 }
 
 SECURITY_STATUS getAlgorithmName(const Reading& reading) {
-    return answerText(algorithmOfType(reading.key.algorithm).name, reading.out);
+    return answerText(algorithmNameOf(reading.key.algorithm), reading.out);
 }
 
 SECURITY_STATUS getAlgorithmGroup(const Reading& reading) {
-    return answerText(algorithmOfType(reading.key.algorithm).group, reading.out);
+    return answerText(algorithmGroupOf(reading.key.algorithm), reading.out);
 }
 
 SECURITY_STATUS getLength(const Reading& reading) {
@@ -40,7 +40,9 @@ SECURITY_STATUS getLength(const Reading& reading) {
 
 // Of RSA keys, whatever the key.
 SECURITY_STATUS getLengths(const Reading& reading) {
-    constexpr NCRYPT_SUPPORTED_LENGTHS lengths = {1024, 4096, 1024, 2048};
+    constexpr DWORD increment = 1024;
+    constexpr NCRYPT_SUPPORTED_LENGTHS lengths = {smallestRsaSize.bits, largestRsaSize.bits, increment,
+                                                  defaultRsaSize.bits};
     return answerValue(lengths, reading.out);
 }
 
@@ -76,13 +78,12 @@ bool certifiesPublicKey(const TalvikCertificate& certificate, const KspKey& key)
 
 // By the alias that the token stores with both, else by the public key.
 const TalvikCertificate* findCertificate(const std::vector<TalvikCertificate>& certificates, const KspKey& key) {
-    auto found = std::find_if(certificates.begin(), certificates.end(), [&](const TalvikCertificate& certificate) {
+    auto found = std::ranges::find_if(certificates, [&](const TalvikCertificate& certificate) {
         return equalBytes(talvik::aliasOf(certificate), aliasOf(key));
     });
     if (found == certificates.end()) {
-        found = std::find_if(certificates.begin(), certificates.end(), [&](const TalvikCertificate& certificate) {
-            return certifiesPublicKey(certificate, key);
-        });
+        found = std::ranges::find_if(
+            certificates, [&](const TalvikCertificate& certificate) { return certifiesPublicKey(certificate, key); });
     }
     return found == certificates.end() ? nullptr : &*found;
 }
@@ -139,10 +140,8 @@ SECURITY_STATUS getProperty(const KspProvider& provider, const KspKey* key, LPCW
     }
     const std::wstring_view name = pszProperty;
     logDebug("KSP: GetKeyProperty: ", narrowed(name));
-    for (const KeyProperty& property : keyProperties) {
-        if (property.name == name) {
-            return property.read({provider, *key, out});
-        }
+    if (const KeyProperty* const property = findRow(keyProperties, &KeyProperty::name, name)) {
+        return property->read({provider, *key, out});
     }
     return fail(NTE_NOT_SUPPORTED, "KSPGetKeyProperty: unsupported property");
 }

@@ -1,5 +1,4 @@
 // KSPSetKeyProperty.
-#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <string_view>
@@ -9,6 +8,7 @@
 #include "ksp/key_property_names.h"
 #include "ksp/provider.h"
 #include "log/log.h"
+#include "token/algorithms.h"
 #include "token/session.h"
 #include "token/shared_state.h"
 
@@ -24,11 +24,10 @@ struct Setting {
 };
 
 SECURITY_STATUS setCertificate(const Setting& setting) {
-    TalvikCertificate certificate = {};
     if (setting.isEmpty()) {
         return fail(NTE_INVALID_PARAMETER, "KSPSetKeyProperty: NCRYPT_CERTIFICATE_PROPERTY pbInput is null or empty");
     }
-    if (setting.input.size() > sizeof certificate.der) {
+    if (setting.input.size() > sizeof TalvikCertificate::der) {
         return fail(NTE_INVALID_PARAMETER, "KSPSetKeyProperty: NCRYPT_CERTIFICATE_PROPERTY certificate too large");
     }
     const std::shared_ptr<const BoundToken> token = setting.provider.token();
@@ -37,14 +36,8 @@ SECURITY_STATUS setCertificate(const Setting& setting) {
     if (refusal != ERROR_SUCCESS) {
         return refusal;
     }
-    std::memcpy(certificate.keyId, key.keyId, sizeof certificate.keyId);
-    std::copy(setting.input.begin(), setting.input.end(), certificate.der);
-    certificate.derLength = static_cast<std::uint32_t>(setting.input.size());
-    std::memcpy(certificate.keyAlias, key.keyAlias, sizeof certificate.keyAlias);
-    certificate.keyAliasLength = key.keyAliasLength;
-    std::memcpy(certificate.label, key.label, sizeof certificate.label);
-    const int status = talvik_importCertificate(token->deviceId.c_str(), getDevicePassword(token->deviceId).c_str(),
-                                                &certificate, token->libraryContext);
+    const int status = storeCertificate(token->deviceId, getDevicePassword(token->deviceId).c_str(), key, aliasOf(key),
+                                        setting.input, token->libraryContext);
     if (status != TALVIK_STATUS_OK) {
         return fail(NTE_INTERNAL_ERROR, "KSP: Import certificate failed: ", status);
     }
@@ -110,19 +103,6 @@ SECURITY_STATUS setChainingMode(const Setting& setting) {
     return fail(NTE_NOT_SUPPORTED, "KSP: Unsupported chaining mode");
 }
 
-// 0 where any size will do.
-std::size_t expectedIvSize(std::uint32_t symmetricKeyLength) {
-    switch (symmetricKeyLength) {
-        case 16:
-        case 32:
-            return 16;
-        case 24:
-            return 8;
-        default:
-            return 0;
-    }
-}
-
 SECURITY_STATUS setIv(const Setting& setting) {
     if (setting.isEmpty()) {
         setSharedIv({});
@@ -130,9 +110,9 @@ SECURITY_STATUS setIv(const Setting& setting) {
         return ERROR_SUCCESS;
     }
     const std::size_t size = setting.input.size();
-    const std::size_t expected = expectedIvSize(setting.key.symmetricKeyLength);
-    if (expected != 0 && size != expected) {
-        return fail(NTE_INVALID_PARAMETER, "KSP: IV size mismatch: got ", size, ", expected ", expected);
+    const AesLength* const length = findAesLength(setting.key.symmetricKeyLength);
+    if (length != nullptr && size != length->ivSize) {
+        return fail(NTE_INVALID_PARAMETER, "KSP: IV size mismatch: got ", size, ", expected ", length->ivSize);
     }
     setSharedIv(setting.input);
     logDebug("KSP: IV set, size: ", size);
@@ -162,10 +142,8 @@ SECURITY_STATUS setProperty(KspProvider& provider, KspKey* key, LPCWSTR pszPrope
         return fail(NTE_INVALID_PARAMETER, "KSPSetKeyProperty: pszProperty is null");
     }
     const std::wstring_view name = pszProperty;
-    for (const KeySetting& setting : keySettings) {
-        if (setting.name == name) {
-            return setting.write({provider, *key, input});
-        }
+    if (const KeySetting* const setting = findRow(keySettings, &KeySetting::name, name)) {
+        return setting->write({provider, *key, input});
     }
     return fail(NTE_NOT_SUPPORTED, "KSPSetKeyProperty: unsupported property");
 }

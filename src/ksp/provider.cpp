@@ -10,8 +10,10 @@
 
 #include "ksp/algorithms.h"
 #include "ksp/entry_points.h"
+#include "module.h"
 #include "token/device_library.h"
 #include "token/device_monitor.h"
+#include "token/handle.h"
 #include "token/session.h"
 
 namespace talvik::ksp {
@@ -19,12 +21,6 @@ namespace {
 
 // One for all providers: it is held for the copy of a pointer.
 std::mutex tokenLock;
-
-SECURITY_STATUS handOver(std::unique_ptr<KspProvider> provider, BoundToken token, NCRYPT_PROV_HANDLE* phProvider) {
-    provider->open(std::move(token));
-    *phProvider = reinterpret_cast<NCRYPT_PROV_HANDLE>(provider.release());
-    return ERROR_SUCCESS;
-}
 
 SECURITY_STATUS openProvider(NCRYPT_PROV_HANDLE* phProvider) {
     if (phProvider == nullptr) {
@@ -41,15 +37,18 @@ SECURITY_STATUS openProvider(NCRYPT_PROV_HANDLE* phProvider) {
     const std::vector<std::string> devices = talvik_getConnectedDeviceList(false, context);
     if (devices.empty()) {
         logDebug("KSP: No token connected, opening provider without device");
-        return handOver(std::move(provider), std::move(token), phProvider);
+        provider->open(std::move(token));
+        handOver(std::move(provider), phProvider);
+        return ERROR_SUCCESS;
     }
     token.deviceId = devices.front();
     token.firmwareVersion = talvik_getTokenInfo(token.deviceId.c_str(), context).firmwareVersion;
     logDebug("KSP: Provider firmware=", token.firmwareVersion);
     initializeDevices(devices, "KSP: Init device failed for ", context);
-    const SECURITY_STATUS status = handOver(std::move(provider), std::move(token), phProvider);
+    provider->open(std::move(token));
+    handOver(std::move(provider), phProvider);
     logDebug("KSP: Provider opened successfully");
-    return status;
+    return ERROR_SUCCESS;
 }
 
 // Nothing happens on the token: its session, and the PIN that was validated for it, serve the whole process.
@@ -67,10 +66,10 @@ struct ProviderProperty {
 };
 
 constexpr ProviderProperty providerProperties[] = {
-    {NCRYPT_NAME_PROPERTY, L"Talvik Cryptographic Provider CSP"},
+    {NCRYPT_NAME_PROPERTY, WIDE_PROVIDER_NAME},
     {NCRYPT_IMPL_TYPE_PROPERTY, DWORD{NCRYPT_IMPL_HARDWARE_FLAG | NCRYPT_IMPL_REMOVABLE_FLAG}},
     {NCRYPT_VERSION_PROPERTY, DWORD{0x100}},
-    {NCRYPT_ALGORITHM_PROPERTY, L"RSA"},
+    {NCRYPT_ALGORITHM_PROPERTY, rsaAlgorithmName},
     {NCRYPT_MAX_NAME_LENGTH_PROPERTY, DWORD{256}},
     {NCRYPT_SECURITY_DESCR_SUPPORT_PROPERTY, DWORD{0}},
 };
@@ -80,11 +79,9 @@ SECURITY_STATUS getProperty(LPCWSTR pszProperty, Output out) {
         return fail(NTE_INVALID_PARAMETER, "KSPGetProviderProperty: pszProperty or pcbResult is null");
     }
     const std::wstring_view name = pszProperty;
-    for (const ProviderProperty& property : providerProperties) {
-        if (property.name == name) {
-            const auto* const text = std::get_if<std::wstring_view>(&property.value);
-            return text != nullptr ? answerText(*text, out) : answerValue(std::get<DWORD>(property.value), out);
-        }
+    if (const auto* const property = findRow(providerProperties, &ProviderProperty::name, name)) {
+        const auto* const text = std::get_if<std::wstring_view>(&property->value);
+        return text != nullptr ? answerText(*text, out) : answerValue(std::get<DWORD>(property->value), out);
     }
     if (name == NCRYPT_USE_COUNT_PROPERTY) {
         return fail(NTE_NOT_SUPPORTED, "KSPGetProviderProperty: NCRYPT_USE_COUNT_PROPERTY not supported");
@@ -113,9 +110,7 @@ SECURITY_STATUS isAlgSupported(LPCWSTR pszAlgId) {
     if (pszAlgId == nullptr) {
         return fail(NTE_INVALID_PARAMETER, "KSPIsAlgSupported: pszAlgId is null");
     }
-    const std::wstring_view name = pszAlgId;
-    const auto bearsName = [=](const Algorithm& algorithm) { return algorithm.name == name; };
-    if (std::none_of(std::begin(algorithms), std::end(algorithms), bearsName)) {
+    if (findRow(algorithms, &Algorithm::name, std::wstring_view(pszAlgId)) == nullptr) {
         return fail(NTE_NOT_SUPPORTED, "KSPIsAlgSupported: algorithm not supported");
     }
     return ERROR_SUCCESS;
@@ -124,7 +119,7 @@ SECURITY_STATUS isAlgSupported(LPCWSTR pszAlgId) {
 // What KSPFreeBuffer releases has no destructor: the entries and the names that they point to are one block.
 struct AlgorithmList {
     NCryptAlgorithmName entries[std::size(algorithms)];
-    wchar_t names[std::size(algorithms)][11];
+    wchar_t names[std::size(algorithms)][algorithmNameRoom];
 };
 
 SECURITY_STATUS enumAlgorithms(DWORD dwAlgOperations, DWORD* pdwAlgCount, NCryptAlgorithmName** ppAlgList) {
@@ -139,7 +134,7 @@ SECURITY_STATUS enumAlgorithms(DWORD dwAlgOperations, DWORD* pdwAlgCount, NCrypt
     for (const Algorithm& algorithm : algorithms) {
         if (dwAlgOperations == 0 || (algorithm.operations & dwAlgOperations) != 0) {
             wchar_t* const name = list->names[count];
-            algorithm.name.copy(name, std::size(list->names[count]) - 1);
+            std::ranges::copy(algorithm.name, name);
             list->entries[count++] = {name, algorithm.interfaceClass, algorithm.operations, 0};
         }
     }
@@ -193,14 +188,10 @@ SECURITY_STATUS setPin(const char* name, const BoundToken& token, const BYTE* pi
         return fail(NTE_INVALID_PARAMETER, name, ": NCRYPT_PIN_PROPERTY pbInput is null");
     }
     logDebug("KSP: Setting PIN via property");
-    const auto* const text = reinterpret_cast<const char*>(pin);
-    int remainingAttempts = 0;
-    const int status =
-        talvik_validatePassword(token.deviceId.c_str(), text, 1, &remainingAttempts, token.libraryContext);
+    const int status = validatePin(token.deviceId, reinterpret_cast<const char*>(pin), token.libraryContext).status;
     if (status != TALVIK_STATUS_OK) {
         return fail(NTE_VALIDATION_FAILED, "KSP: PIN validation failed: ", status);
     }
-    setDevicePassword(token.deviceId, text);
     return ERROR_SUCCESS;
 }
 

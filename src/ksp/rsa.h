@@ -3,13 +3,11 @@
 
 #include <cstddef>
 
+#include "token/algorithms.h"
 #include "token/key_encoding.h"
 #include "token/public_key.h"
 
 namespace talvik::ksp {
-
-// The largest result of any key pair: one as long as the largest modulus that a record can carry.
-inline constexpr std::size_t largestRsaResult = 1024;
 
 // Receives a signature or ciphertext. The library gets a buffer with room for the largest instead of the caller's: it
 // may produce more than the key's length says, as ECDSA signatures do.

@@ -78,15 +78,14 @@ std::string Utils::getProcessName() const {
 }
 
 std::string Utils::bytesToHexString(const unsigned char* bytes, int count) const {
-    static constexpr char digits[] = "0123456789ABCDEF";
     std::string text;
     if (count < 1) {
         return text;
     }
     text.reserve(static_cast<std::size_t>(count) * 2);
     for (int i = 0; i < count; ++i) {
-        text += digits[bytes[i] >> 4];
-        text += digits[bytes[i] & 0x0F];
+        text += HEX_DIGITS[bytes[i] >> 4];
+        text += HEX_DIGITS[bytes[i] & 0x0F];
     }
     return text;
 }

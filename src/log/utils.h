@@ -5,6 +5,8 @@
 
 namespace talvik {
 
+inline constexpr char HEX_DIGITS[] = "0123456789ABCDEF";
+
 class Utils {
   public:
     virtual ~Utils() = default;
@@ -29,8 +31,6 @@ class Utils {
     std::string bytesToHexString(const unsigned char* bytes, int count) const;
 
     void sleepMilliseconds(unsigned int milliseconds) const;
-
-    const char* const whitespace = " \t\n\r\f\v";
 };
 
 }  // namespace talvik

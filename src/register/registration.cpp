@@ -6,11 +6,11 @@
 #include <bcrypt.h>
 
 #include "log/log.h"
+#include "module.h"
 
 namespace talvik {
 namespace {
 
-constexpr wchar_t providerName[] = L"Talvik Cryptographic Provider CSP";
 constexpr wchar_t imageName[] = L"TalvikCSP.dll";
 constexpr wchar_t functionName[] = L"KEY_STORAGE";
 constexpr ULONG keyStorageInterface = 0x00010001;  // NCRYPT_KEY_STORAGE_INTERFACE
@@ -51,10 +51,10 @@ class ConfigurationLibrary {
     // Results do not matter: what is not registered cannot be removed.
     void removeRegistration() const {
         if (removeFunctionProvider != nullptr) {
-            removeFunctionProvider(CRYPT_LOCAL, nullptr, keyStorageInterface, functionName, providerName);
+            removeFunctionProvider(CRYPT_LOCAL, nullptr, keyStorageInterface, functionName, WIDE_PROVIDER_NAME);
         }
         if (unregisterProvider != nullptr) {
-            unregisterProvider(providerName);
+            unregisterProvider(WIDE_PROVIDER_NAME);
         }
     }
 
@@ -84,7 +84,7 @@ NTSTATUS registerImage(const ConfigurationLibrary& library) {
     PCRYPT_INTERFACE_REG interfaces[] = {&interfaceRecord};
     CRYPT_IMAGE_REG image = {const_cast<PWSTR>(imageName), 1, interfaces};
     CRYPT_PROVIDER_REG provider = {0, nullptr, &image, nullptr};
-    return library.registerProvider(providerName, 0, &provider);
+    return library.registerProvider(WIDE_PROVIDER_NAME, 0, &provider);
 }
 
 HRESULT registerServer() {
@@ -103,7 +103,7 @@ HRESULT registerServer() {
         return refuse(status, "BCryptRegisterProvider");
     }
     const NTSTATUS status = library.addFunctionProvider(CRYPT_LOCAL, nullptr, keyStorageInterface, functionName,
-                                                        providerName, CRYPT_PRIORITY_BOTTOM);
+                                                        WIDE_PROVIDER_NAME, CRYPT_PRIORITY_BOTTOM);
     if (status != 0) {
         return refuse(status, "BCryptAddContextFunctionProvider");
     }

@@ -4,13 +4,15 @@
 #include <climits>
 #include <vector>
 
+#include "token/algorithms.h"
 #include "token/session.h"
 
 namespace talvik {
 namespace {
 
 bool canUnwrap(const TalvikSymmetricKey& key) {
-    return key.keyType == TALVIK_KEY_AES_128 || key.keyType == TALVIK_KEY_AES_256;
+    const AesLength* const length = findRow(aesLengths, &AesLength::keyType, key.keyType);
+    return length != nullptr && length->unwraps;
 }
 
 int boundedIdLength(const TalvikSymmetricKey& key) {
@@ -48,7 +50,7 @@ std::optional<TalvikSymmetricKey> storeAesKey(const std::string& deviceId, ByteV
     if (value.size() > sizeof request.record.keyId) {
         return std::nullopt;
     }
-    std::copy(value.begin(), value.end(), request.record.keyId);
+    std::ranges::copy(value, request.record.keyId);
     request.record.keyIdLength = static_cast<std::int32_t>(value.size());
     request.record.keyType = keyType;
     const int status =

@@ -29,10 +29,6 @@ unsigned char hexDigitValue(char digit) {
     return 0;
 }
 
-void append(Bytes& target, ByteView more) {
-    target.insert(target.end(), more.begin(), more.end());
-}
-
 void appendTlv(Bytes& target, unsigned char tag, ByteView content) {
     target.push_back(tag);
     append(target, derEncodeLength(content.size()));
@@ -40,6 +36,10 @@ void appendTlv(Bytes& target, unsigned char tag, ByteView content) {
 }
 
 }  // namespace
+
+void append(Bytes& bytes, ByteView more) {
+    bytes.insert(bytes.end(), more.begin(), more.end());
+}
 
 Bytes hexStringToBytes(std::string_view text) {
     if (text.size() >= 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
@@ -84,7 +84,7 @@ Bytes derEncodeLength(std::uint64_t length) {
         octets.push_back(static_cast<unsigned char>(rest));
     }
     octets.push_back(static_cast<unsigned char>(0x80 | octets.size()));
-    std::reverse(octets.begin(), octets.end());
+    std::ranges::reverse(octets);
     return octets;
 }
 
@@ -102,6 +102,34 @@ Bytes derEncodeInteger(ByteView magnitude) {
     Bytes guarded{0x00};
     append(guarded, magnitude);
     return derEncodeTlv(tagInteger, guarded);
+}
+
+std::optional<DerHeader> derReadHeader(ByteView der) {
+    if (der.size() < 2) {
+        return std::nullopt;
+    }
+    DerHeader header = {der[0], 2, der[1]};
+    if (header.contentSize < 0x80) {
+        return header;
+    }
+    const std::size_t octets = header.contentSize - 0x80;
+    if (octets == 0 || octets > sizeof(std::uint32_t) || der.size() - header.size < octets) {
+        return std::nullopt;
+    }
+    header.contentSize = 0;
+    for (; header.size < 2 + octets; ++header.size) {
+        header.contentSize = header.contentSize << 8 | der[header.size];
+    }
+    return header;
+}
+
+std::optional<DerElement> derReadElement(ByteView der) {
+    const std::optional<DerHeader> header = derReadHeader(der);
+    if (!header || der.size() - header->size < header->contentSize) {
+        return std::nullopt;
+    }
+    const ByteView behind = der.subspan(header->size);
+    return DerElement{header->tag, behind.first(header->contentSize), behind.subspan(header->contentSize)};
 }
 
 Bytes buildRsaPublicKeyDer(std::string_view modulusHex, std::string_view exponentHex) {
@@ -128,13 +156,9 @@ Bytes reverseBytes(ByteView bytes) {
     return {bytes.rbegin(), bytes.rend()};
 }
 
-void reverseInPlace(std::span<unsigned char> bytes) {
-    std::reverse(bytes.begin(), bytes.end());
-}
-
 std::string narrowed(std::wstring_view text) {
     std::string narrow(text.size(), '\0');
-    std::transform(text.begin(), text.end(), narrow.begin(), [](wchar_t unit) { return static_cast<char>(unit); });
+    std::ranges::transform(text, narrow.begin(), [](wchar_t unit) { return static_cast<char>(unit); });
     return narrow;
 }
 

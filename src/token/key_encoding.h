@@ -2,7 +2,9 @@
 // Numbers are big-endian byte arrays unless said otherwise; results belong to the caller.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -13,8 +15,7 @@ namespace talvik {
 using Bytes = std::vector<unsigned char>;
 using ByteView = std::span<const unsigned char>;
 
-// The public exponent of every key of which only the modulus is known: 65537.
-inline constexpr std::string_view DEFAULT_PUBLIC_EXPONENT = "010001";
+void append(Bytes& bytes, ByteView more);
 
 // Drops a leading "0x" or "0X" and reads an odd text as if it began with '0'. A character that is no hex digit counts
 // as 0.
@@ -35,6 +36,25 @@ Bytes derEncodeTlv(unsigned char tag, ByteView content);
 // A magnitude with its top bit set gets a zero in front; zeros that are already there stay.
 Bytes derEncodeInteger(ByteView magnitude);
 
+// The head of a DER element.
+struct DerHeader {
+    unsigned char tag;
+    std::size_t size;         // bytes of the head itself
+    std::size_t contentSize;  // as it says, there or not
+};
+
+// Reads no byte behind the head. Nothing where none begins, or where the length is indefinite or has more than four
+// octets.
+std::optional<DerHeader> derReadHeader(ByteView der);
+
+// The element at the start of DER: its content, and what comes after it. Nothing where it is not all there.
+struct DerElement {
+    unsigned char tag;
+    ByteView content;
+    ByteView rest;
+};
+std::optional<DerElement> derReadElement(ByteView der);
+
 // DER SubjectPublicKeyInfo of an RSA key, from hex texts or from bytes.
 Bytes buildRsaPublicKeyDer(std::string_view modulusHex, std::string_view exponentHex);
 Bytes buildRsaPublicKeyDerFromBytes(ByteView modulus, ByteView exponent);
@@ -46,7 +66,6 @@ bool isDerPublicKey(ByteView publicKey);
 // CryptoAPI hands signatures, RSA ciphertexts and moduli least significant byte first, the token most significant
 // first.
 Bytes reverseBytes(ByteView bytes);
-void reverseInPlace(std::span<unsigned char> bytes);
 
 // Keeps the low 8 bits of each character; names are expected to be ASCII.
 std::string narrowed(std::wstring_view text);

@@ -9,16 +9,22 @@ namespace {
 // The texts in which the two faces differ. The slip in the CryptoAPI face's message is what its users know.
 struct LoginTexts {
     const char* validated;
+    const char* notValidated;
     const char* timeMismatch;
     const char* cancelled;
     const char* locked;  // null: not logged
 };
 
-constexpr LoginTexts cspTexts = {"PIN already validated -- no need to ask again",
-                                 "System time mismatch, Kidly login to Token Manager", "User cancelled password dialog",
-                                 "loginUser: PIN locked, retryCount=0"};
-constexpr LoginTexts kspTexts = {"KSP: PIN already validated", "System time mismatch, Kindly login to Token Manager",
-                                 "KSP: User cancelled password dialog", nullptr};
+constexpr LoginTexts cspTexts = {.validated = "PIN already validated -- no need to ask again",
+                                 .notValidated = "Password not validated or empty -- ask for PIN",
+                                 .timeMismatch = "System time mismatch, Kidly login to Token Manager",
+                                 .cancelled = "User cancelled password dialog",
+                                 .locked = "loginUser: PIN locked, retryCount=0"};
+constexpr LoginTexts kspTexts = {.validated = "KSP: PIN already validated",
+                                 .notValidated = "KSP: Password not validated, checking SSO",
+                                 .timeMismatch = "System time mismatch, Kindly login to Token Manager",
+                                 .cancelled = "KSP: User cancelled password dialog",
+                                 .locked = nullptr};
 
 bool isLoggedIn(const std::string& deviceId, void* reserved) {
     const TokenInfo info = talvik_getTokenInfo(deviceId.c_str(), reserved);
@@ -62,10 +68,8 @@ SecretText promptUntilAccepted(const std::string& deviceId, void* reserved, HWND
         if (pin.empty()) {
             return pin;
         }
-        int remaining = 0;
-        const int status = talvik_validatePassword(deviceId.c_str(), pin.c_str(), 1, &remaining, reserved);
+        const auto [status, remaining] = validatePin(deviceId, pin.c_str(), reserved);
         if (status == TALVIK_STATUS_OK) {
-            setDevicePassword(deviceId, pin.c_str());
             return pin;
         }
         tellRefusal(status, remaining, texts);
@@ -78,16 +82,32 @@ SecretText promptUntilAccepted(const std::string& deviceId, void* reserved, HWND
     }
 }
 
+// Single sign-on serves where the token has its user logged in.
+bool takeSignOn(const std::string& deviceId, void* reserved) {
+    const bool serves = isLoggedIn(deviceId, reserved);
+    if (serves) {
+        markSignedOn(deviceId);
+    }
+    return serves;
+}
+
+bool ensureSilently(const std::string& deviceId, void* reserved, const LoginTexts& texts) {
+    if (hasValidatedPin(deviceId)) {
+        logDebug(texts.validated);
+        return true;
+    }
+    logDebug(texts.notValidated);
+    return takeSignOn(deviceId, reserved);
+}
+
+bool ensureValidated(const std::string& deviceId, void* reserved, HWND owner, const LoginTexts& texts) {
+    return ensureSilently(deviceId, reserved, texts) || !promptUntilAccepted(deviceId, reserved, owner, texts).empty();
+}
+
 }  // namespace
 
 bool ensurePasswordValidated(const std::string& deviceId, void* reserved) {
-    if (hasValidatedPin(deviceId)) {
-        logDebug(cspTexts.validated);
-        return true;
-    }
-    logDebug("Password not validated or empty -- ask for PIN");
-    SecretText pin;
-    if (!loginUser(deviceId, reserved, pin)) {
+    if (!ensureValidated(deviceId, reserved, nullptr, cspTexts)) {
         logError("Password validation failed");
         SetLastError(static_cast<DWORD>(NTE_FAIL));
         return false;
@@ -96,8 +116,7 @@ bool ensurePasswordValidated(const std::string& deviceId, void* reserved) {
 }
 
 bool loginUser(const std::string& deviceId, void* reserved, SecretText& pin) {
-    if (isLoggedIn(deviceId, reserved)) {
-        markSignedOn(deviceId);
+    if (takeSignOn(deviceId, reserved)) {
         return true;
     }
     SecretText accepted = promptUntilAccepted(deviceId, reserved, nullptr, cspTexts);
@@ -108,22 +127,21 @@ bool loginUser(const std::string& deviceId, void* reserved, SecretText& pin) {
     return true;
 }
 
+PinVerdict validatePin(const std::string& deviceId, const char* pin, void* reserved) {
+    PinVerdict verdict = {};
+    verdict.status = talvik_validatePassword(deviceId.c_str(), pin, 1, &verdict.remainingAttempts, reserved);
+    if (verdict.status == TALVIK_STATUS_OK) {
+        setDevicePassword(deviceId, pin);
+    }
+    return verdict;
+}
+
 bool ensureKspPasswordSilently(const std::string& deviceId, void* reserved) {
-    if (hasValidatedPin(deviceId)) {
-        logDebug(kspTexts.validated);
-        return true;
-    }
-    logDebug("KSP: Password not validated, checking SSO");
-    if (isLoggedIn(deviceId, reserved)) {
-        markSignedOn(deviceId);
-        return true;
-    }
-    return false;
+    return ensureSilently(deviceId, reserved, kspTexts);
 }
 
 bool ensureKspPasswordValidated(const std::string& deviceId, void* reserved, HWND owner) {
-    return ensureKspPasswordSilently(deviceId, reserved) ||
-           !promptUntilAccepted(deviceId, reserved, owner, kspTexts).empty();
+    return ensureValidated(deviceId, reserved, owner, kspTexts);
 }
 
 bool canProceedSilently(const std::string& deviceId, void* reserved) {

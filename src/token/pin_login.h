@@ -24,6 +24,13 @@ bool ensurePasswordValidated(const std::string& deviceId, void* reserved);
 // `pin`, or, when single sign-on serves, with `pin` untouched. Either is remembered.
 bool loginUser(const std::string& deviceId, void* reserved, SecretText& pin);
 
+// Has the token verify a PIN, and remembers one that it accepts.
+struct PinVerdict {
+    int status;             // the library's
+    int remainingAttempts;  // what is left after a refusal; 0: the PIN is locked
+};
+PinVerdict validatePin(const std::string& deviceId, const char* pin, void* reserved);
+
 // CNG face: the dialog belongs to `owner`, which may be null.
 bool ensureKspPasswordValidated(const std::string& deviceId, void* reserved, HWND owner);
 

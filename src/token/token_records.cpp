@@ -1,7 +1,8 @@
 #include "token/token_records.h"
 
 #include <algorithm>
-#include <iterator>
+
+#include "log/utils.h"
 
 namespace talvik {
 namespace {
@@ -16,16 +17,6 @@ std::string_view boundedText(const char (&field)[Capacity]) {
     return {field, std::find(field, field + Capacity, '\0')};
 }
 
-// Indexed by TalvikKeyPair::keyType.
-constexpr std::uint32_t bitsByKeyType[] = {0, 1024, 2048, 3072, 4096, 256, 384, 521};
-
-int hexDigitValue(char digit) {
-    if (digit >= '0' && digit <= '9') {
-        return digit - '0';
-    }
-    return digit >= 'A' && digit <= 'F' ? digit - 'A' + 10 : -1;
-}
-
 }  // namespace
 
 std::string containerNameOf(const TalvikKeyPair& key) {
@@ -37,8 +28,7 @@ bool hasContainerName(const TalvikKeyPair& key, std::string_view name) {
         return false;
     }
     for (std::size_t i = 0; i < sizeof key.keyId; ++i) {
-        if (hexDigitValue(name[2 * i]) != key.keyId[i] >> 4 ||
-            hexDigitValue(name[2 * i + 1]) != (key.keyId[i] & 0x0F)) {
+        if (name[2 * i] != HEX_DIGITS[key.keyId[i] >> 4] || name[2 * i + 1] != HEX_DIGITS[key.keyId[i] & 0x0F]) {
             return false;
         }
     }
@@ -69,6 +59,14 @@ std::string_view labelOf(const TalvikCertificate& certificate) {
     return boundedText(certificate.label);
 }
 
+std::string_view labelOf(const TalvikSymmetricKey& key) {
+    return boundedText(key.label);
+}
+
+std::string_view nameOf(const TalvikSymmetricKey& key) {
+    return boundedText(key.name);
+}
+
 bool usageSigns(std::uint32_t usage) {
     return usage == TALVIK_USAGE_SIGN || usage == TALVIK_USAGE_BOTH;
 }
@@ -85,16 +83,8 @@ bool canExchange(const TalvikKeyPair& key) {
     return usageExchanges(key.usage);
 }
 
-std::uint32_t keyBitsOfType(std::uint32_t keyType) {
-    return keyType < std::size(bitsByKeyType) ? bitsByKeyType[keyType] : 0;
-}
-
-bool isEllipticCurveType(std::uint32_t keyType) {
-    return keyType >= TALVIK_KEY_EC_P256 && keyType <= TALVIK_KEY_EC_P521;
-}
-
 bool equalBytes(ByteView left, ByteView right) {
-    return std::equal(left.begin(), left.end(), right.begin(), right.end());
+    return std::ranges::equal(left, right);
 }
 
 }  // namespace talvik

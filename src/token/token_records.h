@@ -21,16 +21,14 @@ ByteView aliasOf(const TalvikCertificate& certificate);
 ByteView derOf(const TalvikCertificate& certificate);
 std::string_view labelOf(const TalvikKeyPair& key);
 std::string_view labelOf(const TalvikCertificate& certificate);
+std::string_view labelOf(const TalvikSymmetricKey& key);
+std::string_view nameOf(const TalvikSymmetricKey& key);
 
 // What a key's usage code allows.
 bool usageSigns(std::uint32_t usage);
 bool usageExchanges(std::uint32_t usage);
 bool canSign(const TalvikKeyPair& key);
 bool canExchange(const TalvikKeyPair& key);
-
-// Size of a key in bits by its type; 0 for a type that is no key pair.
-std::uint32_t keyBitsOfType(std::uint32_t keyType);
-bool isEllipticCurveType(std::uint32_t keyType);
 
 bool equalBytes(ByteView left, ByteView right);
 

@@ -81,8 +81,8 @@ TEST_F(CspContextTest, TokensAreInitialisedOncePerProcess) {
     const Lines listed = {"DEBUG " + ONE, "DEBUG " + TWO};
     expectSuccess(acquisition(nullptr), head() + "DEBUG CPAcquireContext - Container name not provided" + listed,
                   {INIT, DEVICES, INIT, INIT_ONE, INIT, INIT_TWO, DEVICES, KEY_LIST});
-    EXPECT_EQ(std::tuple(record().deviceId, record().containerName, record().keysetType, record().header),
-              std::tuple("T1", "", DWORD{CRYPT_USER_KEYSET}, 0u));
+    EXPECT_EQ(std::tuple(record().deviceId, record().containerName, record().keysetType),
+              std::tuple("T1", "", DWORD{CRYPT_USER_KEYSET}));
     EXPECT_EQ(record().containerNames, Lines({ONE, TWO}));
     EXPECT_TRUE(CPReleaseContext(context, 0));
 

@@ -4,7 +4,7 @@
 
 namespace talvik::csp {
 
-Outcome getCertificateChain(const CspContext& context, ProviderOutput) {
+Outcome getCertificateChain(const CspContext& context, Output) {
     return fail(NTE_NO_KEY, "CPGetProvParam PP_CERTCHAIN: container not found, containerName=", context.containerName);
 }
 
