@@ -104,7 +104,7 @@ Bytes withEmptySets(Bytes message) {
     const auto signedData = content ? derReadElement(content->content) : std::nullopt;
     const auto version = signedData ? derReadElement(signedData->content) : std::nullopt;
     const auto next = version ? derReadElement(version->rest) : std::nullopt;
-    if (!next || next->tag == derSet) {
+    if (!type || !version || !next || next->tag == derSet) {
         return message;
     }
     const Bytes emptySet = derEncodeTlv(derSet, {});
