@@ -138,7 +138,7 @@ BOOL answerMessage(HCRYPTMSG message, BYTE* pbData, DWORD* pcbData) {
     const DWORD room = *pcbData;
     *pcbData = static_cast<DWORD>(encoded->size());
     if (pbData != nullptr && room >= encoded->size()) {
-        std::ranges::copy(*encoded, pbData);
+        std::copy(encoded->begin(), encoded->end(), pbData);
         return TRUE;
     }
     SetLastError(ERROR_MORE_DATA);
