@@ -104,7 +104,7 @@ Bytes withEmptySets(Bytes message) {
     const auto signedData = content ? derReadElement(content->content) : std::nullopt;
     const auto version = signedData ? derReadElement(signedData->content) : std::nullopt;
     const auto next = version ? derReadElement(version->rest) : std::nullopt;
-    if (!next || next->tag == derSet) {
+    if (!type || !version || !next || next->tag == derSet) {
         return message;
     }
     const Bytes emptySet = derEncodeTlv(derSet, {});
@@ -138,7 +138,7 @@ BOOL answerMessage(HCRYPTMSG message, BYTE* pbData, DWORD* pcbData) {
     const DWORD room = *pcbData;
     *pcbData = static_cast<DWORD>(encoded->size());
     if (pbData != nullptr && room >= encoded->size()) {
-        std::ranges::copy(*encoded, pbData);
+        std::copy(encoded->begin(), encoded->end(), pbData);
         return TRUE;
     }
     SetLastError(ERROR_MORE_DATA);

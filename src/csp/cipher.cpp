@@ -52,14 +52,14 @@ Outcome encryptRsa(const CspContext& context, const KEY_HANDLE& key, DWORD dwFla
 
 Outcome encryptAes(const CspContext& context, const KEY_HANDLE& key, BYTE* pbData, DWORD* pdwDataLen, DWORD dwBufLen) {
     logDebug("CPEncrypt: symmetric encryption, keyLen=", key.aesKeyLen);
-    const auto keyLength = static_cast<std::size_t>(key.aesKeyLen);
-    if (findAesLength(keyLength) == nullptr) {
+    const AesLength* const keyLength = findAesLength(static_cast<std::size_t>(key.aesKeyLen));
+    if (keyLength == nullptr) {
         return fail(NTE_BAD_KEY, "CPEncrypt: unsupported symmetric key length: ", key.aesKeyLen);
     }
     const IvSnapshot iv = sharedIv();
     LibraryBuffer output(*pdwDataLen + resultMargin, LibraryBuffer::Content::Ciphertext);
     const int status =
-        talvik_encrypt_aes(context.deviceId.c_str(), aesEncryption(keyLength, !iv.empty()), key.aesKey, key.aesKeyLen,
+        talvik_encrypt_aes(context.deviceId.c_str(), keyLength->encryption(!iv.empty()), key.aesKey, key.aesKeyLen,
                            pbData, static_cast<int>(*pdwDataLen), output.bytesOut(), output.lengthOut(), false,
                            iv.data(), iv.length(), nullptr, 0, context.reserved);
     if (status != TALVIK_STATUS_OK || !output.isHonest()) {
@@ -70,7 +70,7 @@ Outcome encryptAes(const CspContext& context, const KEY_HANDLE& key, BYTE* pbDat
     if (ciphertext.size() > dwBufLen) {
         return fail(ERROR_MORE_DATA, "CPEncrypt: symmetric output buffer too small, required=", ciphertext.size());
     }
-    std::ranges::copy(ciphertext, pbData);
+    std::copy(ciphertext.begin(), ciphertext.end(), pbData);
     logDebug("CPEncrypt: symmetric encryption success, length=", ciphertext.size());
     return success();
 }
@@ -111,7 +111,7 @@ Outcome deliverPlaintext(ByteView plaintext, BYTE* pbData, DWORD* pdwDataLen) {
     if (plaintext.size() > room) {
         return fail(ERROR_MORE_DATA, "CPDecrypt: output buffer too small, required=", plaintext.size());
     }
-    std::ranges::copy(plaintext, pbData);
+    std::copy(plaintext.begin(), plaintext.end(), pbData);
     logDebug("CPDecrypt- return");
     return success();
 }

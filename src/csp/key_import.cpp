@@ -87,7 +87,7 @@ Outcome importSessionKey(const Import& import) {
         return refuseMissingHandle();
     }
     key->algId = algorithm->keyType;
-    std::ranges::copy(value, key->aesKey);
+    std::copy(value.begin(), value.end(), key->aesKey);
     key->aesKeyLen = static_cast<std::int32_t>(value.size());
     logDebug("Output key id : ", HexBytes{key->keyId, sizeof key->keyId});
     handOver(std::move(key), import.phKey);
@@ -138,7 +138,7 @@ std::unique_ptr<KEY_HANDLE> makeStoredKey(const TalvikSymmetricKey& record, ALG_
     const std::string_view name = nameOf(record);
     describeStoredKey(*key, record);
     key->algId = algId;
-    std::ranges::copy(name, key->keyAlias);
+    std::copy(name.begin(), name.end(), key->keyAlias);
     key->keyAliasLen = static_cast<std::uint32_t>(name.size());
     return key;
 }

@@ -50,13 +50,11 @@ Outcome getCertificateChain(const CspContext& context, Output out) {
         return fail(NTE_NO_KEY,
                     "CPGetProvParam PP_CERTCHAIN: container not found, containerName=", context.containerName);
     }
-    const DWORD room = out.size != nullptr ? *out.size : 0;
-    DWORD size = room;
+    DWORD size = out.size != nullptr ? *out.size : 0;
     if (BuildCertificateChain(chain->second, certificates, out.buffer, &size) == FALSE) {
         return failureAsSet();
     }
-    const bool isDelivered = out.buffer != nullptr && size <= room;
-    if (!isDelivered) {
+    if (!out.hasRoomFor(size)) {
         return moreData(size, out);
     }
     *out.size = size;

@@ -12,7 +12,7 @@ namespace {
 template <std::size_t Capacity>
 void putName(CHAR (&field)[Capacity], std::string_view name) {
     const std::string_view kept = name.substr(0, Capacity - 1);
-    std::ranges::copy(kept, field);
+    std::copy(kept.begin(), kept.end(), field);
 }
 
 PROV_ENUMALGS shortRecord(const AdvertisedAlgorithm& algorithm) {

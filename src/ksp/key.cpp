@@ -166,7 +166,7 @@ KspKeyEnumState* beginEnumeration(const BoundToken& token) {
     auto* const state = static_cast<KspKeyEnumState*>(std::malloc(size));
     if (state != nullptr) {
         *state = {0, records.size()};
-        std::ranges::copy(records, state->keyPairs());
+        std::copy(records.begin(), records.end(), state->keyPairs());
     }
     return state;
 }
@@ -206,7 +206,7 @@ SECURITY_STATUS enumKeys(const BoundToken& token, NCryptKeyName** ppKeyName, PVO
     if (entry == nullptr) {
         return fail(NTE_NO_MEMORY, "KSPEnumKeys: failed to allocate key name");
     }
-    std::ranges::copy(name, entry->name);
+    std::copy(name.begin(), name.end(), entry->name);
     std::ranges::copy(algorithmNameOf(record.keyType), entry->algorithm);
     entry->keyName = {entry->name, entry->algorithm, legacyKeySpecOf(record), 0};
     *ppKeyName = &entry->keyName;

@@ -53,7 +53,7 @@ std::unique_ptr<KspKey> makePublicKey(const RsaSize& size, ByteView publicKey) {
 // Holds a value of at most the field's 32 bytes.
 std::unique_ptr<KspKey> makeAesKey(std::uint32_t keyType, ByteView value) {
     auto key = std::make_unique<KspKey>();
-    std::ranges::copy(value, key->symmetricKey);
+    std::copy(value.begin(), value.end(), key->symmetricKey);
     key->symmetricKeyLength = static_cast<std::uint32_t>(value.size());
     key->algorithm = keyType;
     key->keyIdLength = sizeof key->keyId;

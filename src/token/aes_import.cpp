@@ -50,7 +50,7 @@ std::optional<TalvikSymmetricKey> storeAesKey(const std::string& deviceId, ByteV
     if (value.size() > sizeof request.record.keyId) {
         return std::nullopt;
     }
-    std::ranges::copy(value, request.record.keyId);
+    std::copy(value.begin(), value.end(), request.record.keyId);
     request.record.keyIdLength = static_cast<std::int32_t>(value.size());
     request.record.keyType = keyType;
     const int status =

@@ -91,6 +91,8 @@ struct AesLength {
     EncryptionType ecb;
     std::size_t ivSize;  // bytes
     bool unwraps;        // whether a key of the token is tried as one that wraps others
+
+    constexpr EncryptionType encryption(bool isChained) const noexcept { return isChained ? cbc : ecb; }
 };
 
 inline constexpr AesLength aesLengths[] = {
@@ -108,8 +110,7 @@ constexpr const AesLength* findAesLength(std::size_t bytes) {
 // How the library encrypts with a key of `bytes`; a length that no AES key has counts as the longest.
 constexpr EncryptionType aesEncryption(std::size_t bytes, bool isChained) {
     const AesLength* const length = findAesLength(bytes);
-    const AesLength& taken = length != nullptr ? *length : longestAes;
-    return isChained ? taken.cbc : taken.ecb;
+    return (length != nullptr ? *length : longestAes).encryption(isChained);
 }
 
 // --- digests ---------------------------------------------------------------------------------------------------------

@@ -11,7 +11,7 @@ bool setPublicKey(TokenKey& key, std::uint32_t& length, ByteView publicKey) {
     if (publicKey.size() > sizeof key.publicKey) {
         return false;
     }
-    std::ranges::copy(publicKey, key.publicKey);
+    std::copy(publicKey.begin(), publicKey.end(), key.publicKey);
     length = static_cast<std::uint32_t>(publicKey.size());
     return true;
 }
@@ -20,7 +20,7 @@ void describeKeyPair(TokenKey& key, KeyLengths lengths, const TalvikKeyPair& rec
     const ByteView alias = aliasOf(record);
     std::memcpy(key.keyId, record.keyId, sizeof key.keyId);
     lengths.keyId = sizeof key.keyId;
-    std::ranges::copy(alias, key.keyAlias);
+    std::copy(alias.begin(), alias.end(), key.keyAlias);
     lengths.keyAlias = static_cast<std::uint32_t>(alias.size());
     labelOf(record).copy(key.label, sizeof key.label);
     setPublicKey(key, lengths.publicKey, publicKeyOf(record));
@@ -37,9 +37,9 @@ int storeCertificate(const std::string& deviceId, const char* pin, const TokenKe
                      void* reserved) {
     TalvikCertificate record = {};
     std::memcpy(record.keyId, key.keyId, sizeof record.keyId);
-    std::ranges::copy(der, record.der);
+    std::copy(der.begin(), der.end(), record.der);
     record.derLength = static_cast<std::uint32_t>(der.size());
-    std::ranges::copy(alias, record.keyAlias);
+    std::copy(alias.begin(), alias.end(), record.keyAlias);
     record.keyAliasLength = static_cast<std::uint32_t>(alias.size());
     std::memcpy(record.label, key.label, sizeof record.label);
     return talvik_importCertificate(deviceId.c_str(), pin, &record, reserved);

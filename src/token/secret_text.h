@@ -18,7 +18,7 @@ class SecretText {
     explicit SecretText(std::string_view text) : size_(text.size()) {
         if (size_ != 0) {
             text_ = std::make_unique<char[]>(size_ + 1);
-            std::ranges::copy(text, text_.get());
+            std::copy(text.begin(), text.end(), text_.get());
         }
     }
     SecretText(const SecretText& other) : SecretText(std::string_view(other.c_str(), other.size())) {}
