@@ -8,7 +8,10 @@
 
 #include "doctor.h"
 #include "exit_code.h"
+#include "key_commands.h"
 #include "log_command.h"
+#include "request_command.h"
+#include "sign_commands.h"
 #include "status.h"
 #include "token_commands.h"
 
@@ -64,6 +67,9 @@ int run() {
     app.footer(
         "Exit codes: 0 done, 1 refused by the token (PIN, detached), 2 wrong usage, 3 no such token, key or\n"
         "certificate, 4 token exists already, 5 file or other failure.");
+    addKeyCommands(app);
+    addRequestCommand(app);
+    addSignCommands(app);
     addTokenCommands(app);
     addDoctorCommand(app, exitCode);
     addLogCommand(app, exitCode);
