@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 
 #include "log_files.h"
+#include "printable.h"
 #include "token/device_library.h"
 
 namespace talvik_tool {
@@ -16,7 +17,8 @@ constexpr std::size_t pageWidth = 100;
 constexpr std::size_t labelWidth = 18;
 
 // Continues long texts under their beginning. What has no blank, a path for one, is never broken.
-void printWrapped(std::ostream& out, const std::string& first, const std::string& text) {
+void printWrapped(std::ostream& out, const std::string& label, const std::string& words) {
+    const std::string first = printable(label), text = printable(words);
     const std::string indent(first.size(), ' ');
     std::string line = first;
     bool empty = true;
@@ -180,7 +182,7 @@ std::string circumstances() {
 }  // namespace
 
 void printPage(std::ostream& out, const Diagnosis& diagnosis) {
-    out << "Talvik on " << circumstances() << "\n\n";
+    out << "Talvik on " << printable(circumstances()) << "\n\n";
     printInstallation(out, diagnosis.installation);
     printDevices(out, diagnosis.devices);
     printSelfTest(out, diagnosis.selfTest);
@@ -214,8 +216,7 @@ void printJson(std::ostream& out, const Diagnosis& diagnosis) {
         {"tokens", tokens},
         {"log", {{"level", diagnosis.installation.logLevel}, {"folder", diagnosis.installation.logFolder}}},
         {"selfTest", steps}};
-    // What a token says of itself need not be UTF-8.
-    out << all.dump(2, ' ', false, Json::error_handler_t::replace) << "\n";
+    out << jsonText(all);
 }
 
 }  // namespace talvik_tool

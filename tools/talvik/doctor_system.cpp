@@ -131,8 +131,7 @@ void checkLog(Installation& found, Findings& findings) {
                          "Create " + utf8(logRoot().parent_path().wstring()));
     }
     if (found.logLevel == std::string("debug")) {
-        findings.note("Everything is logged, which slows every call down.",
-                      "When the diagnosis is done: talvik log level error");
+        findings.note(debugReveals, debugRemedy);
     } else if (found.logLevel == std::string("off")) {
         findings.note("Nothing is logged, errors neither.", "To see errors: talvik log level error");
     }

@@ -10,6 +10,7 @@
 
 #include "exit_code.h"
 #include "log_files.h"
+#include "printable.h"
 
 namespace talvik_tool {
 namespace {
@@ -17,7 +18,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr DWORD followMilliseconds = 200;
-constexpr std::pair<const char*, DWORD> levels[] = {{"debug", 3}, {"error", 2}, {"off", 0}};
+constexpr std::pair<const char*, DWORD> levels[] = {{"debug", debugLevel}, {"error", 2}, {"off", 0}};
 
 struct LogOptions {
     std::string program;
@@ -59,7 +60,7 @@ class LogPrinter {
             showing_ = !errorsOnly_ || tag == "ERROR" || tag == "EXCEP";
         }
         if (showing_) {
-            std::cout << line << '\n';
+            std::cout << printable(line) << '\n';
         }
     }
 
@@ -93,8 +94,9 @@ fs::path programFolder(const std::string& program) {
 int printLog(const LogOptions& options) {
     fs::path folder = programFolder(options.program);
     if (folder.empty()) {
-        std::cerr << "talvik: no log of today" << (options.program.empty() ? "" : " of " + options.program) << " below "
-                  << utf8(logRoot().wstring()) << "; the level is " << logLevelName(readLogLevel()) << "\n";
+        std::cerr << "talvik: no log of today" << (options.program.empty() ? "" : " of " + printable(options.program))
+                  << " below " << printable(utf8(logRoot().wstring())) << "; the level is "
+                  << logLevelName(readLogLevel()) << "\n";
         if (!options.follow) {
             return NotFound;
         }
@@ -104,7 +106,7 @@ int printLog(const LogOptions& options) {
     for (;;) {
         if (!folder.empty()) {
             if (!std::exchange(named, true)) {
-                std::cerr << utf8((folder / logNameOfToday()).wstring()) << "\n";
+                std::cerr << printable(utf8((folder / logNameOfToday()).wstring())) << "\n";
             }
             printer.print(folder / logNameOfToday());
         } else {
@@ -126,6 +128,7 @@ int changeLevel(const std::string& level) {
         if (level == name) {
             const LSTATUS status = writeLogLevel(value);
             if (status == ERROR_SUCCESS) {
+                std::cout << (value == debugLevel ? std::string(debugReveals) + "\n" + debugRemedy + "\n" : "");
                 return Done;
             }
             std::cerr << "talvik: the level cannot be set: "

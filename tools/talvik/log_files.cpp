@@ -8,7 +8,6 @@ namespace {
 
 constexpr wchar_t settingsKey[] = L"Software\\Quorvel\\Talvik";
 constexpr wchar_t levelValue[] = L"logLevel";
-constexpr DWORD debugLevel = 3;
 
 }  // namespace
 

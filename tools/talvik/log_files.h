@@ -9,6 +9,15 @@
 
 namespace talvik_tool {
 
+// The level that logs everything, what that means, and what is to be done about it.
+inline constexpr DWORD debugLevel = 3;
+inline constexpr char debugReveals[] =
+    "Every call is logged, which slows it down, and with it AES keys and decrypted data, readable to whoever gets the "
+    "log.";
+inline constexpr char debugRemedy[] =
+    "When the diagnosis is done: talvik log level error; then delete the logs of that time, copies and those of other "
+    "users and services included: %TEMP%\\Quorvel\\<program>\\<date>.LOG";
+
 // <temporary folder>\Quorvel, with one folder for each program that uses the provider.
 std::filesystem::path logRoot();
 

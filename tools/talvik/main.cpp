@@ -9,6 +9,7 @@
 #include "doctor.h"
 #include "exit_code.h"
 #include "log_command.h"
+#include "printable.h"
 #include "status.h"
 #include "system_folder.h"
 #include "token_commands.h"
@@ -83,10 +84,10 @@ int main() {
     try {
         return run();
     } catch (const TokenError& error) {
-        std::cerr << "talvik: " << error.what() << "\n";
+        std::cerr << "talvik: " << printable(error.what()) << "\n";
         return exitCodeOf(error.status());
     } catch (const std::exception& error) {
-        std::cerr << "talvik: " << error.what() << "\n";
+        std::cerr << "talvik: " << printable(error.what()) << "\n";
         return Failed;
     }
 }
