@@ -10,7 +10,7 @@ using namespace virtual_token;
 namespace {
 
 HashTable& hashes() {
-    static HashTable table;
+    static HashTable table(HashTable::capacityOfMachine());
     return table;
 }
 

@@ -8,6 +8,15 @@
 
 namespace virtual_token {
 
+std::size_t HashTable::capacityOfMachine() {
+    constexpr std::size_t leastCapacity = 32768;
+    constexpr std::size_t bytesPerHash = 2048;  // the state, some 1,400 bytes, and what finds it
+    MEMORYSTATUSEX memory{};
+    memory.dwLength = sizeof memory;
+    GlobalMemoryStatusEx(&memory);
+    return std::max<std::size_t>(leastCapacity, memory.ullTotalPhys / 32 / bytesPerHash);
+}
+
 // A caller's thread may still be working on a hash that has made room: then it is not reused.
 void HashTable::keepIdle(Shard& shard, RunningHashPointer hash) {
     if (hash.use_count() == 1 && shard.idle.size() < idleKept) {
@@ -32,7 +41,7 @@ std::uint64_t HashTable::begin(int algorithm) {
     RunningHashPointer hash;
     {
         const std::lock_guard guard(shard.lock);
-        if (shard.byUse.size() >= capacity / shardCount) {
+        if (shard.byUse.size() >= shardCapacity_) {
             shard.index.erase(shard.byUse.front().handle);
             keepIdle(shard, std::move(shard.byUse.front().hash));
             shard.byUse.pop_front();

@@ -1,5 +1,6 @@
 // The hashes under way. Callers never release one that they give up and may come back to one that is finished, so a
-// handle is a number that is looked up, never an address, and the hash that has not been used longest makes room.
+// handle is a number that is looked up, never an address, and once all that are held take up their share of the
+// machine's memory, the hash that has not been used longest makes room.
 #pragma once
 
 #include <array>
@@ -24,7 +25,10 @@ using RunningHashPointer = std::shared_ptr<RunningHash>;
 
 class HashTable {
   public:
-    static constexpr std::size_t capacity = 16384;
+    // How many hashes a thirty-second of the machine's memory holds, 32,768 at least.
+    static std::size_t capacityOfMachine();
+
+    explicit HashTable(std::size_t capacity) : shardCapacity_(capacity / shardCount) {}
 
     std::uint64_t begin(int algorithm);             // gives a handle, never 0
     RunningHashPointer find(std::uint64_t handle);  // throws BadHashHandle
@@ -51,6 +55,7 @@ class HashTable {
     static void keepIdle(Shard& shard, RunningHashPointer hash);
     Shard& shardOf(std::uint64_t handle) { return shards_[handle % shardCount]; }
 
+    const std::size_t shardCapacity_;
     std::array<Shard, shardCount> shards_;
     std::atomic<std::uint64_t> next_{1};
 };

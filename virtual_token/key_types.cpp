@@ -67,6 +67,10 @@ const AesKeyType* aesKeyTypeOf(std::size_t keyLength) {
     return find(aesKeyTypes, [keyLength](const AesKeyType& type) { return type.keyLength == keyLength; });
 }
 
+bool isAesKeyType(std::uint32_t code) {
+    return find(aesKeyTypes, [code](const AesKeyType& row) { return row.code == code; }) != nullptr;
+}
+
 const DigestType* digestOfCode(int code) {
     return find(digestTypes, [code](const DigestType& type) { return type.code == code; });
 }

@@ -31,6 +31,7 @@ struct AesKeyType {
 };
 
 const AesKeyType* aesKeyTypeOf(std::size_t keyLength);  // null when there is none
+bool isAesKeyType(std::uint32_t code);
 
 struct DigestType {
     int code;          // of talvik_initHash

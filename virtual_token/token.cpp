@@ -42,6 +42,12 @@ PinSlot makeSlot(std::string_view pin, int attempts, ByteView masterKey, const s
     return slot;
 }
 
+void requireRoomInFile(std::uint64_t size) {
+    if (size > largestFile) {
+        throw TokenError(Status::StorageFailure, "the token file is larger than a token's can be");
+    }
+}
+
 Bytes pinVerifier(ByteView salt, std::string_view pin) {
     startGcrypt();
     Bytes digest(32);
@@ -82,10 +88,14 @@ std::wstring Token::siblingPath(const wchar_t* extension) const {
 SnapshotPointer Token::snapshot() {
     const std::optional<FileStamp> stamp = stampOf(path_);
     require(stamp.has_value(), Status::NoSuchDevice);
+    requireRoomInFile(stamp->size);
     {
         const std::shared_lock guard(lock_);
         if (current_ && current_->stamp == *stamp) {
             return current_;
+        }
+        if (unreadable_ && unreadable_->stamp == *stamp) {
+            throw unreadable_->error;
         }
     }
     return install(load());
@@ -97,13 +107,19 @@ SnapshotPointer Token::attachedSnapshot() {
     return now;
 }
 
-Snapshot Token::load() const {
+Snapshot Token::load() {
     Snapshot fresh;
     const std::optional<SecretBytes> content = readFile(path_, fresh.stamp);
     require(content.has_value(), Status::NoSuchDevice);
     TokenObjects objects;
-    readTokenText({reinterpret_cast<const char*>(content->data()), content->size()}, fresh.state, objects);
-    require(fresh.state.id == id_, Status::NoSuchDevice);  // the file system takes "t1" for "T1"
+    try {
+        readTokenText({reinterpret_cast<const char*>(content->data()), content->size()}, fresh.state, objects);
+        require(fresh.state.id == id_, Status::NoSuchDevice);  // the file system takes "t1" for "T1"
+    } catch (const TokenError& error) {
+        const std::lock_guard guard(lock_);
+        unreadable_ = std::make_unique<const Unreadable>(Unreadable{fresh.stamp, error});
+        throw;
+    }
     fresh.objects = std::make_shared<ObjectSet>(std::move(objects));
     return fresh;
 }
@@ -144,6 +160,7 @@ void Token::forget(const Snapshot& fresh) {
 
 SnapshotPointer Token::store(TokenState state, std::shared_ptr<ObjectSet> objects) {
     const std::string text = writeTokenText(state, objects->objects());
+    requireRoomInFile(text.size());
     if (state.signOn != SignOn::On) {
         // Of the sign-on that ends, or of one that was cut off: they open the token without its PIN.
         deleteFile(siblingPath(L".session"));

@@ -12,6 +12,7 @@
 #include "asymmetric_key.h"
 #include "object_set.h"
 #include "srw_lock.h"
+#include "status.h"
 #include "token_data.h"
 #include "token_file.h"
 
@@ -81,9 +82,14 @@ class Token {
         Bytes verifier;
         MasterKey masterKey;
     };
+    // A version of the file that cannot be used, and why: it is not read again before it has changed.
+    struct Unreadable {
+        FileStamp stamp;
+        TokenError error;
+    };
     using PrivateKeyPointer = std::shared_ptr<const PrivateKey>;
 
-    Snapshot load() const;
+    Snapshot load();
     SnapshotPointer install(Snapshot fresh);
     SnapshotPointer store(TokenState state, std::shared_ptr<ObjectSet> objects);
     // Under the file's lock: reads the file and gives its content to `change`.
@@ -109,6 +115,7 @@ class Token {
     const std::string id_;
     SrwLock lock_;  // guards what follows; never held while a file is read, a PIN tested or a key used
     SnapshotPointer current_;
+    std::unique_ptr<const Unreadable> unreadable_;
     std::shared_ptr<const Login> login_;
     MasterKey session_;
     std::unordered_map<ObjectId, PrivateKeyPointer, ObjectIdHash> privateKeys_;

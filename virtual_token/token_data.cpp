@@ -1,7 +1,9 @@
 #include "token_data.h"
 
 #include <algorithm>
+#include <bit>
 #include <iterator>
+#include <limits>
 #include <nlohmann/json.hpp>
 
 #include "key_types.h"
@@ -13,6 +15,8 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 constexpr int formatVersion = 1;
+constexpr int mostAttempts = 100;
+constexpr unsigned lowestCost = 2, highestCost = 1u << 20;
 
 constexpr struct {
     SignOn value;
@@ -45,6 +49,15 @@ Bytes base64At(const Json& object, const char* name) {
     return fromBase64(textAt(object, name));
 }
 
+template <class Number>
+Number numberAt(const Json& object, const char* name, Number lowest = 0,
+                Number highest = std::numeric_limits<Number>::max()) {
+    const Json& value = object.at(name);
+    const std::int64_t number = value.is_number_integer() ? value.get<std::int64_t>() : -1;  // so are those beyond it
+    require(number >= lowest && number <= highest, Status::StorageFailure);
+    return static_cast<Number>(number);
+}
+
 ObjectId idAt(const Json& object, const char* name) {
     const Bytes bytes = hexAt(object, name);
     ObjectId id{};
@@ -65,13 +78,12 @@ Json toJson(const PinSlot& slot) {
 PinSlot pinSlotFrom(const Json& json) {
     require(textAt(json, "kdf") == "scrypt", Status::StorageFailure);
     PinSlot slot;
-    slot.attemptsLeft = json.at("attemptsLeft");
-    slot.attemptsAllowed = json.at("attemptsAllowed");
-    slot.cost = json.at("cost");
+    slot.attemptsAllowed = numberAt(json, "attemptsAllowed", 1, mostAttempts);
+    slot.attemptsLeft = numberAt(json, "attemptsLeft", 0, slot.attemptsAllowed);
+    slot.cost = numberAt(json, "cost", lowestCost, highestCost);
     slot.salt = hexAt(json, "salt");
     slot.sealedMasterKey = base64At(json, "masterKey");
-    const bool costSane = slot.cost >= 2 && slot.cost <= (1u << 20) && (slot.cost & (slot.cost - 1)) == 0;
-    require(costSane && slot.attemptsLeft >= 0, Status::StorageFailure);
+    require(std::has_single_bit(slot.cost), Status::StorageFailure);
     return slot;
 }
 
@@ -95,7 +107,7 @@ KeyPairObject keyPairFrom(const Json& json) {
     key.alias = hexAt(json, "alias");
     key.type = type->code;
     key.usage = usageNamed(textAt(json, "usage"));
-    key.storageFlag = json.at("storageFlag");
+    key.storageFlag = numberAt<std::uint8_t>(json, "storageFlag");
     key.publicKey = base64At(json, "publicKey");
     key.sealedSecret = base64At(json, "secret");
     return key;
@@ -132,9 +144,10 @@ AesKeyObject aesKeyFrom(const Json& json) {
     key.id = idAt(json, "id");
     key.label = textAt(json, "label");
     key.name = textAt(json, "name");
-    key.type = json.at("type");
-    key.usage = json.at("usage");
-    key.storageFlag = json.at("storageFlag");
+    key.type = numberAt<std::uint32_t>(json, "type");
+    require(isAesKeyType(key.type), Status::StorageFailure);
+    key.usage = numberAt<std::uint32_t>(json, "usage");
+    key.storageFlag = numberAt<std::uint8_t>(json, "storageFlag");
     key.sealedSecret = base64At(json, "secret");
     return key;
 }

@@ -140,7 +140,7 @@ std::optional<SecretBytes> readFile(const std::wstring& path, FileStamp& stamp) 
         failStorage("cannot read the token file");
     }
     stamp = {timeOf(info.ftLastWriteTime), combined(info.nFileSizeHigh, info.nFileSizeLow)};
-    require(stamp.size <= 1u << 30, Status::StorageFailure);
+    require(stamp.size <= largestFile, Status::StorageFailure);
     SecretBytes content(stamp.size);
     DWORD got = 0;
     if (!ReadFile(file.get(), content.data(), static_cast<DWORD>(content.size()), &got, nullptr)) {
@@ -154,10 +154,11 @@ FileStamp replaceFile(const std::wstring& path, ByteView content, bool ownerOnly
     const std::wstring temporary = path + L".new";
     std::optional<OwnerOnly> security;
     if (ownerOnly) {
-        DeleteFileW(temporary.c_str());  // a leftover would keep its own descriptor
         security.emplace();
     }
-    Handle file = openFile(temporary, GENERIC_WRITE, 0, CREATE_ALWAYS, security ? security->get() : nullptr);
+    deleteFile(temporary);
+    // A file that somebody has put there meanwhile would keep its own descriptor.
+    Handle file = openFile(temporary, GENERIC_WRITE, 0, CREATE_NEW, security ? security->get() : nullptr);
     if (!file) {
         failStorage("cannot create a file in the token folder");
     }

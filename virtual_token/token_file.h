@@ -27,11 +27,15 @@ struct FileStamp {
 
 std::optional<FileStamp> stampOf(const std::wstring& path);  // nothing when there is no such file
 
+// What no file of a token exceeds: room for some ten thousand key pairs with their certificates.
+inline constexpr std::uint64_t largestFile = 64u << 20;  // bytes
+
 // The whole file; `stamp` belongs to just this content. Nothing when there is no such file.
 std::optional<SecretBytes> readFile(const std::wstring& path, FileStamp& stamp);
 
 // Writes a temporary file beside it, flushes it and moves it into place: the file is the old or the new one, never
-// less. `ownerOnly` keeps other users out. Gives the new file's stamp; throws TokenError(StorageFailure).
+// less. `ownerOnly` keeps other users out: a file in the way, with access rights of its own, is not used. Gives the new
+// file's stamp; throws TokenError(StorageFailure).
 FileStamp replaceFile(const std::wstring& path, ByteView content, bool ownerOnly);
 
 void deleteFile(const std::wstring& path);

@@ -9,6 +9,7 @@
 #include "csp/context.h"
 #include "csp/entry_points.h"
 #include "csp/outcome.h"
+#include "csp/pieces.h"
 #include "log/log.h"
 #include "token/device_library.h"
 
@@ -80,18 +81,6 @@ Outcome create(HCRYPTPROV hProv, ALG_ID algId, DWORD dwFlags, HCRYPTHASH* phHash
     return success();
 }
 
-// The device takes a signed length: more than that goes in several pieces.
-int updateHash(const HASH_CONTEXT& hash, const BYTE* data, DWORD size, void* reserved) {
-    constexpr DWORD largestPiece = 0x40000000;
-    for (; size > largestPiece; data += largestPiece, size -= largestPiece) {
-        const int status = talvik_updateHash(hash.deviceHashHandle, data, static_cast<int>(largestPiece), reserved);
-        if (status != TALVIK_STATUS_OK) {
-            return status;
-        }
-    }
-    return talvik_updateHash(hash.deviceHashHandle, data, static_cast<int>(size), reserved);
-}
-
 Outcome hashData(HCRYPTPROV hProv, HCRYPTHASH hHash, const BYTE* pbData, DWORD cbData) {
     logDebug("CPHashData");
     const CspContext* const context = contextOf(hProv);
@@ -102,7 +91,9 @@ Outcome hashData(HCRYPTPROV hProv, HCRYPTHASH hHash, const BYTE* pbData, DWORD c
     if (hash == nullptr) {
         return fail(NTE_BAD_HASH, "CPHashData: pHashHandle is NULL");
     }
-    const int status = updateHash(*hash, pbData, cbData, context->reserved);
+    const int status = inPieces(pbData, cbData, [=](const BYTE* data, int size) {
+        return talvik_updateHash(hash->deviceHashHandle, data, size, context->reserved);
+    });
     if (status != TALVIK_STATUS_OK) {
         return fail(NTE_FAIL, "CPHashData: talvik_updateHash failed, ret=", status);
     }

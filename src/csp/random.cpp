@@ -2,26 +2,13 @@
 #include "csp/context.h"
 #include "csp/entry_points.h"
 #include "csp/outcome.h"
+#include "csp/pieces.h"
 #include "log/log.h"
 #include "token/device_library.h"
 #include "token/shared_state.h"
 
 namespace talvik::csp {
 namespace {
-
-// The device takes a signed length: more than that is drawn in several pieces.
-int drawRandom(const CspContext& context, DWORD size, BYTE* buffer, bool useSoftware) {
-    constexpr DWORD largestPiece = 0x40000000;
-    for (; size > largestPiece; buffer += largestPiece, size -= largestPiece) {
-        const int status = talvik_generateRamdomNumber(context.deviceId.c_str(), static_cast<int>(largestPiece), buffer,
-                                                       useSoftware, context.reserved);
-        if (status != TALVIK_STATUS_OK) {
-            return status;
-        }
-    }
-    return talvik_generateRamdomNumber(context.deviceId.c_str(), static_cast<int>(size), buffer, useSoftware,
-                                       context.reserved);
-}
 
 Outcome generateRandom(HCRYPTPROV hProv, DWORD dwLen, BYTE* pbBuffer) {
     const CspContext* const context = contextOf(hProv);
@@ -35,7 +22,10 @@ Outcome generateRandom(HCRYPTPROV hProv, DWORD dwLen, BYTE* pbBuffer) {
     if (!hasToken) {
         logDebug("CPGenRandom: no token, using software RNG");
     }
-    const int status = drawRandom(*context, dwLen, pbBuffer, !hasToken || useHardwareRng == 0);
+    const bool useSoftware = !hasToken || useHardwareRng == 0;
+    const int status = inPieces(pbBuffer, dwLen, [=](BYTE* buffer, int size) {
+        return talvik_generateRamdomNumber(context->deviceId.c_str(), size, buffer, useSoftware, context->reserved);
+    });
     if (status != TALVIK_STATUS_OK) {
         return fail(NTE_PROVIDER_DLL_FAIL,
                     hasToken ? "Random number generation failed: " : "CPGenRandom: software RNG failed: ", status);

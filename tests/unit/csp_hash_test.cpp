@@ -1,4 +1,5 @@
 #include "csp/hash.h"
+#include "csp/pieces.h"
 #include "unit/provider_test.h"
 
 using namespace testing;
@@ -287,6 +288,18 @@ TEST_F(CspHashTest, DestructionAsksNothingOfTheDevice) {
     refused(NTE_BAD_HASH, "CPDestroyHash: pHashHandle is NULL", prov, 0);
     csp::hashOf(hash)->isValid = 0;
     expectSuccess([&] { return CPDestroyHash(prov, hash); }, {"DEBUG CPDestroyHash"});
+}
+
+TEST(Pieces, GoOnWhereTheLastEndedUntilOneIsRefused) {
+    const BYTE data[10] = {};
+    std::vector<std::pair<std::ptrdiff_t, int>> seen;
+    const auto use = [&](const BYTE* piece, int length) {
+        seen.emplace_back(piece - data, length);
+        return seen.size() == 5 ? 7 : 0;
+    };
+    EXPECT_EQ(csp::inPieces(data, sizeof data, use, 4), 0);
+    EXPECT_EQ(csp::inPieces(data, sizeof data, use, 4), 7);
+    EXPECT_THAT(seen, ElementsAre(Pair(0, 4), Pair(4, 4), Pair(8, 2), Pair(0, 4), Pair(4, 4)));
 }
 
 }  // namespace

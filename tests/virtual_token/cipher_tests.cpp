@@ -1,5 +1,7 @@
 // What AES and RSA encryption refuse, and the keys that unwrap others. That both agree with openssl is tested through
 // the provider.
+#include "gcrypt_objects.h"
+#include "rsa_padding.h"
 #include "virtual_token/fixture.h"
 
 namespace talvik_test {
@@ -43,6 +45,33 @@ TEST_F(VirtualTokenTest, RsaDataMustFitItsKey) {
     EXPECT_EQ(decrypt(key, Bytes(128, 0xFF)).status, BadData);  // not below the modulus
     EXPECT_EQ(decrypt(key, Bytes(127, 1)).status, BadData);     // wrong length
     EXPECT_EQ(sign(key, pattern(32)).status, UsageForbidden);
+}
+
+// Blocks of openssl's, and ours damaged where nothing but the check in question tells.
+TEST(RsaPadding, IsCheckedToItsLastByte) {
+    run("genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:1024 -out private.pem");
+    write("text", pattern(5));
+    const auto blockOf = [](const std::string& options) {
+        run("pkeyutl -encrypt -inkey private.pem -in text -out sealed -pkeyopt rsa_padding_mode:oaep" + options);
+        run("pkeyutl -decrypt -inkey private.pem -in sealed -out block -pkeyopt rsa_padding_mode:none");
+        return read("block");
+    };
+    Bytes oaep = blockOf("");
+    EXPECT_TRUE(virtual_token::removeOaep(oaep));
+    oaep[0] = 1;
+    EXPECT_FALSE(virtual_token::removeOaep(oaep));
+    EXPECT_FALSE(virtual_token::removeOaep(blockOf(" -pkeyopt rsa_oaep_label:00")));
+    for (const std::size_t padding : {7, 8}) {
+        Bytes pkcs1(128, 0xFF);
+        pkcs1[0] = pkcs1[2 + padding] = 0;
+        pkcs1[1] = 2;
+        EXPECT_EQ(virtual_token::removePkcs1(pkcs1).has_value(), padding == 8);
+    }
+}
+
+TEST(Sealing, NeverRepeats) {
+    const auto sealed = [] { return virtual_token::seal(pattern(32), pattern(32), "context"); };
+    EXPECT_NE(sealed(), sealed());
 }
 
 // Malformed and dangerous public keys are refused before any arithmetic.

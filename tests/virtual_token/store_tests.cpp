@@ -2,6 +2,8 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <fstream>
+#include <nlohmann/json.hpp>
 #include <set>
 #include <thread>
 
@@ -93,6 +95,57 @@ TEST_F(VirtualTokenTest, NothingSecretIsReadable) {
     for (const char* secret : {"AAcOFRwjKjE4P0ZNVFtiaXB3foWMk5qhqK+2vcTL0tk=", "00070E151C232A31", "\"1234\""}) {
         EXPECT_EQ(text.find(secret), std::string::npos) << secret;
     }
+    const auto json = nlohmann::json::parse(text);
+    EXPECT_NE(json.at("userPin").at("salt"), json.at("adminPin").at("salt"));
+}
+
+// The token's file with what `change` makes of it.
+template <class Change>
+void rewrite(const std::string& name, Change change) {
+    auto json = nlohmann::json::parse(read(name));
+    change(json);
+    write(name, bytesOf(json.dump()));
+}
+
+TEST_F(VirtualTokenTest, SecretsOpenOnlyAsTheObjectTheyWereSealedFor) {
+    const Key keys[] = {generate(TALVIK_KEY_EC_P256, 1), generate(TALVIK_KEY_EC_P256, 1)};
+    const TalvikSymmetricKey aes = importAes(pattern(16), 0), other = importAes(Bytes(16), 0);
+    const Bytes wrapped = encryptAes(EncryptionType::Aes128Ecb, pattern(16), pattern(16), {}).bytes;
+    EXPECT_EQ(unwrap(aes.identifier, wrapped).status, 0);
+    rewrite(home() + "/T1.json", [](auto& json) {
+        for (const char* list : {"keyPairs", "aesKeys"}) {
+            std::swap(json.at(list).at(0).at("secret"), json.at(list).at(1).at("secret"));
+        }
+    });
+    EXPECT_EQ(sign(keys[0], pattern(32)).status, BadData);
+    EXPECT_EQ(unwrap(other.identifier, wrapped).status, BadData);
+}
+
+TEST_F(VirtualTokenTest, NumbersOfAFileAreInRange) {
+    importAes(pattern(16), 0);
+    generate(TALVIK_KEY_EC_P256, 1);
+    const std::string file = home() + "/T1.json";
+    const Bytes good = read(file);
+    const std::pair<const char*, std::vector<double>> rows[] = {
+        {"/userPin/attemptsAllowed", {-5, 0, 1.5, 101, 4294967299.0}},
+        {"/userPin/attemptsLeft", {-1, 4, 1.5, 4294967299.0}},
+        {"/adminPin/cost", {0, 1, 3, 2097152, 4294967298.0}},
+        {"/keyPairs/0/storageFlag", {-1, 256}},
+        {"/aesKeys/0/storageFlag", {-1, 256}},
+        {"/aesKeys/0/type", {-1, 2, 9, 4294967304.0}},
+        {"/aesKeys/0/usage", {-1, 4294967296.0}},
+    };
+    for (const auto& [where, values] : rows) {
+        for (const double value : values) {
+            rewrite(file, [&](auto& json) {
+                auto& number = json.at(nlohmann::json::json_pointer(where));
+                value == 1.5 ? number = value : number = static_cast<std::int64_t>(value);
+            });
+            EXPECT_EQ(talvik_initDevice(device, true, nullptr), StorageFailure) << where << ' ' << value;
+            write(file, good);
+        }
+    }
+    EXPECT_EQ(talvik_initDevice(device, true, nullptr), 0);
 }
 
 TEST_F(VirtualTokenTest, AesKeySizesAndTypes) {
@@ -173,6 +226,23 @@ TEST_F(VirtualTokenTest, OtherFilesInTheFolderDoNoHarm) {
     EXPECT_EQ(talvik_getTokenInfo("A0", nullptr).firmwareVersion, "1.9.9");
     SetEnvironmentVariableW(L"TALVIK_TOKEN_HOME", (scratch().path() / "nowhere").c_str());
     EXPECT_TRUE(talvik_getConnectedDeviceList(false, nullptr).empty());
+}
+
+TEST_F(VirtualTokenTest, WhatIsNoTokenIsReadOnce) {
+    const std::string file = home() + "/T1.json";
+    const auto path = scratch().path() / file;
+    const Bytes good = read(file);
+    const auto written = std::filesystem::last_write_time(path);
+    write(file, Bytes(good.size(), '{'));
+    std::filesystem::last_write_time(path, written + std::chrono::hours(1));
+    EXPECT_EQ(talvik_initDevice(device, true, nullptr), StorageFailure);
+    write(file, good);
+    std::filesystem::last_write_time(path, written + std::chrono::hours(1));  // looks unchanged
+    EXPECT_EQ(talvik_initDevice(device, true, nullptr), StorageFailure);
+    std::filesystem::last_write_time(path, written);
+    EXPECT_EQ(talvik_initDevice(device, true, nullptr), 0);
+    std::filesystem::resize_file(path, (64u << 20) + 1);  // with zeros, which end the text
+    EXPECT_EQ(talvik_initDevice(device, true, nullptr), StorageFailure);
 }
 
 }  // namespace

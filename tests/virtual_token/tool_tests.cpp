@@ -50,12 +50,17 @@ nlohmann::json jsonOf(const std::string& arguments) {
 
 TEST_F(VirtualTokenTest, ToolShowsWhatATokenHolds) {
     const Key key = generate(TALVIK_KEY_EC_P384, TALVIK_USAGE_SIGN);
-    ASSERT_EQ(talvik("token create --id T2 --label Second --pin 1234 --detached"), 0);
+    ASSERT_EQ(talvik("token create --id T2 --label \"Sec\x1B\nond\x7F\" --pin 1234 --detached"), 0);
+    for (const char* command : {"token list", "token show T2"}) {  // in a line of its own, which steers no terminal
+        EXPECT_EQ(talvik(command, "out.txt"), 0);
+        const Bytes text = read("out.txt");
+        EXPECT_NE(std::string(text.begin(), text.end()).find("Sec\\x1B\\x0Aond\\x7F"), std::string::npos) << command;
+    }
     login("9999");
     const auto list = jsonOf("token list --json");
     ASSERT_EQ(list.size(), 2u);
     EXPECT_EQ(list[0].at("attemptsLeft"), 2);
-    EXPECT_EQ(list[1].at("label"), "Second");
+    EXPECT_EQ(list[1].at("label"), "Sec\x1B\nond\x7F");
     EXPECT_EQ(list[0].at("keyPairCount"), 1);
     EXPECT_EQ(list[1].at("attached"), false);
     const auto shown = jsonOf("token show T1 --json");

@@ -109,7 +109,7 @@ void requireRelated(const Plan& plan, const std::string& file) {
     }
 }
 
-void import(const ImportArguments& arguments) {
+void importCertificates(const ImportArguments& arguments) {
     requireLabel("--label", arguments.label);
     Plan plan = choosePlan(arguments, readCertificates(arguments.file));
     if (!arguments.issuers) {
@@ -136,7 +136,7 @@ void addCertsImport(CLI::App& family) {
     command->add_option("--label", arguments->label, "Label (the key's if not given)");
     command->add_flag("--issuer", arguments->issuers, "Also store certificates for no key of the token");
     arguments->token.pin.addTo(*command, "pin", "User PIN");
-    command->callback([arguments] { import(*arguments); });
+    command->callback([arguments] { importCertificates(*arguments); });
 }
 
 }  // namespace talvik_tool

@@ -15,7 +15,6 @@ namespace {
 using virtual_token::Status;
 using virtual_token::TokenError;
 
-constexpr char virtualTokenDescription[] = "Talvik virtual token";
 constexpr unsigned char usualExponent[] = {1, 0, 1};
 constexpr int largestSignature = 1024;
 
@@ -37,7 +36,7 @@ const DeviceLibrary& library() {
 
 // Only the virtual token's statuses are known beyond the two that every library shares.
 std::string statusText(int status) {
-    static const bool isVirtual = describeModule(library().path()).description == virtualTokenDescription;
+    static const bool isVirtual = isVirtualToken(describeModule(library().path()));
     const auto& facts = virtual_token::factsOf(static_cast<Status>(status));
     const bool known = status == TALVIK_STATUS_TIME_MISMATCH || status == TALVIK_STATUS_SIGN_ON_EXPIRED ||
                        (isVirtual && static_cast<int>(facts.status) == status);

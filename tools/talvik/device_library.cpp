@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "device_library_exports.h"
+#include "system_folder.h"
 
 namespace talvik_tool {
 namespace {
@@ -13,7 +14,7 @@ constexpr wchar_t libraryName[] = L"TalvikDSCLibrary.dll";
 
 }  // namespace
 
-DeviceLibrary::DeviceLibrary() : module_(LoadLibraryW(libraryName)) {}
+DeviceLibrary::DeviceLibrary() : module_(loadSystemModule(libraryName)) {}
 
 std::wstring DeviceLibrary::path() const {
     std::array<wchar_t, 1024> path = {};

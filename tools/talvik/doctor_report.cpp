@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 
 #include "log_files.h"
+#include "printable.h"
 #include "token/device_library.h"
 
 namespace talvik_tool {
@@ -16,7 +17,8 @@ constexpr std::size_t pageWidth = 100;
 constexpr std::size_t labelWidth = 18;
 
 // Continues long texts under their beginning. What has no blank, a path for one, is never broken.
-void printWrapped(std::ostream& out, const std::string& first, const std::string& text) {
+void printWrapped(std::ostream& out, const std::string& label, const std::string& words) {
+    const std::string first = printable(label), text = printable(words);
     const std::string indent(first.size(), ' ');
     std::string line = first;
     bool empty = true;
@@ -74,7 +76,8 @@ void printContainer(std::ostream& out, const ContainerFacts& container) {
     for (const CertificateFacts& certificate : container.certificates) {
         printWrapped(out, "      ",
                      "certificate " + certificate.subject + ", expires " + certificate.expires +
-                         (certificate.matchesKey ? ", matches the key" : ", IS FOR ANOTHER KEY"));
+                         (certificate.matchesKey ? ", matches the key" : ", IS FOR ANOTHER KEY") +
+                         (certificate.published ? ", in the user's store" : ""));
     }
 }
 
@@ -84,6 +87,9 @@ void printDevices(std::ostream& out, const DeviceFacts& devices) {
     printRow(out, "interface",
              std::string(TALVIK_LIBRARY_VERSION) + ", " + std::to_string(devices.operations) + " of " +
                  std::to_string(neededOperations()) + " operations");
+    if (!devices.inspected) {
+        return;
+    }
     out << "Tokens" << (devices.tokens.empty() ? ": none" : "") << "\n";
     for (const TokenFacts& token : devices.tokens) {
         printRow(out, token.id,
@@ -132,7 +138,8 @@ Json toJson(const ContainerFacts& container) {
     for (const CertificateFacts& certificate : container.certificates) {
         certificates.push_back({{"subject", certificate.subject},
                                 {"expires", certificate.expires},
-                                {"matchesKey", certificate.matchesKey}});
+                                {"matchesKey", certificate.matchesKey},
+                                {"published", certificate.published}});
     }
     return {{"name", container.name},
             {"keyType", container.keyType},
@@ -180,7 +187,7 @@ std::string circumstances() {
 }  // namespace
 
 void printPage(std::ostream& out, const Diagnosis& diagnosis) {
-    out << "Talvik on " << circumstances() << "\n\n";
+    out << "Talvik on " << printable(circumstances()) << "\n\n";
     printInstallation(out, diagnosis.installation);
     printDevices(out, diagnosis.devices);
     printSelfTest(out, diagnosis.selfTest);
@@ -214,8 +221,7 @@ void printJson(std::ostream& out, const Diagnosis& diagnosis) {
         {"tokens", tokens},
         {"log", {{"level", diagnosis.installation.logLevel}, {"folder", diagnosis.installation.logFolder}}},
         {"selfTest", steps}};
-    // What a token says of itself need not be UTF-8.
-    out << all.dump(2, ' ', false, Json::error_handler_t::replace) << "\n";
+    out << jsonText(all);
 }
 
 }  // namespace talvik_tool

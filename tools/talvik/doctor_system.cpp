@@ -8,6 +8,7 @@
 #include <winver.h>
 
 #include "log_files.h"
+#include "system_folder.h"
 #include "token/device_library.h"
 
 namespace talvik_tool {
@@ -38,17 +39,9 @@ std::optional<std::wstring> readText(const std::wstring& key, const wchar_t* val
     return read;
 }
 
-// Where loading a module by this name finds it; empty when nowhere.
-std::wstring findModule(const std::wstring& name) {
-    std::array<wchar_t, 1024> path = {};
-    const DWORD length =
-        SearchPathW(nullptr, name.c_str(), nullptr, static_cast<DWORD>(path.size()), path.data(), nullptr);
-    return std::wstring(path.data(), length < path.size() ? length : 0);
-}
-
 class Module {
   public:
-    explicit Module(const std::wstring& name) : handle_(LoadLibraryW(name.c_str())) {}
+    explicit Module(const std::wstring& name) : handle_(loadSystemModule(name.c_str())) {}
     ~Module() {
         if (handle_ != nullptr) {
             FreeLibrary(handle_);
@@ -63,7 +56,7 @@ class Module {
 };
 
 void checkProviderFile(Installation& found, Findings& findings) {
-    const std::wstring path = findModule(imageName);
+    const std::wstring path = systemFile(imageName);
     if (path.empty()) {
         findings.problem("TalvikCSP.dll is not installed.", "Install the package: msiexec /i Talvik-...-x64.msi");
         return;
@@ -110,7 +103,7 @@ void checkCspEntry(Installation& found, Findings& findings) {
             "The provider's entry in CryptoAPI's provider list is damaged: Type must be 1, Signature "
             "must be there.",
             repair);
-    } else if (findModule(readText(cspKey, L"Image Path").value_or(L"")).empty()) {
+    } else if (systemFile(readText(cspKey, L"Image Path").value_or(L"")).empty()) {
         findings.problem("CryptoAPI's provider list names " + found.cspImage + ", which does not exist.", repair);
     }
 }
@@ -138,8 +131,7 @@ void checkLog(Installation& found, Findings& findings) {
                          "Create " + utf8(logRoot().parent_path().wstring()));
     }
     if (found.logLevel == std::string("debug")) {
-        findings.note("Everything is logged, which slows every call down.",
-                      "When the diagnosis is done: talvik log level error");
+        findings.note(debugReveals, debugRemedy);
     } else if (found.logLevel == std::string("off")) {
         findings.note("Nothing is logged, errors neither.", "To see errors: talvik log level error");
     }
@@ -162,6 +154,10 @@ std::string errorText(unsigned long error) {
     }
     LocalFree(words);
     return text;
+}
+
+bool isVirtualToken(const ModuleFile& library) {
+    return library.description == "Talvik virtual token";
 }
 
 ModuleFile describeModule(const std::wstring& path) {

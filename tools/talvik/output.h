@@ -1,4 +1,4 @@
-// What commands print, and the rules of the texts that they are given.
+// What commands print, whatever others have put into it.
 #pragma once
 
 #include <nlohmann/json_fwd.hpp>

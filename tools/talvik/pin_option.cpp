@@ -105,8 +105,12 @@ void PinOption::refuse(const std::string& rule) const {
     throw TokenError(Status::InvalidArgument, source + ": " + rule + "; no attempt was lost");
 }
 
+std::string PinOption::readAny() const {
+    return value_ ? *value_ : file_.empty() ? readUnseen(what_) : firstLineOf(file_);
+}
+
 std::string PinOption::read() const {
-    const std::string pin = value_ ? *value_ : file_.empty() ? readUnseen(what_) : firstLineOf(file_);
+    const std::string pin = readAny();
     if (pin.empty()) {
         refuse(file_.empty() ? "no PIN was given" : "there is no PIN in its first line");
     }

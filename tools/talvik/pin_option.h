@@ -20,6 +20,9 @@ class PinOption {
     // A PIN to be set: printable ASCII, since a dialog on another code page would deliver other bytes. Typed twice.
     std::string readNew() const;
 
+    // Any text, empty too: the password of a file, for which there are no rules here.
+    std::string readAny() const;
+
   private:
     [[noreturn]] void refuse(const std::string& rule) const;
 

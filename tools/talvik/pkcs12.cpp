@@ -14,7 +14,7 @@ namespace {
 
 using namespace virtual_token;
 
-constexpr char oidData[] = "1.2.840.113549.1.7.1";
+constexpr char oidPlainData[] = "1.2.840.113549.1.7.1";
 constexpr char oidEncryptedData[] = "1.2.840.113549.1.7.6";
 constexpr char oidKeyBag[] = "1.2.840.113549.1.12.10.1.1";
 constexpr char oidShroudedKeyBag[] = "1.2.840.113549.1.12.10.1.2";
@@ -97,7 +97,7 @@ void readBags(ByteView safeContents, const std::string& password, Bags& bags) {
 void readContentInfo(DerReader info, const std::string& password, Bags& bags) {
     const ByteView kind = info.read().whole;
     DerReader content = info.enter(derExplicit0);
-    if (is(kind, oidData)) {
+    if (is(kind, oidPlainData)) {
         readBags(content.read(derOctetString), password, bags);
         return;
     }
@@ -118,7 +118,7 @@ Pkcs12Content readPkcs12(ByteView der, const std::string& password) try {
     document.finish();
     pfx.read(derInteger);
     DerReader outer = pfx.enter(derSequence);
-    require(is(outer.read().whole, oidData), Status::Unsupported);
+    require(is(outer.read().whole, oidPlainData), Status::Unsupported);
     const ByteView authenticatedSafe = outer.enter(derExplicit0).read(derOctetString);
     if (!pfx.atEnd()) {
         requirePassword(pfx.enter(derSequence), authenticatedSafe, password);

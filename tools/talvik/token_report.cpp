@@ -4,7 +4,9 @@
 #include <nlohmann/json.hpp>
 
 #include "certificate.h"
+#include "certificate_context.h"
 #include "key_types.h"
+#include "printable.h"
 #include "status.h"
 
 namespace talvik_tool {
@@ -12,10 +14,6 @@ namespace {
 
 using namespace virtual_token;
 using Json = nlohmann::ordered_json;
-
-std::string asText(const Json& json) {
-    return json.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
-}
 
 Json summaryOf(const Snapshot& token) {
     const TokenState& state = token.state;
@@ -54,6 +52,7 @@ Json detailsOf(const Snapshot& token) {
         certificates.push_back({{"keyId", toHex(certificate.keyId)},
                                 {"label", certificate.label},
                                 {"subject", subjectOf(certificate)},
+                                {"thumbprint", thumbprintOf(certificate.der)},
                                 {"length", certificate.der.size()}});
     }
     for (const AesKeyObject& key : token.objects->objects().aesKeys) {
@@ -83,35 +82,37 @@ void printTokens(std::ostream& out, const std::vector<ListedToken>& tokens, bool
                                           : Json{{"id", token.id}, {"problem", token.problem}});
         } else if (token.snapshot) {
             out << std::left << std::setw(16) << token.id << " " << stateText(token.snapshot->state) << "  "
-                << token.snapshot->state.label << "\n";
+                << printable(token.snapshot->state.label) << "\n";
         } else {
-            out << std::left << std::setw(16) << token.id << " unusable: " << token.problem << "\n";
+            out << std::left << std::setw(16) << token.id << " unusable: " << printable(token.problem) << "\n";
         }
     }
     if (json) {
-        out << asText(list);
+        out << jsonText(list);
     }
 }
 
 void printToken(std::ostream& out, const Snapshot& token, bool json) {
     if (json) {
-        out << asText(detailsOf(token));
+        out << jsonText(detailsOf(token));
         return;
     }
     const TokenState& state = token.state;
-    out << "Token " << state.id << ", \"" << state.label << "\", firmware " << state.firmwareVersion << "\n"
+    out << "Token " << state.id << ", \"" << printable(state.label) << "\", firmware "
+        << printable(state.firmwareVersion) << "\n"
         << "  " << stateText(state) << "\n"
         << "  PIN attempts left: " << state.userPin.attemptsLeft << " of " << state.userPin.attemptsAllowed
         << " (administrator: " << state.adminPin.attemptsLeft << " of " << state.adminPin.attemptsAllowed << ")\n";
     for (const KeyPairObject& key : token.objects->objects().keyPairs) {
         out << "  key pair    " << toHex(key.id) << "  " << keyTypeOf(key.type)->name << ", " << nameOfUsage(key.usage)
-            << "  " << key.label << "\n";
+            << "  " << printable(key.label) << "\n";
     }
     for (const CertificateObject& certificate : token.objects->objects().certificates) {
-        out << "  certificate " << toHex(certificate.keyId) << "  " << subjectOf(certificate) << "\n";
+        out << "  certificate " << thumbprintOf(certificate.der) << "  " << printable(subjectOf(certificate))
+            << (token.objects->keyPair(certificate.keyId) == nullptr ? ", of no key" : "") << "\n";
     }
     for (const AesKeyObject& key : token.objects->objects().aesKeys) {
-        out << "  AES key     " << toHex(key.id) << "  " << key.label << "\n";
+        out << "  AES key     " << toHex(key.id) << "  " << printable(key.label) << "\n";
     }
 }
 
