@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <optional>
 
-#include "certificate.h"
 #include "device_library.h"
 #include "doctor_virtual.h"
 #include "publication.h"
@@ -56,11 +55,7 @@ CertificateFacts inspectCertificate(ByteView der, const TalvikKeyPair& key, cons
     }
     facts.subject = subjectOf(*certificate);
     facts.expires = dateText(certificate->pCertInfo->NotAfter);
-    try {
-        facts.matchesKey = virtual_token::readCertificate(der).publicKeyInfo == publicKeyInfoOf(key);
-    } catch (const TokenError&) {
-        facts.matchesKey = false;
-    }
+    facts.matchesKey = isFor(der, key);
     if (const UserStore* store = ownStore()) {
         const Standing standing = standingOf(*store, der, key).standing;
         facts.published = standing == Standing::Published || standing == Standing::Foreign;

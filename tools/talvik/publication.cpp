@@ -65,7 +65,7 @@ Outcome refused(Outcome outcome, const std::string& reason) {
 Outcome publishOwn(UserStore& store, const TokenCertificate& certificate, Face face) {
     Outcome outcome = outcomeFor(certificate);
     const Certificate parsed = parseCertificate(certificate.der);
-    if (!parsed || virtual_token::readCertificate(certificate.der).publicKeyInfo != publicKeyInfoOf(*certificate.key)) {
+    if (!parsed || !isFor(certificate.der, *certificate.key)) {
         return refused(outcome, parsed ? "it is for another key than the one it is stored with" : "it is damaged");
     }
     const StandingFacts found = standingOf(store, certificate.der, *certificate.key);
@@ -111,6 +111,14 @@ Outcome publishIssuer(UserStore& store, const TokenCertificate& certificate) {
 const char* nameOf(Standing standing) {
     static constexpr const char* names[] = {"no", "published", "broken", "linked by somebody else"};
     return names[static_cast<int>(standing)];
+}
+
+bool isFor(ByteView certificate, const TalvikKeyPair& key) {
+    try {
+        return virtual_token::readCertificate(certificate).publicKeyInfo == publicKeyInfoOf(key);
+    } catch (const virtual_token::TokenError&) {
+        return false;
+    }
 }
 
 StandingFacts standingOf(const UserStore& store, ByteView certificate, const TalvikKeyPair& key) {

@@ -22,6 +22,9 @@ struct StandingFacts {
 const char* nameOf(Standing standing);
 StandingFacts standingOf(const UserStore& store, ByteView certificate, const TalvikKeyPair& key);
 
+// Whether the certificate holds this key's public half.
+bool isFor(ByteView certificate, const TalvikKeyPair& key);
+
 struct TokenCertificate {
     std::string token;
     Bytes der;
