@@ -131,9 +131,10 @@ void Token::importCertificate(std::string_view pin, CertificateObject certificat
         } else if (certificate.label.empty()) {
             certificate.label = facts.subject;
         }
-        // A key has one certificate: a renewed one takes the place of its predecessor.
+        // A key has one certificate: a renewed one takes the place of its predecessor, and of itself where it came
+        // before its key.
         std::erase_if(objects.certificates, [&](const CertificateObject& present) {
-            return key != nullptr ? present.keyId == key->id : present.der == certificate.der;
+            return isZero(present.keyId) ? present.der == certificate.der : key != nullptr && present.keyId == key->id;
         });
         objects.certificates.push_back(certificate);
     });

@@ -102,7 +102,7 @@ void PinOption::addTo(CLI::App& command, const std::string& name, const std::str
 
 void PinOption::refuse(const std::string& rule) const {
     const std::string source = value_ ? name_ : file_.empty() ? what_ : name_ + "-file " + file_;
-    throw TokenError(Status::InvalidArgument, source + ": " + rule + "; no attempt was lost");
+    throw TokenError(Status::InvalidArgument, source + ": " + rule);
 }
 
 std::string PinOption::readAny() const {

@@ -79,9 +79,6 @@ void sign(const SignArguments& arguments) {
 struct FreeChain {
     void operator()(const CERT_CHAIN_CONTEXT* chain) const { CertFreeCertificateChain(chain); }
 };
-struct FreeEngine {
-    void operator()(HCERTCHAINENGINE engine) const { CertFreeCertificateChainEngine(engine); }
-};
 
 Store memoryStore(const std::vector<Bytes>& certificates) {
     Store store(CertOpenStore(CERT_STORE_PROV_MEMORY, 0, 0, CERT_STORE_CREATE_NEW_FLAG, nullptr));
@@ -115,32 +112,32 @@ constexpr struct {
     {CERT_TRUST_IS_UNTRUSTED_ROOT, "its root is not trusted"},
 };
 
+bool endsIn(const CERT_CHAIN_CONTEXT& chain, const std::vector<Bytes>& authorities) {
+    const CERT_SIMPLE_CHAIN& path = *chain.rgpChain[0];
+    const ByteView root = derOf(*path.rgpElement[path.cElement - 1]->pCertContext);
+    return std::ranges::any_of(authorities, [root](const Bytes& each) { return std::ranges::equal(each, root); });
+}
+
 // Empty when the chain of `certificate` ends in one of `authorities`, or, without them, in a root that this user
 // trusts.
-std::string distrustOf(const Bytes& certificate, const std::vector<Bytes>& helpers,
-                       const std::vector<Bytes>& authorities) {
+std::string distrustOf(const Bytes& certificate, std::vector<Bytes> helpers, const std::vector<Bytes>& authorities) {
     const Certificate parsed = parseCertificate(certificate);
-    const Store store = memoryStore(helpers), roots = memoryStore(authorities);
-    std::unique_ptr<void, FreeEngine> engine;
-    if (!authorities.empty()) {
-        CERT_CHAIN_ENGINE_CONFIG configuration{};
-        configuration.cbSize = sizeof configuration;
-        configuration.hExclusiveRoot = roots.get();
-        HCERTCHAINENGINE made = nullptr;
-        if (!CertCreateCertificateChainEngine(&configuration, &made)) {
-            return "its chain cannot be built: " + errorText(GetLastError());
-        }
-        engine.reset(made);
-    }
+    helpers.insert(helpers.end(), authorities.begin(), authorities.end());
+    const Store store = memoryStore(helpers);
     CERT_CHAIN_PARA parameters{};
     parameters.cbSize = sizeof parameters;
     const CERT_CHAIN_CONTEXT* built = nullptr;
     if (!parsed ||
-        !CertGetCertificateChain(engine.get(), parsed.get(), nullptr, store.get(), &parameters, 0, nullptr, &built)) {
+        !CertGetCertificateChain(nullptr, parsed.get(), nullptr, store.get(), &parameters, 0, nullptr, &built)) {
         return "its chain cannot be built: " + errorText(GetLastError());
     }
     const std::unique_ptr<const CERT_CHAIN_CONTEXT, FreeChain> chain(built);
-    const DWORD status = chain->TrustStatus.dwErrorStatus;
+    DWORD status = chain->TrustStatus.dwErrorStatus;
+    if (!authorities.empty() && endsIn(*chain, authorities)) {
+        status &= ~static_cast<DWORD>(CERT_TRUST_IS_UNTRUSTED_ROOT);
+    } else if (!authorities.empty()) {
+        status |= CERT_TRUST_IS_UNTRUSTED_ROOT;
+    }
     for (const auto& error : chainErrors) {
         if ((status & error.bit) != 0) {
             return error.text;

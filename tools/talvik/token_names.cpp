@@ -80,7 +80,7 @@ const CertificateObject& certificateNamed(const Snapshot& token, const std::stri
         if (!name.empty() && !isNamed(each, token, name)) {
             continue;
         }
-        if (found != nullptr) {
+        if (found != nullptr && found->der != each.der) {
             failName(virtual_token::Status::InvalidArgument,
                      (name.empty() ? "the token has several certificates" : "several certificates are named " + name) +
                          ": choose one by its thumbprint, see talvik token show " + token.state.id);

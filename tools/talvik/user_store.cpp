@@ -13,8 +13,9 @@ namespace {
 using virtual_token::Status;
 using virtual_token::TokenError;
 
-constexpr DWORD markProperty = CERT_FIRST_USER_PROP_ID + 0x54;
-constexpr std::string_view addedMark = "added:", linkedMark = "linked:";
+constexpr std::string_view addedMark = "Published by talvik certs, token ";
+constexpr std::string_view linkedMark = "Linked by talvik certs, token ";
+constexpr std::string_view beforeMark = "; ";  // an identifier holds neither
 constexpr DWORD encodings = X509_ASN_ENCODING | PKCS_7_ASN_ENCODING;
 
 Bytes propertyOf(const CERT_CONTEXT& certificate, DWORD property) {
@@ -34,13 +35,29 @@ void setBlob(const CERT_CONTEXT& certificate, DWORD property, ByteView value) {
 
 // Handles do not travel, and what the store computes it computes anew.
 bool isCopied(DWORD property) {
-    constexpr DWORD left[] = {
-        CERT_KEY_PROV_HANDLE_PROP_ID, CERT_KEY_CONTEXT_PROP_ID,    CERT_KEY_PROV_INFO_PROP_ID, CERT_HASH_PROP_ID,
-        CERT_MD5_HASH_PROP_ID,        CERT_SIGNATURE_HASH_PROP_ID, CERT_ACCESS_STATE_PROP_ID,  markProperty};
+    constexpr DWORD left[] = {CERT_KEY_PROV_HANDLE_PROP_ID, CERT_KEY_CONTEXT_PROP_ID,
+                              CERT_KEY_PROV_INFO_PROP_ID,   CERT_HASH_PROP_ID,
+                              CERT_MD5_HASH_PROP_ID,        CERT_SIGNATURE_HASH_PROP_ID,
+                              CERT_ACCESS_STATE_PROP_ID,    CERT_DESCRIPTION_PROP_ID};
     return std::ranges::find(left, property) == std::end(left);
 }
 
-// A certificate of its own with what others have noted about `certificate`, but without link and mark.
+std::string textProperty(const CERT_CONTEXT& certificate, DWORD property) {
+    const Bytes held = propertyOf(certificate, property);
+    std::wstring text(reinterpret_cast<const wchar_t*>(held.data()), held.size() / sizeof(wchar_t));
+    text.erase(std::min(text.find(L'\0'), text.size()));
+    return utf8(text);
+}
+
+void setText(const CERT_CONTEXT& certificate, DWORD property, const std::string& text) {
+    const std::wstring wide = std::filesystem::u8path(text).wstring();
+    if (!wide.empty()) {
+        setBlob(certificate, property,
+                {reinterpret_cast<const unsigned char*>(wide.c_str()), (wide.size() + 1) * sizeof(wchar_t)});
+    }
+}
+
+// A certificate of its own with what others have noted about `certificate`, but without link and description.
 Certificate copyWithoutLink(const CERT_CONTEXT& certificate) {
     Certificate copy = parseCertificate(derOf(certificate));
     for (DWORD property = 0; (property = CertEnumCertificateContextProperties(&certificate, property)) != 0;) {
@@ -65,13 +82,13 @@ std::optional<KeyLink> linkOf(const CERT_CONTEXT& certificate) {
 }
 
 std::optional<Mark> markOf(const CERT_CONTEXT& certificate) {
-    const Bytes held = propertyOf(certificate, markProperty);
-    const std::string_view text(reinterpret_cast<const char*>(held.data()), held.size());
-    if (text.starts_with(addedMark)) {
-        return Mark{true, std::string(text.substr(addedMark.size()))};
-    }
-    if (text.starts_with(linkedMark)) {
-        return Mark{false, std::string(text.substr(linkedMark.size()))};
+    const std::string text = textProperty(certificate, CERT_DESCRIPTION_PROP_ID);
+    for (const std::string_view mark : {addedMark, linkedMark}) {
+        if (text.starts_with(mark)) {
+            const std::size_t end = std::min(text.find(beforeMark), text.size());
+            return Mark{mark == addedMark, text.substr(mark.size(), end - mark.size()),
+                        end == text.size() ? "" : text.substr(end + beforeMark.size())};
+        }
     }
     return std::nullopt;
 }
@@ -114,8 +131,13 @@ void UserStore::replace(const Certificate& fresh) {
 void UserStore::put(ByteView der, const Mark& mark, const KeyLink* link, const std::string& friendlyName) {
     const Certificate present = find(der);
     const Certificate fresh = present ? copyWithoutLink(*present) : parseCertificate(der);
-    const std::string note = std::string(mark.added ? addedMark : linkedMark) + mark.token;
-    setBlob(*fresh, markProperty, virtual_token::viewOf(note));
+    std::string note = std::string(mark.added ? addedMark : linkedMark) + mark.token;
+    if (present) {
+        const std::optional<Mark> old = markOf(*present);
+        const std::string before = old ? old->before : textProperty(*present, CERT_DESCRIPTION_PROP_ID);
+        note += before.empty() ? "" : std::string(beforeMark) + before;
+    }
+    setText(*fresh, CERT_DESCRIPTION_PROP_ID, note);
     if (link != nullptr) {
         CRYPT_KEY_PROV_INFO info{const_cast<wchar_t*>(link->container.c_str()),
                                  const_cast<wchar_t*>(link->provider.c_str()),
@@ -126,10 +148,8 @@ void UserStore::put(ByteView der, const Mark& mark, const KeyLink* link, const s
                                  link->keySpec};
         CertSetCertificateContextProperty(fresh.get(), CERT_KEY_PROV_INFO_PROP_ID, 0, &info);
     }
-    if (!present && !friendlyName.empty()) {
-        const std::wstring name = std::filesystem::u8path(friendlyName).wstring();
-        setBlob(*fresh, CERT_FRIENDLY_NAME_PROP_ID,
-                {reinterpret_cast<const unsigned char*>(name.c_str()), (name.size() + 1) * sizeof(wchar_t)});
+    if (!present) {
+        setText(*fresh, CERT_FRIENDLY_NAME_PROP_ID, friendlyName);
     }
     replace(fresh);
 }
@@ -137,7 +157,9 @@ void UserStore::put(ByteView der, const Mark& mark, const KeyLink* link, const s
 void UserStore::takeBack(const CERT_CONTEXT& certificate) {
     const std::optional<Mark> mark = markOf(certificate);
     if (mark && !mark->added) {
-        replace(copyWithoutLink(certificate));
+        const Certificate restored = copyWithoutLink(certificate);
+        setText(*restored, CERT_DESCRIPTION_PROP_ID, mark->before);
+        replace(restored);
     } else if (!CertDeleteCertificateFromStore(CertDuplicateCertificateContext(&certificate))) {
         fail("cannot be written");
     }

@@ -16,11 +16,12 @@ struct KeyLink {
     bool operator==(const KeyLink&) const = default;
 };
 
-// What tells that this program put a certificate there, or only its link, and for which token: a property of the
-// certificate, CERT_FIRST_USER_PROP_ID + 0x54, holding "added:TOKEN" or "linked:TOKEN" in UTF-8.
+// What tells that this program put a certificate there, or only its link: its description, which Windows shows among
+// its properties. Whoever changes that makes the certificate his own.
 struct Mark {
     bool added = false;  // false: the certificate was there before, without a link
     std::string token;
+    std::string before;  // the description that it had
 };
 
 std::optional<KeyLink> linkOf(const CERT_CONTEXT& certificate);
@@ -38,7 +39,7 @@ class UserStore {
     // is never there.
     void put(ByteView der, const Mark& mark, const KeyLink* link, const std::string& friendlyName);
 
-    // Takes away what a mark stands for: the certificate, or its link.
+    // Undoes what a mark stands for: takes the certificate away, or its link.
     void takeBack(const CERT_CONTEXT& certificate);
 
     void commit();
