@@ -9,6 +9,7 @@ UPDATE `InstallExecuteSequence` SET `Sequence` = 1510 WHERE `Action` = 'RemoveEx
 UPDATE `File` SET `Version` = '@TalvikCSP.dll@' WHERE `File` = 'TalvikCSP.dll'
 UPDATE `File` SET `Version` = '@TalvikDSCLibrary.dll@' WHERE `File` = 'TalvikDSCLibrary.dll'
 UPDATE `File` SET `Version` = '@talvik.exe@' WHERE `File` = 'talvik.exe'
+UPDATE `File` SET `Version` = '@talvik-watch.exe@' WHERE `File` = 'talvik_watch.exe'
 
 -- DEVICELIBRARY: the device library in the system folder. On the command line it says that there is one elsewhere.
 CREATE TABLE `DrLocator` (`Signature_` CHAR(72) NOT NULL, `Parent` CHAR(72), `Path` CHAR(255), `Depth` INT PRIMARY KEY `Signature_`, `Parent`, `Path`)

@@ -71,6 +71,14 @@ void Token::create(const std::wstring& path, TokenState state, std::string_view 
     token.store(std::move(state), std::make_shared<ObjectSet>(TokenObjects()));
 }
 
+void Token::remove() {
+    const FileLock lock(siblingPath(L".lock"));
+    require(stampOf(path_).has_value(), Status::NoSuchDevice);
+    for (const wchar_t* extension : {L".json", L".json.new", L".session", L".session.new"}) {
+        deleteFile(siblingPath(extension));
+    }
+}
+
 // --- the file's content ---
 
 std::wstring Token::siblingPath(const wchar_t* extension) const {
@@ -279,22 +287,28 @@ void Token::validatePin(std::string_view pin) {
     }
 }
 
-void Token::setUserPin(std::string_view newPin, const SecretBytes& masterKey) {
+void Token::setPin(PinSlot TokenState::*slot, std::string_view newPin, const SecretBytes& masterKey) {
     changeState([&](TokenState& state) {
-        state.userPin = makeSlot(newPin, state.userPin.attemptsAllowed, masterKey, state.masterKeyId);
+        state.*slot = makeSlot(newPin, (state.*slot).attemptsAllowed, masterKey, state.masterKeyId);
     });
 }
 
 void Token::changePin(std::string_view pin, std::string_view newPin) {
     requirePinRule(newPin);
     attachedSnapshot();
-    setUserPin(newPin, *testPin(&TokenState::userPin, pin));
+    setPin(&TokenState::userPin, newPin, *testPin(&TokenState::userPin, pin));
 }
 
 void Token::unblock(std::string_view adminPin, std::string_view newPin) {
     requirePinRule(newPin);
     attachedSnapshot();
-    setUserPin(newPin, *testPin(&TokenState::adminPin, adminPin));
+    setPin(&TokenState::userPin, newPin, *testPin(&TokenState::adminPin, adminPin));
+}
+
+void Token::changeAdminPin(std::string_view adminPin, std::string_view newAdminPin) {
+    requirePinRule(newAdminPin);
+    attachedSnapshot();
+    setPin(&TokenState::adminPin, newAdminPin, *testPin(&TokenState::adminPin, adminPin));
 }
 
 // --- single sign-on ---

@@ -145,4 +145,10 @@ void createToken(TokenState state, std::string_view pin, std::string_view adminP
     Token::create(path, std::move(state), pin, adminPin);
 }
 
+void deleteToken(std::string_view id) {
+    const std::wstring path = tokenPath(id);
+    Token(path, std::string(id)).remove();
+    DeleteFileW((path.substr(0, path.size() - tokenExtension.size()) + L".lock").c_str());  // unless somebody holds it
+}
+
 }  // namespace virtual_token

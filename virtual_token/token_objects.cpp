@@ -61,26 +61,43 @@ const KeyPairObject* ownerOf(const CertificateObject& certificate, const Bytes& 
 
 }  // namespace
 
-KeyPairObject Token::generateKeyPair(std::string_view pin, std::uint32_t type, std::uint32_t usage, std::string label) {
-    const KeyType* keyType = keyTypeOf(type == 0 ? TALVIK_KEY_RSA_2048 : type);
-    require(keyType != nullptr, Status::Unsupported);
-    usage = usageFor(*keyType, usage);
+KeyPairObject Token::storeKeyPair(std::string_view pin, const KeyType& type, std::uint32_t usage, std::string label,
+                                  const std::function<GeneratedKey()>& make) {
+    usage = usageFor(type, usage);
     const SnapshotPointer now = attachedSnapshot();
     const MasterKey masterKey = unlockIn(now, pin);
 
-    const GeneratedKey generated = generateKey(*keyType);
+    const GeneratedKey made = make();
     KeyPairObject key;
     key.id = freshId();
     const std::string alias = toHex(key.id);
     key.alias.assign(alias.begin(), alias.end());
-    key.label = label.empty() ? labelFor(keyType->name, key.id) : std::move(label);
-    key.type = keyType->code;
+    key.label = label.empty() ? labelFor(type.name, key.id) : std::move(label);
+    key.type = type.code;
     key.usage = usage;
     key.storageFlag = storedOnToken;
-    key.publicKey = generated.publicKey;
-    key.sealedSecret = seal(*masterKey, generated.secret, sealContext(now->state, key.id));
-    changeObjects([&key](TokenObjects& objects) { objects.keyPairs.push_back(key); });
+    key.publicKey = made.publicKey;
+    key.sealedSecret = seal(*masterKey, made.secret, sealContext(now->state, key.id));
+    changeObjects([&key](TokenObjects& objects) {
+        require(std::ranges::find(objects.keyPairs, key.publicKey, &KeyPairObject::publicKey) == objects.keyPairs.end(),
+                Status::AlreadyExists);
+        objects.keyPairs.push_back(key);
+    });
     return key;
+}
+
+KeyPairObject Token::generateKeyPair(std::string_view pin, std::uint32_t type, std::uint32_t usage, std::string label) {
+    const KeyType* keyType = keyTypeOf(type == 0 ? TALVIK_KEY_RSA_2048 : type);
+    require(keyType != nullptr, Status::Unsupported);
+    return storeKeyPair(pin, *keyType, usage, std::move(label), [keyType] { return generateKey(*keyType); });
+}
+
+KeyPairObject Token::importKeyPair(std::string_view pin, const GeneratedKey& key, std::uint32_t usage,
+                                   std::string label) {
+    const PublicKey publicKey(key.publicKey);
+    const KeyType* keyType = publicKey.isRsa() ? keyTypeOfModulus(publicKey.modulus()) : publicKey.curve();
+    require(keyType != nullptr, Status::BadKey);
+    return storeKeyPair(pin, *keyType, usage, std::move(label), [&key] { return key; });
 }
 
 void Token::deleteKeyPair(std::string_view pin, const ObjectId& id) {
@@ -89,6 +106,15 @@ void Token::deleteKeyPair(std::string_view pin, const ObjectId& id) {
         const auto removed = std::erase_if(objects.keyPairs, [&id](const KeyPairObject& key) { return key.id == id; });
         require(removed > 0, Status::NoSuchObject);
         std::erase_if(objects.certificates, [&id](const CertificateObject& entry) { return entry.keyId == id; });
+    });
+}
+
+void Token::deleteCertificate(std::string_view pin, const Bytes& der) {
+    unlock(pin);
+    changeObjects([&der](TokenObjects& objects) {
+        require(std::erase_if(objects.certificates,
+                              [&der](const CertificateObject& present) { return present.der == der; }) > 0,
+                Status::NoSuchObject);
     });
 }
 
@@ -105,9 +131,10 @@ void Token::importCertificate(std::string_view pin, CertificateObject certificat
         } else if (certificate.label.empty()) {
             certificate.label = facts.subject;
         }
-        // A key has one certificate: a renewed one takes the place of its predecessor.
+        // A key has one certificate: a renewed one takes the place of its predecessor, and of itself where it came
+        // before its key.
         std::erase_if(objects.certificates, [&](const CertificateObject& present) {
-            return key != nullptr ? present.keyId == key->id : present.der == certificate.der;
+            return isZero(present.keyId) ? present.der == certificate.der : key != nullptr && present.keyId == key->id;
         });
         objects.certificates.push_back(certificate);
     });

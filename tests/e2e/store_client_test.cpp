@@ -78,5 +78,74 @@ TEST_F(StoreClient, SignsWithTheTokensKeyAndIsAskedForOnePin) {
     }
 }
 
+bool isInMyStore(const Bytes& der) {
+    const Store store = myStore();
+    Certificate wanted, found;
+    *wanted.put() = CertCreateCertificateContext(X509_ASN_ENCODING, der.data(), static_cast<DWORD>(der.size()));
+    *found.put() = CertFindCertificateInStore(store, X509_ASN_ENCODING, 0, CERT_FIND_EXISTING, wanted, nullptr);
+    return static_cast<PCCERT_CONTEXT>(found) != nullptr;
+}
+
+// What `talvik certs` did to each certificate, in its own words.
+std::string outcome(const std::string& arguments) {
+    EXPECT_EQ(talvik("certs " + arguments, "outcome"), 0) << arguments;
+    const Bytes said = read("outcome");
+    return {said.begin(), said.end()};
+}
+
+class PublishedCertificate : public StoreClient {
+  protected:
+    // On the token, for the key of public.der.
+    Bytes enrol(const std::string& subject) {
+        write("subject", bytesOf(subject));
+        const Bytes der = certificateForPublicKey(subject);
+        EXPECT_EQ(talvik("certs import \"" + (scratch().path() / "certificate.der").string() + "\" --pin 1234"), 0);
+        return der;
+    }
+};
+
+TEST_F(PublishedCertificate, IsFoundBySubjectAloneUntilItIsWithdrawn) {
+    makeKeyPair(token(), TALVIK_KEY_RSA_2048, TALVIK_USAGE_BOTH);
+    const Bytes key = read("public.der");
+    const Bytes other = certificateForPublicKey("Other");
+    addToMyStore(other, "somebody else's");
+    const Bytes published = enrol("Published-" + token());
+
+    EXPECT_EQ(Role("client", "before").wait(), 1u);
+    EXPECT_NE(outcome("publish").find("published"), std::string::npos);
+    EXPECT_NE(outcome("publish").find("unchanged"), std::string::npos);
+    EXPECT_EQ(Role("client", "after").wait(), 0u);
+    EXPECT_TRUE(opensslAccepts(key, "-sha256", bytesOf("after"), read("signature-after")));
+    EXPECT_NE(outcome("withdraw").find("withdrawn"), std::string::npos);
+    EXPECT_FALSE(isInMyStore(published));
+    EXPECT_TRUE(isInMyStore(other));
+
+    addToMyStore(published, "somebody else's");
+    EXPECT_NE(outcome("publish").find("left alone"), std::string::npos);
+    outcome("withdraw");
+    EXPECT_TRUE(isInMyStore(published));
+}
+
+TEST_F(PublishedCertificate, FollowsTheTokenWhileItIsWatched) {
+    makeKeyPair(token(), TALVIK_KEY_RSA_2048, TALVIK_USAGE_BOTH);
+    const Bytes der = enrol("Watched-" + token());
+    const auto becomes = [&der](bool wanted) {
+        for (int i = 0; i < 600 && isInMyStore(der) != wanted; ++i) {
+            Sleep(100);
+        }
+        return isInMyStore(der) == wanted;
+    };
+    ChildProcess watch(talvikCommand("certs watch --withdraw"));
+    EXPECT_TRUE(becomes(true));
+    EXPECT_EQ(talvik("certs watch"), 4);  // one in a session
+    change("detach", token());
+    EXPECT_TRUE(becomes(false));
+    change("attach", token());
+    EXPECT_TRUE(becomes(true));
+    EXPECT_EQ(talvik("certs watch --stop"), 0);
+    EXPECT_EQ(watch.wait(), 0u);
+    EXPECT_TRUE(isInMyStore(der));
+}
+
 }  // namespace
 }  // namespace e2e

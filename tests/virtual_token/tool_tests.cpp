@@ -9,6 +9,10 @@ namespace {
 TEST_F(VirtualTokenTest, ToolExitCodes) {
     run("req -x509 -newkey rsa:2048 -nodes -keyout private.pem -subj /CN=Tool -days 9 -out tool.pem");
     write("pin.txt", bytesOf("1234\r\n"));
+    write("pin16.txt", {0xFF, 0xFE, '1', 0, '2', 0, '3', 0, '4', 0, '\r', 0, '\n', 0});
+    write("pin8.txt", bytesOf("\xEF\xBB\xBF"
+                              "1234"));
+    write("empty.txt", {});
     const std::string folder = scratch().path().string() + "\\";
     const struct {
         std::string arguments;
@@ -34,6 +38,21 @@ TEST_F(VirtualTokenTest, ToolExitCodes) {
         {"token export-cert T1 --out " + folder + "back.der --der", 0},
         {"token export-cert T2 --out " + folder + "none.pem", 3},
         {"token delete-key T1 00 --pin 1234", 3},
+        {"tokn list", 2},
+        {"token show t1", 3},
+        {"token create --id t1 --pin 1234", 4},
+        {"token create --id T3 --pin p\xC3\xA4ss", 2},
+        {"token create --id T3 --pin 1234 --label " + std::string(128, 'x'), 2},
+        {"token create --id T3 --pin 1234 --firmware two", 2},
+        {"token change-pin T1 --pin-file " + folder + "pin16.txt --new-pin-file " + folder + "pin8.txt", 0},
+        {"token change-pin T1 --pin-file " + folder + "empty.txt --new-pin 5555", 2},
+        {"token change-admin-pin T2 --admin-pin 8888 --new-admin-pin 9999", 0},
+        {"token unblock T2 --admin-pin 8888 --new-pin 2222", 1},
+        {"token unblock T2 --admin-pin 9999 --new-pin 2222", 0},
+        {"token delete-cert T1 CN=Tool --pin 1234", 0},
+        {"token delete T2 --yes", 0},
+        {"token delete T2 --yes", 3},
+        {"completion bash", 0},
     };
     for (const auto& row : rows) {
         EXPECT_EQ(talvik(row.arguments), row.exitCode) << row.arguments;

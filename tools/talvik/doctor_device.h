@@ -15,6 +15,7 @@ struct CertificateFacts {
     std::string subject;
     std::string expires;  // "2027-11-24", UTC
     bool matchesKey = false;
+    bool published = false;  // in the user's store with a link
 };
 
 struct ContainerFacts {
@@ -38,12 +39,13 @@ struct TokenFacts {
 struct DeviceFacts {
     ModuleFile library;
     std::size_t operations = 0;  // of those that the provider needs
+    bool inspected = false;      // whether the tokens were to be looked at
     std::vector<TokenFacts> tokens;
 };
 
 // How many operations the provider needs.
 std::size_t neededOperations();
 
-DeviceFacts inspectDevices(Findings& findings);
+DeviceFacts inspectDevices(bool withTokens, Findings& findings);
 
 }  // namespace talvik_tool

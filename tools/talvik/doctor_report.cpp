@@ -76,7 +76,8 @@ void printContainer(std::ostream& out, const ContainerFacts& container) {
     for (const CertificateFacts& certificate : container.certificates) {
         printWrapped(out, "      ",
                      "certificate " + certificate.subject + ", expires " + certificate.expires +
-                         (certificate.matchesKey ? ", matches the key" : ", IS FOR ANOTHER KEY"));
+                         (certificate.matchesKey ? ", matches the key" : ", IS FOR ANOTHER KEY") +
+                         (certificate.published ? ", in the user's store" : ""));
     }
 }
 
@@ -86,6 +87,9 @@ void printDevices(std::ostream& out, const DeviceFacts& devices) {
     printRow(out, "interface",
              std::string(TALVIK_LIBRARY_VERSION) + ", " + std::to_string(devices.operations) + " of " +
                  std::to_string(neededOperations()) + " operations");
+    if (!devices.inspected) {
+        return;
+    }
     out << "Tokens" << (devices.tokens.empty() ? ": none" : "") << "\n";
     for (const TokenFacts& token : devices.tokens) {
         printRow(out, token.id,
@@ -134,7 +138,8 @@ Json toJson(const ContainerFacts& container) {
     for (const CertificateFacts& certificate : container.certificates) {
         certificates.push_back({{"subject", certificate.subject},
                                 {"expires", certificate.expires},
-                                {"matchesKey", certificate.matchesKey}});
+                                {"matchesKey", certificate.matchesKey},
+                                {"published", certificate.published}});
     }
     return {{"name", container.name},
             {"keyType", container.keyType},

@@ -156,20 +156,21 @@ std::string errorText(unsigned long error) {
     return text;
 }
 
+bool isVirtualToken(const ModuleFile& library) {
+    return library.description == "Talvik virtual token";
+}
+
 ModuleFile describeModule(const std::wstring& path) {
-    constexpr wchar_t library[] = L"version.dll";
-    const auto sizeOf = systemFunction<decltype(GetFileVersionInfoSizeW)>(library, "GetFileVersionInfoSizeW");
-    const auto read = systemFunction<decltype(GetFileVersionInfoW)>(library, "GetFileVersionInfoW");
-    const auto query = systemFunction<decltype(VerQueryValueW)>(library, "VerQueryValueW");
     ModuleFile described{utf8(path), "", "", ""};
     DWORD ignored = 0;
-    std::string information(sizeOf(path.c_str(), &ignored), '\0');
-    if (information.empty() || !read(path.c_str(), 0, static_cast<DWORD>(information.size()), information.data())) {
+    std::string information(GetFileVersionInfoSizeW(path.c_str(), &ignored), '\0');
+    if (information.empty() ||
+        !GetFileVersionInfoW(path.c_str(), 0, static_cast<DWORD>(information.size()), information.data())) {
         return described;
     }
     void* value = nullptr;
     UINT size = 0;
-    if (query(information.data(), L"\\", &value, &size) && size >= sizeof(VS_FIXEDFILEINFO)) {
+    if (VerQueryValueW(information.data(), L"\\", &value, &size) && size >= sizeof(VS_FIXEDFILEINFO)) {
         const auto& fixed = *static_cast<const VS_FIXEDFILEINFO*>(value);
         char version[48];
         std::snprintf(version, sizeof version, "%u.%u.%u.%u", HIWORD(fixed.dwFileVersionMS),
@@ -178,7 +179,7 @@ ModuleFile describeModule(const std::wstring& path) {
     }
     const auto text = [&](const wchar_t* name) {
         const std::wstring path = std::wstring(L"\\StringFileInfo\\040904B0\\") + name;
-        const bool isThere = query(information.data(), path.c_str(), &value, &size) && size > 1;
+        const bool isThere = VerQueryValueW(information.data(), path.c_str(), &value, &size) && size > 1;
         return isThere ? utf8(static_cast<const wchar_t*>(value)) : std::string();
     };
     described.company = text(L"CompanyName");

@@ -1,7 +1,9 @@
 #include "log_files.h"
 
+#include <algorithm>
 #include <array>
 #include <ctime>
+#include <functional>
 
 namespace talvik_tool {
 namespace {
@@ -24,6 +26,22 @@ std::filesystem::path ownLogFolder() {
     std::error_code ignored;
     std::filesystem::create_directories(folder, ignored);
     return folder;
+}
+
+std::vector<LogFile> logFiles() {
+    std::vector<LogFile> files;
+    std::error_code problem;
+    for (const auto& folder : std::filesystem::directory_iterator(logRoot(), problem)) {
+        for (const auto& file : std::filesystem::directory_iterator(folder.path(), problem)) {
+            const std::filesystem::path& path = file.path();
+            const auto written = std::filesystem::last_write_time(path, problem);
+            if (!problem && lstrcmpiW(path.extension().c_str(), L".LOG") == 0) {
+                files.push_back({utf8(folder.path().filename().wstring()), utf8(path.stem().wstring()), path, written});
+            }
+        }
+    }
+    std::ranges::sort(files, std::ranges::greater(), &LogFile::written);
+    return files;
 }
 
 std::string logNameOfToday() {

@@ -6,10 +6,16 @@
 #include <iostream>
 #include <shellapi.h>
 
+#include "certs_commands.h"
+#include "command_names.h"
+#include "completion.h"
 #include "doctor.h"
 #include "exit_code.h"
+#include "key_commands.h"
 #include "log_command.h"
 #include "printable.h"
+#include "request_command.h"
+#include "sign_commands.h"
 #include "status.h"
 #include "system_folder.h"
 #include "token_commands.h"
@@ -60,19 +66,30 @@ ExitCode exitCodeOf(Status status) {
 
 int run() {
     int exitCode = Done;
-    CLI::App app("Diagnoses the Talvik Cryptographic Provider, shows its log, and manages virtual tokens.", "talvik");
+    CLI::App app("Keys and certificates on Talvik tokens, virtual tokens, and diagnosis of the provider.", "talvik");
     app.set_version_flag("--version", "talvik " TALVIK_VERSION);
     app.require_subcommand(1);
     app.footer(
-        "Exit codes: 0 done, 1 refused by the token (PIN, detached), 2 wrong usage, 3 no such token, key or\n"
-        "certificate, 4 token exists already, 5 file or other failure.");
+        "Exit codes: 0 done, 1 refused by the token (PIN, detached) or not valid, 2 wrong usage, 3 no such token, key\n"
+        "or certificate, 4 exists already, 5 file or other failure.");
+    addKeyCommands(app);
+    addRequestCommand(app);
+    addCertsCommands(app, exitCode);
+    addSignCommands(app);
     addTokenCommands(app);
     addDoctorCommand(app, exitCode);
     addLogCommand(app, exitCode);
+    addCompletionCommand(app);
+    const std::vector<std::string> reversed = argumentsReversed();
     try {
-        app.parse(argumentsReversed());
+        app.parse(std::vector(reversed));
         return exitCode;
     } catch (const CLI::ParseError& error) {
+        const std::string unknown = unknownCommand(app, {reversed.rbegin(), reversed.rend()});
+        if (!unknown.empty()) {
+            std::cerr << "talvik: " << printable(unknown) << "\n";
+            return Usage;
+        }
         return app.exit(error) == 0 ? Done : Usage;
     }
 }
