@@ -142,11 +142,11 @@ const char* fetchDigest(HCRYPTPROV hProv, HCRYPTHASH hHash, HASH_CONTEXT& hash) 
     if (size > hash.hashSize) {
         return "Hash size larger than expected";
     }
-    Bytes digest(size);
-    if (CPGetHashParam(hProv, hHash, HP_HASHVAL, digest.data(), &size, 0) == FALSE) {
+    unsigned char digest[sizeof hash.hashValue];  // hashSize is never more
+    if (CPGetHashParam(hProv, hHash, HP_HASHVAL, digest, &size, 0) == FALSE) {
         return "CPGetHashParam failed to get hash value";
     }
-    std::copy(digest.begin(), digest.end(), hash.hashValue);
+    std::copy_n(digest, size, hash.hashValue);
     hash.hashValueLen = size;
     logDebug("Hash obtained using CPGetHashParam");
     return nullptr;

@@ -46,9 +46,8 @@ std::shared_ptr<const BoundToken> bindToKey(KspProvider& provider, const std::ws
 // Whether a key's hex name is `name`; the walk up to it goes to the log.
 bool listsKeyNamed(const std::vector<TalvikKeyPair>& records, std::string_view name) {
     return std::any_of(records.begin(), records.end(), [=](const TalvikKeyPair& record) {
-        const std::string available = containerNameOf(record);
-        logDebug("KSP: Available key: ", available);
-        return available == name;
+        logDebug("KSP: Available key: ", HexBytes{record.keyId, sizeof record.keyId});
+        return hasContainerName(record, name);
     });
 }
 
