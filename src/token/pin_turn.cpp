@@ -4,6 +4,8 @@
 #include <mutex>
 #include <optional>
 
+#include "log/level.h"
+
 namespace talvik {
 namespace {
 
