@@ -144,6 +144,7 @@ Level currentLevel() noexcept {
 }  // namespace
 
 ApplicationCall::ApplicationCall() noexcept {
+    const LastErrorKeeper keeper;
     const Carried carried = threadSlot.read();
     isOutermost_ = carried.inside == 0;
     if (isOutermost_) {
@@ -154,16 +155,20 @@ ApplicationCall::ApplicationCall() noexcept {
 
 ApplicationCall::~ApplicationCall() {
     if (isOutermost_) {
+        const LastErrorKeeper keeper;  // a call may fail with the error that it found
         const Carried carried = threadSlot.read();
         threadSlot.write({carried.level, 0, carried.tick, __rdtsc() & cycleMask});
     }
 }
 
-ApplicationPause::ApplicationPause() noexcept : interrupted_(threadSlot.read().inside) {
+ApplicationPause::ApplicationPause() noexcept {
+    const LastErrorKeeper keeper;
+    interrupted_ = threadSlot.read().inside;
     threadSlot.write({});
 }
 
 ApplicationPause::~ApplicationPause() {
+    const LastErrorKeeper keeper;
     threadSlot.write({0, interrupted_, 0, 0});
 }
 

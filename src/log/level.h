@@ -13,7 +13,7 @@
 namespace talvik {
 
 // For as long as it lives, the thread is inside a call of an application. One inside another changes nothing. The
-// thread's last error may be another one afterwards.
+// thread's last error stays.
 class ApplicationCall {
   public:
     ApplicationCall() noexcept;
