@@ -149,7 +149,7 @@ ApplicationCall::ApplicationCall() noexcept {
     isOutermost_ = carried.inside == 0;
     if (isOutermost_) {
         const bool isFresh = ((__rdtsc() - carried.left) & cycleMask) < shortestChange;
-        threadSlot.write({isFresh ? carried.level : 0, 1, carried.tick, 0});
+        threadSlot.write({isFresh ? carried.level : std::uint64_t{0}, 1, carried.tick, 0});
     }
 }
 
