@@ -64,7 +64,8 @@ int run(int argc, char** argv) {
     for (CLI::App* const measuring : {&token, &listing, &load}) {
         measuring->add_option("--out", out, "Where the rows go, as JSON")->required();
     }
-    CLI::App& report = *app.add_subcommand("report", "Prints the table and the budgets; writes JSON and what the picture shows.");
+    CLI::App& report =
+        *app.add_subcommand("report", "Prints the table and the budgets; writes JSON and what the picture shows.");
     report.add_option("parts", parts, "What the other subcommands wrote")->required();
     report.add_option("--out", out, "Folder for bench.json and bench.dat")->required();
     CLI11_PARSE(app, argc, argv);

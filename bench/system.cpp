@@ -125,7 +125,8 @@ constexpr Effort manySingleRuns = {31, 1, 0};
 
 std::vector<Task> tasks() {
     std::vector<Task> list = {
-        {"system.sign", "sign: SHA-256 of 1 KiB, RSA-2048", [](const Application& application) { application.sign(); }, 1},
+        {"system.sign", "sign: SHA-256 of 1 KiB, RSA-2048", [](const Application& application) { application.sign(); },
+         1},
         {"system.verify", "verify: SHA-256 of 1 KiB, RSA-2048",
          [](const Application& application) { application.verify(); }, 1},
         {"system.random", "random: 1 KiB", [](const Application& application) { application.drawRandom(); }, 1},
@@ -145,10 +146,11 @@ std::vector<Task> tasks() {
                                  {"system.hash.64k", "hash, chunks of 64 KiB", 64u << 10, 16},
                                  {"system.hash.1m", "hash, chunks of 1 MiB", 1u << 20, 2}};
     for (const Chunks& row : chunks) {
-        list.push_back(
-            {row.id, row.name, [piece = Bytes(row.piece, 0xA5), pieces = row.pieces](const Application& application) {
-                 application.hash(piece, pieces);
-             }, static_cast<double>(row.piece * row.pieces) / 1e6});
+        list.push_back({row.id, row.name,
+                        [piece = Bytes(row.piece, 0xA5), pieces = row.pieces](const Application& application) {
+                            application.hash(piece, pieces);
+                        },
+                        static_cast<double>(row.piece * row.pieces) / 1e6});
     }
     return list;
 }

@@ -4,11 +4,11 @@
 
 #include <psapi.h>
 
+#include <algorithm>
 #include <cctype>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
-#include <iterator>
 
 namespace fs = std::filesystem;
 
@@ -46,13 +46,12 @@ bool isMonitors(const std::string& entry) {
            entry == "DEBUG Device monitor thread stopped.";
 }
 
-std::map<std::string, std::string> dayFiles() {
-    std::map<std::string, std::string> files;
+std::vector<fs::path> dayFiles() {
+    std::vector<fs::path> files;
     std::error_code missing;
-    for (const auto& file : fs::directory_iterator(logFolder(), missing)) {
-        std::ifstream stream(file.path(), std::ios::binary);
-        files[file.path().filename().string()].assign(std::istreambuf_iterator<char>(stream), {});
-    }
+    for (const auto& file : fs::directory_iterator(logFolder(), missing))
+        files.push_back(file.path());
+    std::ranges::sort(files);
     return files;
 }
 
@@ -95,15 +94,21 @@ std::string logFolder() {
 
 void LogReader::mark() {
     seen_.clear();
-    for (const auto& [name, content] : dayFiles())
-        seen_[name] = content.size();
+    for (const fs::path& file : dayFiles())
+        seen_[file.filename().string()] = fs::file_size(file);
 }
 
+// Only what is new is read: the log of a test run grows long.
 std::string LogReader::raw() const {
     std::string text;
-    for (const auto& [name, content] : dayFiles()) {
-        const auto seen = seen_.find(name);
-        text += content.substr(seen == seen_.end() ? 0 : seen->second);
+    for (const fs::path& file : dayFiles()) {
+        const auto seen = seen_.find(file.filename().string());
+        const std::size_t begin = seen == seen_.end() ? 0 : seen->second;
+        std::string piece(fs::file_size(file) - begin, '\0');
+        std::ifstream stream(file, std::ios::binary);
+        stream.seekg(static_cast<std::streamoff>(begin));
+        stream.read(piece.data(), static_cast<std::streamsize>(piece.size()));
+        text += piece;
     }
     return text;
 }
