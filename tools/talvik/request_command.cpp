@@ -7,6 +7,7 @@
 #include "der_text.h"
 #include "doctor_system.h"
 #include "files.h"
+#include "log_files.h"
 #include "signing.h"
 #include "status.h"
 
