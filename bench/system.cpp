@@ -18,12 +18,7 @@ struct CryptoApiProvider {
 // An application's context with a signature key.
 class Application {
   public:
-    explicit Application(const CryptoApiProvider& which) : which_(which) {
-        if (CryptAcquireContextA(&context_, which.container, which.provider, which.type, which.flags) == FALSE) {
-            require(CryptAcquireContextA(&context_, which.container, which.provider, which.type,
-                                         which.flags | CRYPT_NEWKEYSET),
-                    "CryptAcquireContext");
-        }
+    explicit Application(const CryptoApiProvider& which) : which_(which), context_(acquireOrMake(which.container)) {
         if (CryptGetUserKey(context_, AT_SIGNATURE, &key_) == FALSE) {
             require(CryptGenKey(context_, AT_SIGNATURE, 2048u << 16, &key_), "CryptGenKey");
         }
@@ -66,12 +61,10 @@ class Application {
         require(CryptGenRandom(context_, sizeof random, random), "CryptGenRandom");
     }
 
-    // In a context of its own, which a token's new key renames.
+    // In a container of its own: a token's new key takes over the name that it was made under.
     void generateKey() const {
-        HCRYPTPROV context = 0;
+        const HCRYPTPROV context = acquireOrMake("talvik_bench_generated");
         HCRYPTKEY key = 0;
-        require(CryptAcquireContextA(&context, which_.container, which_.provider, which_.type, which_.flags),
-                "CryptAcquireContext");
         require(CryptGenKey(context, AT_KEYEXCHANGE, 2048u << 16, &key), "CryptGenKey");
         CryptDestroyKey(key);
         CryptReleaseContext(context, 0);
@@ -86,6 +79,16 @@ class Application {
     }
 
   private:
+    HCRYPTPROV acquireOrMake(const char* container) const {
+        HCRYPTPROV context = 0;
+        if (CryptAcquireContextA(&context, container, which_.provider, which_.type, which_.flags) == FALSE) {
+            require(
+                CryptAcquireContextA(&context, container, which_.provider, which_.type, which_.flags | CRYPT_NEWKEYSET),
+                "CryptAcquireContext");
+        }
+        return context;
+    }
+
     class Hash {
       public:
         Hash(HCRYPTPROV context, const Bytes& data) {
@@ -107,7 +110,7 @@ class Application {
 
     const CryptoApiProvider& which_;
     const Bytes signedData_ = Bytes(1024, 0x5A);
-    HCRYPTPROV context_ = 0;
+    const HCRYPTPROV context_;
     HCRYPTKEY key_ = 0;
     Bytes signature_;
 };
