@@ -7,6 +7,7 @@
 
 #include "gcrypt_objects.h"
 #include "status.h"
+#include "system_text.h"
 
 namespace virtual_token {
 namespace {
@@ -115,10 +116,11 @@ Snapshot Token::load() {
     try {
         readTokenText({reinterpret_cast<const char*>(content->data()), content->size()}, fresh.state, objects);
         require(fresh.state.id == id_, Status::NoSuchDevice);  // the file system takes "t1" for "T1"
-    } catch (const TokenError& error) {
+    } catch (const TokenError& problem) {
+        const TokenError error(problem.status(), utf8(path_) + ": " + problem.what());
         const std::lock_guard guard(lock_);
         unreadable_ = std::make_unique<const Unreadable>(Unreadable{fresh.stamp, error});
-        throw;
+        throw error;
     }
     fresh.objects = std::make_shared<ObjectSet>(std::move(objects));
     return fresh;

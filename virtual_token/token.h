@@ -64,9 +64,10 @@ class Token {
 
     // --- objects (token_objects.cpp) ---
     KeyPairObject generateKeyPair(std::string_view pin, std::uint32_t type, std::uint32_t usage, std::string label);
-    // `key` comes from elsewhere; its usage follows the rules of generateKeyPair. Throws AlreadyExists for a key that
-    // the token has.
-    KeyPairObject importKeyPair(std::string_view pin, const GeneratedKey& key, std::uint32_t usage, std::string label);
+    // `key` comes from elsewhere, with certificates of its own and of others; its usage follows the rules of
+    // generateKeyPair. All of it is stored, or nothing. Throws AlreadyExists for a key that the token has.
+    KeyPairObject importKeyPair(std::string_view pin, const GeneratedKey& key, std::uint32_t usage, std::string label,
+                                const std::vector<Bytes>& certificates);
     void deleteKeyPair(std::string_view pin, const ObjectId& id);
     void deleteCertificate(std::string_view pin, const Bytes& der);
     void importCertificate(std::string_view pin, CertificateObject certificate);
@@ -107,7 +108,7 @@ class Token {
     std::wstring siblingPath(const wchar_t* extension) const;
     MasterKey sessionKey(const TokenState& state);
     KeyPairObject storeKeyPair(std::string_view pin, const KeyType& type, std::uint32_t usage, std::string label,
-                               const std::function<GeneratedKey()>& make);
+                               const std::function<GeneratedKey()>& make, const std::vector<Bytes>& certificates);
     PrivateKeyPointer privateKey(const TokenState& state, const KeyPairObject& key, const SecretBytes& masterKey);
     PrivateKeyPointer privateKeyFor(std::string_view pin, const ObjectId& id, std::uint32_t usage);
 

@@ -38,27 +38,31 @@ void addToMyStore(const Bytes& der, const std::string& container) {
     EXPECT_TRUE(CertSetCertificateContextProperty(certificate, CERT_KEY_PROV_INFO_PROP_ID, 0, &info));
 }
 
-// Finds its certificate, and through it the private key, anew for each signature.
-const PlayedRole client("client", [](const std::string& name) {
+Certificate mine(const Store& store) {
     const Bytes subjectBytes = read("subject");
     const std::wstring subject(subjectBytes.begin(), subjectBytes.end());
+    Certificate found;
+    *found.put() =
+        CertFindCertificateInStore(store, X509_ASN_ENCODING, 0, CERT_FIND_SUBJECT_STR_W, subject.c_str(), nullptr);
+    return found;
+}
+
+// Finds its certificate, and through it the private key, anew for each signature.
+const PlayedRole client("client", [](const std::string& name) {
+    if (!mine(myStore())) {
+        return 1;
+    }
     DialogRobot robot;
     robot.enters(pin);
     for (int i = 0; i < 3; ++i) {
         const Store store = myStore();
-        Certificate certificate;
-        *certificate.put() =
-            CertFindCertificateInStore(store, X509_ASN_ENCODING, 0, CERT_FIND_SUBJECT_STR_W, subject.c_str(), nullptr);
+        const Certificate certificate = mine(store);
         Context context;
         DWORD keySpec = 0;
         BOOL isOurs = FALSE;
-        if (!certificate ||
-            !CryptAcquireCertificatePrivateKey(certificate, 0, nullptr, context.put(), &keySpec, &isOurs)) {
-            return 1;
-        }
+        EXPECT_TRUE(CryptAcquireCertificatePrivateKey(certificate, 0, nullptr, context.put(), &keySpec, &isOurs));
         EXPECT_TRUE(isOurs);
-        EXPECT_EQ(keySpec, static_cast<DWORD>(AT_SIGNATURE));
-        write("signature-" + name, sign(digest(context, CALG_SHA_256, bytesOf(name))));
+        write("signature-" + name, sign(digest(context, CALG_SHA_256, bytesOf(name)), keySpec));
     }
     EXPECT_EQ(robot.finish(), Seen{"PIN"});
     return 0;

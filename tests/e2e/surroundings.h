@@ -79,7 +79,7 @@ inline std::int64_t errorOf(BOOL succeeded) {
 BOOL givePin(const Context& context, const char* text = pin, DWORD parameter = PP_SIGNATURE_PIN);
 
 // The signature in CryptoAPI's order, and the digest; empty, with the last error, when they are refused.
-Bytes sign(const Hash& hash);
+Bytes sign(const Hash& hash, DWORD keySpec = AT_SIGNATURE);
 Bytes valueOf(const Hash& hash);
 bool verifies(const Hash& hash, const Bytes& signature, const Key& key);
 

@@ -1,4 +1,5 @@
 // talvik.exe: exit codes and what it prints for scripts.
+#include <cstring>
 #include <nlohmann/json.hpp>
 
 #include "virtual_token/fixture.h"
@@ -43,6 +44,7 @@ TEST_F(VirtualTokenTest, ToolExitCodes) {
         {"token create --id t1 --pin 1234", 4},
         {"token create --id T3 --pin p\xC3\xA4ss", 2},
         {"token create --id T3 --pin 1234 --label " + std::string(128, 'x'), 2},
+        {"token create --id T3 --pin 1234 --label \"a\x1B\"", 2},
         {"token create --id T3 --pin 1234 --firmware two", 2},
         {"token change-pin T1 --pin-file " + folder + "pin16.txt --new-pin-file " + folder + "pin8.txt", 0},
         {"token change-pin T1 --pin-file " + folder + "empty.txt --new-pin 5555", 2},
@@ -69,21 +71,24 @@ nlohmann::json jsonOf(const std::string& arguments) {
 
 TEST_F(VirtualTokenTest, ToolShowsWhatATokenHolds) {
     const Key key = generate(TALVIK_KEY_EC_P384, TALVIK_USAGE_SIGN);
-    ASSERT_EQ(talvik("token create --id T2 --label \"Sec\x1B\nond\x7F\" --pin 1234 --detached"), 0);
-    for (const char* command : {"token list", "token show T2"}) {  // in a line of its own, which steers no terminal
-        EXPECT_EQ(talvik(command, "out.txt"), 0);
-        const Bytes text = read("out.txt");
-        EXPECT_NE(std::string(text.begin(), text.end()).find("Sec\\x1B\\x0Aond\\x7F"), std::string::npos) << command;
-    }
+    ASSERT_EQ(talvik("token create --id T2 --label Second --pin 1234 --detached"), 0);
+    TalvikKeyPair named{};  // as any program may name it
+    named.keyType = TALVIK_KEY_EC_P256;
+    std::strcpy(named.label, "Sec\x1B\nond\x7F");
+    ASSERT_EQ(talvik_generateKeyPair(device, pin, &named, nullptr), 0);
+    EXPECT_EQ(talvik("token show T1", "out.txt"), 0);  // in a line of its own, and no terminal is steered
+    const Bytes text = read("out.txt");
+    EXPECT_NE(std::string(text.begin(), text.end()).find("Sec\\x1B\\x0Aond\\x7F\r\n"), std::string::npos);
     login("9999");
     const auto list = jsonOf("token list --json");
     ASSERT_EQ(list.size(), 2u);
     EXPECT_EQ(list[0].at("attemptsLeft"), 2);
-    EXPECT_EQ(list[1].at("label"), "Sec\x1B\nond\x7F");
-    EXPECT_EQ(list[0].at("keyPairCount"), 1);
+    EXPECT_EQ(list[1].at("label"), "Second");
+    EXPECT_EQ(list[0].at("keyPairCount"), 2);
     EXPECT_EQ(list[1].at("attached"), false);
     const auto shown = jsonOf("token show T1 --json");
     EXPECT_EQ(shown.at("keyPairs").at(0).at("type"), "P-384");
+    EXPECT_EQ(shown.at("keyPairs").at(1).at("label"), named.label);
     const std::string id = shown.at("keyPairs").at(0).at("id");
     EXPECT_EQ(talvik("token delete-key T1 " + id + " --pin 1234"), 0);
     EXPECT_EQ(sign(key, pattern(32)).status, NoSuchObject);

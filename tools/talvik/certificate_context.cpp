@@ -6,10 +6,12 @@
 #include <cstring>
 
 #include "gcrypt_objects.h"
-#include "log_files.h"
+#include "system_text.h"
 
 namespace talvik_tool {
 namespace {
+
+using virtual_token::utf8;
 
 bool equal(const CRYPT_DATA_BLOB& left, const CRYPT_DATA_BLOB& right) {
     return left.cbData == right.cbData && std::memcmp(left.pbData, right.pbData, left.cbData) == 0;

@@ -110,7 +110,6 @@ void requireRelated(const Plan& plan, const std::string& file) {
 }
 
 void importCertificates(const ImportArguments& arguments) {
-    requireLabel("--label", arguments.label);
     Plan plan = choosePlan(arguments, readCertificates(arguments.file));
     if (!arguments.issuers) {
         requireRelated(plan, arguments.file);
@@ -133,7 +132,7 @@ void addCertsImport(CLI::App& family) {
     const auto arguments = std::make_shared<ImportArguments>();
     arguments->token.addTo(*command);
     command->add_option("file", arguments->file, "Certificates, PEM (all of them) or DER")->required();
-    command->add_option("--label", arguments->label, "Label (the key's if not given)");
+    command->add_option("--label", arguments->label, "Label (the key's if not given)")->check(wrongLabel);
     command->add_flag("--issuer", arguments->issuers, "Also store certificates for no key of the token");
     arguments->token.pin.addTo(*command, "pin", "User PIN");
     command->callback([arguments] { importCertificates(*arguments); });

@@ -5,8 +5,9 @@
 #include <algorithm>
 #include <iostream>
 #include <memory>
+#include <set>
+#include <utility>
 
-#include "doctor_system.h"
 #include "exit_code.h"
 #include "output.h"
 #include "printable.h"
@@ -75,33 +76,48 @@ void tell(const std::vector<Outcome>& outcomes) {
     std::cout.flush();
 }
 
-// A failure of one token or of one moment is told and does not end the watch.
-template <class Work>
-void attempt(Work work) {
-    try {
-        work();
-    } catch (const std::exception& problem) {
-        std::cerr << "talvik: " << printable(problem.what()) << std::endl;
-    }
-}
+class Watch {
+  public:
+    explicit Watch(bool withdrawing) : withdrawing_(withdrawing) {}
 
-void follow(std::vector<std::string>& known, bool withdrawing) {
-    const std::vector<std::string> now = attachedTokens();
-    const auto isIn = [](const std::vector<std::string>& ids, const std::string& id) {
-        return std::ranges::find(ids, id) != ids.end();
-    };
-    for (const std::string& id : now) {
-        if (!isIn(known, id)) {
-            attempt([&id] { tell(publish(certificatesOn({Device(id)}), Face::Auto)); });
+    // Does what has changed since the last look. What fails, of a token or of the store, does not end the watch: it is
+    // tried again at the next look.
+    void look() {
+        std::vector<std::string> attached;
+        if (!attempt([&attached] { attached = attachedTokens(); })) {
+            return;
+        }
+        for (const std::string& id : attached) {
+            if (!published_.contains(id) &&
+                attempt([&id] { tell(publish(certificatesOn({Device(id)}), Face::Auto)); })) {
+                published_.insert(id);
+            }
+        }
+        std::erase_if(published_, [&](const std::string& id) {
+            return std::ranges::find(attached, id) == attached.end() &&
+                   (!withdrawing_ || attempt([&id] { tell(withdraw(id)); }));
+        });
+    }
+
+  private:
+    // A failure is told once, not at every look.
+    template <class Work>
+    bool attempt(Work work) {
+        try {
+            work();
+            return true;
+        } catch (const std::exception& problem) {
+            if (std::exchange(problem_, problem.what()) != problem.what()) {
+                std::cerr << "talvik: " << printable(problem_) << std::endl;
+            }
+            return false;
         }
     }
-    for (const std::string& id : known) {
-        if (withdrawing && !isIn(now, id)) {
-            attempt([&id] { tell(withdraw(id)); });
-        }
-    }
-    known = now;
-}
+
+    bool withdrawing_;
+    std::set<std::string> published_;  // tokens that are attached and done
+    std::string problem_;              // the last
+};
 
 // False when it is time to stop.
 bool waitForNextLook() {
@@ -129,9 +145,9 @@ int watch(bool withdrawing) {
     stopEvent = stop.get();
     SetConsoleCtrlHandler(onConsoleEvent, TRUE);
     const HiddenWindow window;
-    std::vector<std::string> known;
+    Watch watching(withdrawing);
     do {
-        attempt([&] { follow(known, withdrawing); });
+        watching.look();
     } while (waitForNextLook());
     SetConsoleCtrlHandler(onConsoleEvent, FALSE);
     return Done;

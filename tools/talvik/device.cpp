@@ -8,12 +8,15 @@
 #include "doctor_system.h"
 #include "public_key_info.h"
 #include "status.h"
+#include "system_text.h"
 
 namespace talvik_tool {
 namespace {
 
 using virtual_token::Status;
+using virtual_token::systemErrorText;
 using virtual_token::TokenError;
+using virtual_token::upperCase;
 
 constexpr unsigned char usualExponent[] = {1, 0, 1};
 constexpr int largestSignature = 1024;
@@ -23,7 +26,7 @@ const DeviceLibrary& library() {
         const DeviceLibrary found;
         if (!found) {
             throw TokenError(Status::StorageFailure, "TalvikDSCLibrary.dll cannot be loaded: " +
-                                                         errorText(GetLastError()) + ". See: talvik doctor");
+                                                         systemErrorText(GetLastError()) + ". See: talvik doctor");
         }
         if (found.exported() != DeviceLibrary::operations()) {
             throw TokenError(Status::StorageFailure, "TalvikDSCLibrary.dll lacks operations. See: talvik doctor");
@@ -61,11 +64,6 @@ ByteView bounded(const unsigned char (&field)[size], std::uint32_t length) {
 
 void putText(const std::string& text, char (&field)[128]) {
     std::copy_n(text.begin(), std::min(text.size(), sizeof field - 1), field);
-}
-
-std::string upperCase(std::string text) {
-    std::ranges::transform(text, text.begin(), [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
-    return text;
 }
 
 }  // namespace
@@ -225,6 +223,9 @@ std::vector<Device> TokenOption::devices() const {
     std::string others;
     for (const std::string& id : attached) {
         others += (others.empty() ? "; attached: " : ", ") + id;
+        if (upperCase(id) == upperCase(token)) {
+            others += " (upper and lower case count)";
+        }
     }
     throw TokenError(Status::NoSuchDevice, "--token: no token " + token + " is attached" + others);
 }

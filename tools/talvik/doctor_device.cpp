@@ -7,10 +7,12 @@
 #include "doctor_virtual.h"
 #include "publication.h"
 #include "status.h"
+#include "system_text.h"
 
 namespace talvik_tool {
 namespace {
 
+using virtual_token::systemErrorText;
 using virtual_token::TokenError;
 
 constexpr int soonDays = 30;
@@ -137,9 +139,10 @@ DeviceFacts inspectDevices(bool withTokens, Findings& findings) {
     facts.inspected = withTokens;
     const DeviceLibrary library;
     if (!library) {
-        findings.problem("TalvikDSCLibrary.dll cannot be loaded from the system folder: " + errorText(GetLastError()),
-                         "Install the token maker's software, or the package's virtual token (ADDLOCAL=VirtualToken). "
-                         "A library elsewhere, on PATH for one, is not tried here.");
+        findings.problem(
+            "TalvikDSCLibrary.dll cannot be loaded from the system folder: " + systemErrorText(GetLastError()),
+            "Install the token maker's software, or the package's virtual token (ADDLOCAL=VirtualToken). "
+            "A library elsewhere, on PATH for one, is not tried here.");
         return facts;
     }
     facts.library = describeModule(library.path());

@@ -6,12 +6,14 @@
 #include <cstdio>
 #include <nlohmann/json.hpp>
 
-#include "log_files.h"
 #include "printable.h"
+#include "system_text.h"
 #include "token/device_library.h"
 
 namespace talvik_tool {
 namespace {
+
+using virtual_token::utf8;
 
 constexpr std::size_t pageWidth = 100;
 constexpr std::size_t labelWidth = 18;

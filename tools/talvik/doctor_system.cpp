@@ -9,10 +9,14 @@
 
 #include "log_files.h"
 #include "system_folder.h"
+#include "system_text.h"
 #include "token/device_library.h"
 
 namespace talvik_tool {
 namespace {
+
+using virtual_token::systemErrorText;
+using virtual_token::utf8;
 
 constexpr char repair[] = "Repair the installation: msiexec /i Talvik-...-x64.msi REINSTALL=ALL REINSTALLMODE=amus";
 constexpr char registerCng[] = "As administrator: regsvr32 %SystemRoot%\\System32\\TalvikCSP.dll";
@@ -74,7 +78,7 @@ void checkLoading(Installation& found, Findings& findings) {
     found.providerLoads = module.handle() != nullptr;
     if (!found.providerLoads) {
         const DWORD error = GetLastError();
-        findings.problem("TalvikCSP.dll cannot be loaded: " + errorText(error),
+        findings.problem("TalvikCSP.dll cannot be loaded: " + systemErrorText(error),
                          error == ERROR_MOD_NOT_FOUND || error == ERROR_PROC_NOT_FOUND
                              ? "A module or function that it needs is missing: see what is said of the device library."
                              : repair);
@@ -138,23 +142,6 @@ void checkLog(Installation& found, Findings& findings) {
 }
 
 }  // namespace
-
-std::string errorText(unsigned long error) {
-    char code[16];
-    std::snprintf(code, sizeof code, "0x%08lX", error);
-    wchar_t* words = nullptr;
-    const DWORD length = FormatMessageW(
-        FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr, error,
-        MAKELANGID(LANG_ENGLISH, SUBLANG_ENGLISH_US), reinterpret_cast<wchar_t*>(&words), 0, nullptr);
-    std::string text = code;
-    if (length != 0) {
-        std::string message = utf8(std::wstring(words, length));
-        message.erase(message.find_last_not_of(" \r\n") + 1);
-        text += " (" + message + ")";
-    }
-    LocalFree(words);
-    return text;
-}
 
 bool isVirtualToken(const ModuleFile& library) {
     return library.description == "Talvik virtual token";

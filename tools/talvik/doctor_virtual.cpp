@@ -1,6 +1,6 @@
 #include "doctor_virtual.h"
 
-#include "log_files.h"
+#include "system_text.h"
 #include "token_home.h"
 
 namespace talvik_tool {
@@ -8,6 +8,7 @@ namespace {
 
 using virtual_token::SignOn;
 using virtual_token::TokenState;
+using virtual_token::utf8;
 
 void inspectState(const TokenState& state, Findings& findings) {
     if (state.userPin.attemptsLeft == 0) {

@@ -4,11 +4,10 @@
 
 #include <algorithm>
 #include <array>
-#include <filesystem>
 #include <iostream>
 
-#include "doctor_system.h"
 #include "status.h"
+#include "system_text.h"
 #include "token_file.h"
 
 namespace talvik_tool {
@@ -16,7 +15,9 @@ namespace {
 
 using virtual_token::Handle;
 using virtual_token::Status;
+using virtual_token::systemErrorText;
 using virtual_token::TokenError;
+using virtual_token::wide;
 
 constexpr std::size_t pieceSize = 1u << 20;
 constexpr std::size_t pemLineLength = 64;
@@ -25,28 +26,13 @@ constexpr std::string_view pemDashes = "-----";
 
 [[noreturn]] void failFile(const char* what, const std::string& name) {
     const DWORD error = GetLastError();
-    throw TokenError(Status::StorageFailure, std::string(what) + " " + name + ": " + errorText(error));
+    throw TokenError(Status::StorageFailure, std::string(what) + " " + name + ": " + systemErrorText(error));
 }
 
-std::wstring wideName(const std::string& name) {
-    return std::filesystem::u8path(name).wstring();
-}
-
-Handle openFor(const std::wstring& path, DWORD access, DWORD share, DWORD disposition) {
-    const HANDLE file = CreateFileW(path.c_str(), access, share, nullptr, disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
+Handle openToRead(const std::wstring& path) {
+    const HANDLE file = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                                    FILE_ATTRIBUTE_NORMAL, nullptr);
     return Handle(file == INVALID_HANDLE_VALUE ? nullptr : file);
-}
-
-bool writeAll(HANDLE file, ByteView content) {
-    while (!content.empty()) {
-        DWORD written = 0;
-        const auto part = static_cast<DWORD>(std::min(pieceSize, content.size()));
-        if (!WriteFile(file, content.data(), part, &written, nullptr)) {
-            return false;
-        }
-        content = content.subspan(written);
-    }
-    return FlushFileBuffers(file) != FALSE;
 }
 
 SecretBytes fromBase64Lines(std::string_view lines, const std::string& name) {
@@ -66,7 +52,7 @@ SecretBytes fromBase64Lines(std::string_view lines, const std::string& name) {
 }  // namespace
 
 void readInPieces(const std::string& name, const std::function<void(ByteView piece)>& take) {
-    const Handle file = openFor(wideName(name), GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING);
+    const Handle file = openToRead(wide(name));
     if (!file) {
         failFile("cannot read", name);
     }
@@ -90,21 +76,8 @@ SecretBytes readWholeFile(const std::string& name) {
 }
 
 void writeWholeFile(const std::string& name, ByteView content) {
-    const std::wstring path = wideName(name), temporary = path + L".new";
-    Handle file = openFor(temporary, GENERIC_WRITE, 0, CREATE_ALWAYS);
-    if (!file) {
-        failFile("cannot write", name);
-    }
-    const bool written = writeAll(file.get(), content);
-    DWORD error = GetLastError();
-    file.reset();
-    if (written && MoveFileExW(temporary.c_str(), path.c_str(), MOVEFILE_REPLACE_EXISTING)) {
-        return;
-    }
-    error = written ? GetLastError() : error;
-    DeleteFileW(temporary.c_str());
-    SetLastError(error);
-    failFile("cannot write", name);
+    // A file of the user's own may be named ".new".
+    virtual_token::replaceFile(wide(name), content, false, L".talvik-new");
 }
 
 std::vector<EncodedObject> decodeObjects(ByteView content, const std::string& name) {

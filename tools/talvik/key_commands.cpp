@@ -76,7 +76,6 @@ std::uint32_t usageFor(const virtual_token::KeyType& type, const std::string& wa
 void generate(const KeyArguments& arguments) {
     const virtual_token::KeyType& type = *virtual_token::keyTypeNamed(arguments.type);
     const std::uint32_t usage = usageFor(type, arguments.usage);
-    requireLabel("--label", arguments.label);
     Device device = arguments.token.device();
     arguments.token.login(device);
     const TalvikKeyPair key = device.generate(type.code, usage, arguments.label);
@@ -114,7 +113,7 @@ void addKeyCommands(CLI::App& app) {
         ->capture_default_str();
     making->add_option("--usage", arguments->usage, "sign, exchange or both (all that the type can if not given)")
         ->check(CLI::IsMember({"sign", "exchange", "both"}));
-    making->add_option("--label", arguments->label, "Label, 1 to 127 bytes");
+    making->add_option("--label", arguments->label, "Label, at most 127 bytes")->check(wrongLabel);
     making->add_flag("--json", arguments->json, "As JSON");
     arguments->token.pin.addTo(*making, "pin", "User PIN");
 

@@ -14,9 +14,12 @@
 #include "log_files.h"
 #include "output.h"
 #include "printable.h"
+#include "system_text.h"
 
 namespace talvik_tool {
 namespace {
+
+using virtual_token::utf8;
 
 namespace fs = std::filesystem;
 

@@ -5,8 +5,12 @@
 #include <ctime>
 #include <functional>
 
+#include "system_text.h"
+
 namespace talvik_tool {
 namespace {
+
+using virtual_token::utf8;
 
 constexpr wchar_t settingsKey[] = L"Software\\Quorvel\\Talvik";
 constexpr wchar_t levelValue[] = L"logLevel";
@@ -68,14 +72,6 @@ const char* logLevelName(std::optional<DWORD> level) {
         return "debug";
     }
     return level && *level <= 1 ? "off" : "error";
-}
-
-std::string utf8(const std::wstring& wide) {
-    const int size = static_cast<int>(wide.size());
-    const int length = WideCharToMultiByte(CP_UTF8, 0, wide.data(), size, nullptr, 0, nullptr, nullptr);
-    std::string text(static_cast<std::size_t>(length), '\0');
-    WideCharToMultiByte(CP_UTF8, 0, wide.data(), size, text.data(), length, nullptr, nullptr);
-    return text;
 }
 
 }  // namespace talvik_tool

@@ -48,6 +48,4 @@ LSTATUS writeLogLevel(DWORD level);
 // "debug", "error" or "off", as the provider takes the value.
 const char* logLevelName(std::optional<DWORD> level);
 
-std::string utf8(const std::wstring& wide);
-
 }  // namespace talvik_tool

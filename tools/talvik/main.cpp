@@ -18,6 +18,7 @@
 #include "sign_commands.h"
 #include "status.h"
 #include "system_folder.h"
+#include "system_text.h"
 #include "token_commands.h"
 
 namespace {
@@ -25,14 +26,7 @@ namespace {
 using namespace talvik_tool;
 using virtual_token::Status;
 using virtual_token::TokenError;
-
-std::string utf8(const wchar_t* wide) {
-    const int length = WideCharToMultiByte(CP_UTF8, 0, wide, -1, nullptr, 0, nullptr, nullptr);
-    std::string text(static_cast<std::size_t>(length), '\0');
-    WideCharToMultiByte(CP_UTF8, 0, wide, -1, text.data(), length, nullptr, nullptr);
-    text.pop_back();  // the NUL
-    return text;
-}
+using virtual_token::utf8;
 
 // In UTF-8, whatever the console's code page, last argument first, as the parser takes them.
 std::vector<std::string> argumentsReversed() {
@@ -85,12 +79,13 @@ int run() {
         app.parse(std::vector(reversed));
         return exitCode;
     } catch (const CLI::ParseError& error) {
-        const std::string unknown = unknownCommand(app, {reversed.rbegin(), reversed.rend()});
-        if (!unknown.empty()) {
-            std::cerr << "talvik: " << printable(unknown) << "\n";
-            return Usage;
+        if (error.get_exit_code() == 0) {  // help was asked for
+            return app.exit(error);
         }
-        return app.exit(error) == 0 ? Done : Usage;
+        const std::string unknown = unknownCommand(app, {reversed.rbegin(), reversed.rend()});
+        std::cerr << "talvik: " << printable(unknown.empty() ? error.what() : unknown)
+                  << "\nRun with --help for more information.\n";
+        return Usage;
     }
 }
 

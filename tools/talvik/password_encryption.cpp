@@ -2,12 +2,12 @@
 #include <windows.h>
 
 #include <algorithm>
-#include <filesystem>
 
 #include "der_text.h"
 #include "gcrypt_objects.h"
 #include "private_key_file.h"
 #include "status.h"
+#include "system_text.h"
 
 namespace talvik_tool {
 namespace {
@@ -117,7 +117,7 @@ SecretBytes decryptPkcs12(const CipherScheme& cipher, DerReader parameters, Byte
 // As big-endian UTF-16 with two zeros at the end.
 SecretBytes pkcs12Password(const std::string& password) {
     SecretBytes bytes;
-    for (const wchar_t unit : std::filesystem::u8path(password).wstring()) {
+    for (const wchar_t unit : wide(password)) {
         bytes.insert(bytes.end(), {static_cast<unsigned char>(unit >> 8), static_cast<unsigned char>(unit & 0xFF)});
     }
     bytes.insert(bytes.end(), {0, 0});

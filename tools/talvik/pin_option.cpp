@@ -6,8 +6,8 @@
 #include <iostream>
 
 #include "files.h"
-#include "log_files.h"
 #include "status.h"
+#include "system_text.h"
 #include "token.h"
 
 namespace talvik_tool {
@@ -15,6 +15,7 @@ namespace {
 
 using virtual_token::Status;
 using virtual_token::TokenError;
+using virtual_token::utf8;
 
 constexpr std::string_view utf8Mark = "\xEF\xBB\xBF";
 constexpr std::string_view utf16LittleMark = "\xFF\xFE";
@@ -45,12 +46,12 @@ class SilentConsole {
 };
 
 std::string fromUtf16(std::string_view bytes, bool bigEndian) {
-    std::wstring wide;
+    std::wstring text;
     for (std::size_t i = 0; i + 1 < bytes.size(); i += 2) {
         const auto first = static_cast<unsigned char>(bytes[i]), second = static_cast<unsigned char>(bytes[i + 1]);
-        wide += static_cast<wchar_t>(bigEndian ? first << 8 | second : second << 8 | first);
+        text += static_cast<wchar_t>(bigEndian ? first << 8 | second : second << 8 | first);
     }
-    return utf8(wide);
+    return utf8(text);
 }
 
 std::string asUtf8(std::string text) {

@@ -5,11 +5,13 @@
 #include "certificate.h"
 #include "cng_keys.h"
 #include "doctor_system.h"
-#include "log_files.h"
 #include "status.h"
+#include "system_text.h"
 
 namespace talvik_tool {
 namespace {
+
+using virtual_token::utf8;
 
 bool isEllipticCurve(const TalvikKeyPair& key) {
     return key.keyType >= TALVIK_KEY_EC_P256 && key.keyType <= TALVIK_KEY_EC_P521;

@@ -1,15 +1,14 @@
 #include "request_command.h"
 
-#include <filesystem>
 #include <memory>
 
 #include "certificate_context.h"
 #include "der_text.h"
-#include "doctor_system.h"
 #include "files.h"
-#include "log_files.h"
 #include "signing.h"
 #include "status.h"
+#include "system_text.h"
+#include "text_rules.h"
 
 namespace talvik_tool {
 namespace {
@@ -17,6 +16,8 @@ namespace {
 using virtual_token::derElement;
 using virtual_token::Status;
 using virtual_token::TokenError;
+using virtual_token::utf8;
+using virtual_token::wide;
 
 struct RequestArguments {
     TokenOption token;
@@ -45,12 +46,12 @@ std::vector<std::string> usageNames() {
 }
 
 Bytes encodedName(const std::string& text) {
-    const std::wstring wide = std::filesystem::u8path(text).wstring();
+    const std::wstring name = wide(text);
     Bytes der(4096);
     auto length = static_cast<DWORD>(der.size());
     const wchar_t* wrong = nullptr;
-    if (wide.empty() ||
-        !CertStrToNameW(X509_ASN_ENCODING, wide.c_str(),
+    if (name.empty() ||
+        !CertStrToNameW(X509_ASN_ENCODING, name.c_str(),
                         CERT_X500_NAME_STR | CERT_NAME_STR_COMMA_FLAG | CERT_NAME_STR_ENABLE_UTF8_UNICODE_FLAG, nullptr,
                         der.data(), &length, &wrong)) {
         const std::string where = wrong != nullptr ? " at \"" + utf8(wrong) + "\"" : "";
@@ -66,23 +67,15 @@ Bytes extension(const char* oid, bool isCritical, const Bytes& value) {
                           derElement(derOctetString, {value})});
 }
 
-void requireIa5(const char* option, const std::string& text) {
-    if (text.empty() || std::any_of(text.begin(), text.end(), [](unsigned char c) { return c <= 0x20 || c >= 0x7F; })) {
-        throw TokenError(Status::InvalidArgument,
-                         std::string(option) + ": \"" + text + "\" must be ASCII without blanks");
-    }
-}
-
 Bytes alternativeNames(const RequestArguments& arguments) {
     std::vector<Bytes> names;
-    const auto add = [&names](const char* option, unsigned char tag, const std::vector<std::string>& texts) {
+    const auto add = [&names](unsigned char tag, const std::vector<std::string>& texts) {
         for (const std::string& text : texts) {
-            requireIa5(option, text);
             names.push_back(derElement(tag, {virtual_token::viewOf(text)}));
         }
     };
-    add("--dns", tagDns, arguments.dns);
-    add("--email", tagEmail, arguments.email);
+    add(tagDns, arguments.dns);
+    add(tagEmail, arguments.email);
     return names.empty() ? Bytes() : extension(oidSubjectAltName, false, derSequenceOf(names));
 }
 
@@ -148,8 +141,9 @@ void addRequestCommand(CLI::App& app) {
     arguments->token.addTo(*command);
     command->add_option("--key", arguments->key, "Container or label (the only key if not given)");
     command->add_option("--subject", arguments->subject, "Name of the owner: \"O=Example, CN=Ann\"")->required();
-    command->add_option("--dns", arguments->dns, "Alternative name of a host; may be repeated");
-    command->add_option("--email", arguments->email, "Alternative name, a mail address; may be repeated");
+    command->add_option("--dns", arguments->dns, "Alternative name of a host; may be repeated")->check(wrongAsciiName);
+    command->add_option("--email", arguments->email, "Alternative name, a mail address; may be repeated")
+        ->check(wrongAsciiName);
     command->add_option("--usage", arguments->usages, "What the certificate shall be for, separated by commas")
         ->delimiter(',')
         ->check(CLI::IsMember(usageNames()));

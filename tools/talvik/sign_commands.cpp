@@ -6,15 +6,16 @@
 
 #include "certificate_context.h"
 #include "cms.h"
-#include "doctor_system.h"
 #include "files.h"
 #include "output.h"
 #include "status.h"
+#include "system_text.h"
 
 namespace talvik_tool {
 namespace {
 
 using virtual_token::Status;
+using virtual_token::systemErrorText;
 using virtual_token::TokenError;
 using Json = nlohmann::ordered_json;
 
@@ -129,7 +130,7 @@ std::string distrustOf(const Bytes& certificate, std::vector<Bytes> helpers, con
     const CERT_CHAIN_CONTEXT* built = nullptr;
     if (!parsed ||
         !CertGetCertificateChain(nullptr, parsed.get(), nullptr, store.get(), &parameters, 0, nullptr, &built)) {
-        return "its chain cannot be built: " + errorText(GetLastError());
+        return "its chain cannot be built: " + systemErrorText(GetLastError());
     }
     const std::unique_ptr<const CERT_CHAIN_CONTEXT, FreeChain> chain(built);
     DWORD status = chain->TrustStatus.dwErrorStatus;
@@ -143,7 +144,7 @@ std::string distrustOf(const Bytes& certificate, std::vector<Bytes> helpers, con
             return error.text;
         }
     }
-    return status == 0 ? "" : "its chain has the status " + errorText(status).substr(0, 10);
+    return status == 0 ? "" : "its chain has the status " + systemErrorText(status).substr(0, 10);
 }
 
 Bytes contentDigestOf(const SignedMessage& message, const DigestType& digest, const std::string& file) {

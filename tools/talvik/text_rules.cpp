@@ -2,13 +2,10 @@
 
 #include <algorithm>
 
-#include "status.h"
+#include "token_home.h"
 
 namespace talvik_tool {
 namespace {
-
-using virtual_token::Status;
-using virtual_token::TokenError;
 
 constexpr std::size_t longestLabel = 127;
 constexpr std::size_t longestVersion = 31;
@@ -17,25 +14,46 @@ bool isControl(unsigned char c) {
     return c < 0x20 || c == 0x7F;
 }
 
-}  // namespace
-
-void requireLabel(const std::string& option, const std::string& label) {
-    if (label.size() > longestLabel || std::ranges::any_of(label, isControl)) {
-        throw TokenError(Status::InvalidArgument, option + ": a label has at most 127 bytes and no control characters");
-    }
+bool isPrintableWithoutBlank(unsigned char c) {
+    return c > 0x20 && c < 0x7F;
 }
 
-void requireFirmware(const std::string& option, const std::string& version) {
-    bool good = !version.empty() && version.size() <= longestVersion;
+bool isVersion(const std::string& version) {
     char before = '.';
     for (const char c : version) {
-        good = good && ((c >= '0' && c <= '9') || (c == '.' && before != '.'));
+        if (!(c >= '0' && c <= '9') && !(c == '.' && before != '.')) {
+            return false;
+        }
         before = c;
     }
-    if (!good || before == '.') {
-        throw TokenError(Status::InvalidArgument,
-                         option + ": \"" + version + "\" is no version like 2.1.0, of at most 31 characters");
-    }
+    return before != '.' && version.size() <= longestVersion;
+}
+
+std::string unless(bool good, const std::string& rule) {
+    return good ? "" : rule;
+}
+
+}  // namespace
+
+std::string wrongLabel(const std::string& label) {
+    return unless(label.size() <= longestLabel && std::ranges::none_of(label, isControl),
+                  "a label has at most 127 bytes and no control characters");
+}
+
+std::string wrongVersion(const std::string& version) {
+    return unless(isVersion(version), "\"" + version + "\" is no version like 2.1.0, of at most 31 characters");
+}
+
+std::string wrongTokenId(const std::string& id) {
+    return unless(virtual_token::isTokenId(id),
+                  "\"" + id +
+                      "\" is no identifier: 1 to 64 letters, digits, '.', '-' and '_', no '.' at either end, and no "
+                      "device name of the system such as CON");
+}
+
+std::string wrongAsciiName(const std::string& name) {
+    return unless(!name.empty() && std::ranges::all_of(name, isPrintableWithoutBlank),
+                  "\"" + name + "\" must be ASCII without blanks");
 }
 
 }  // namespace talvik_tool

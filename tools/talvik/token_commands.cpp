@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <iostream>
 
-#include "log_files.h"
 #include "pin_option.h"
 #include "printable.h"
 #include "status.h"
+#include "system_text.h"
 #include "text_rules.h"
 #include "token_names.h"
 #include "token_report.h"
@@ -23,11 +23,9 @@ constexpr const char* defaultAdminPin = "12345678";
 // --- the commands ---
 
 void requireNewId(const std::string& id) {
-    if (!isTokenId(id)) {
-        throw TokenError(Status::InvalidArgument,
-                         "--id: \"" + id +
-                             "\" is no identifier: 1 to 64 letters, digits, '.', '-' and '_', no '.' at "
-                             "either end, and no device name of the system such as CON");
+    const auto tokens = listTokens();
+    if (std::ranges::find(tokens, id, &ListedToken::id) != tokens.end()) {
+        throw TokenError(Status::AlreadyExists, "--id: there is a token " + id + " already");
     }
     const std::string other = sameButForCase(id);
     if (!other.empty()) {
@@ -38,17 +36,11 @@ void requireNewId(const std::string& id) {
 
 void create(const Arguments& arguments) {
     requireNewId(arguments.id);
-    requireLabel("--label", arguments.label);
-    requireFirmware("--firmware", arguments.firmware);
     TokenState state;
     state.id = arguments.id;
     state.label = arguments.label.empty() ? arguments.id : arguments.label;
     state.firmwareVersion = arguments.firmware;
     state.attached = !arguments.detached;
-    const auto tokens = listTokens();
-    if (std::ranges::find(tokens, arguments.id, &ListedToken::id) != tokens.end()) {
-        throw TokenError(Status::AlreadyExists, "--id: there is a token " + arguments.id + " already");
-    }
     const std::string pin = arguments.pin.readNew();
     createToken(std::move(state), pin, arguments.adminPin.given() ? arguments.adminPin.readNew() : defaultAdminPin);
 }
@@ -118,9 +110,12 @@ CLI::App* addCommand(CLI::App& parent, const SharedArguments& arguments, const c
 
 void addStateCommands(CLI::App& family, const SharedArguments& arguments) {
     CLI::App* made = addCommand(family, arguments, "create", "Make a new token", create);
-    made->add_option("--id", arguments->id, "Identifier: letters, digits, '.', '-', '_'")->required();
-    made->add_option("--label", arguments->label, "Label (the identifier if not given)");
+    made->add_option("--id", arguments->id, "Identifier: letters, digits, '.', '-', '_'")
+        ->required()
+        ->check(wrongTokenId);
+    made->add_option("--label", arguments->label, "Label (the identifier if not given)")->check(wrongLabel);
     made->add_option("--firmware", arguments->firmware, "Firmware version that the token reports")
+        ->check(wrongVersion)
         ->capture_default_str();
     made->add_flag("--detached", arguments->detached, "Leave it unplugged");
     arguments->pin.addTo(*made, "pin", "User PIN, 4 to 63 printable ASCII characters");

@@ -42,7 +42,6 @@ Bytes readOneCertificate(const std::string& file) {
 
 void importCertificate(const TokenArguments& arguments) {
     const std::shared_ptr<Token> token = tokenOf(arguments);
-    requireLabel("--label", arguments.label);
     CertificateObject certificate;
     certificate.der = readOneCertificate(arguments.file);
     certificate.label = arguments.label;
@@ -79,12 +78,11 @@ AskPassword passwordOf(const TokenArguments& arguments) {
 
 void importKey(const TokenArguments& arguments) {
     const std::shared_ptr<Token> token = tokenOf(arguments);
-    requireLabel("--label", arguments.label);
     const auto now = token->attachedSnapshot();
     const GeneratedKey key = readPrivateKeyFile(arguments.file, passwordOf(arguments));
     requireNewKey(*now, key, arguments.file);
     print(virtual_token::toHex(
-        token->importKeyPair(arguments.pin.read(), key, usageNamed(arguments.usage), arguments.label).id));
+        token->importKeyPair(arguments.pin.read(), key, usageNamed(arguments.usage), arguments.label, {}).id));
 }
 
 Pkcs12Content readPkcs12File(const TokenArguments& arguments) {
@@ -98,7 +96,6 @@ Pkcs12Content readPkcs12File(const TokenArguments& arguments) {
 
 void importPkcs12(const TokenArguments& arguments) {
     const std::shared_ptr<Token> token = tokenOf(arguments);
-    requireLabel("--label", arguments.label);
     const auto now = token->attachedSnapshot();
     const Pkcs12Content content = readPkcs12File(arguments);
     for (const Bytes& certificate : content.certificates) {
@@ -106,17 +103,10 @@ void importPkcs12(const TokenArguments& arguments) {
         requireSize(certificate, arguments.file);
     }
     requireNewKey(*now, content.key, arguments.file);
-    const std::string pin = arguments.pin.read();
-    const KeyPairObject key = token->importKeyPair(pin, content.key, usageNamed(arguments.usage), arguments.label);
-    try {
-        for (const Bytes& certificate : content.certificates) {
-            token->importCertificate(pin, {{}, {}, "", certificate});
-        }
-    } catch (...) {
-        token->deleteKeyPair(pin, key.id);
-        throw;
-    }
-    print(virtual_token::toHex(key.id));
+    print(virtual_token::toHex(token
+                                   ->importKeyPair(arguments.pin.read(), content.key, usageNamed(arguments.usage),
+                                                   arguments.label, content.certificates)
+                                   .id));
 }
 
 void deleteKey(const TokenArguments& arguments) {
@@ -133,7 +123,7 @@ void deleteCertificate(const TokenArguments& arguments) {
 
 void addKeyOptions(CLI::App& command, const SharedTokenArguments& arguments, const char* what) {
     command.add_option("file", arguments->file, what)->required();
-    command.add_option("--label", arguments->label, "Label of the key");
+    command.add_option("--label", arguments->label, "Label of the key")->check(wrongLabel);
     command.add_option("--usage", arguments->usage, "sign, exchange or both (all that the type can if not given)")
         ->check(CLI::IsMember({"sign", "exchange", "both"}));
     arguments->password.addTo(command, "password", "Password of the file");
@@ -146,7 +136,7 @@ void addTokenObjectCommands(CLI::App& family, const SharedTokenArguments& argume
     CLI::App* import = addTokenCommand(family, arguments, "import-cert", "Store a certificate", importCertificate);
     import->add_option("file", arguments->file, "Certificate, PEM or DER")->required();
     import->add_option("--key", arguments->key, "Key pair, by identifier or label (by public key if not given)");
-    import->add_option("--label", arguments->label, "Label of the certificate");
+    import->add_option("--label", arguments->label, "Label of the certificate")->check(wrongLabel);
     arguments->pin.addTo(*import, "pin", "User PIN");
 
     CLI::App* exported = addTokenCommand(family, arguments, "export-cert", "Write a certificate", exportCertificate);

@@ -6,8 +6,8 @@
 
 #include "certificate.h"
 #include "certificate_context.h"
-#include "log_files.h"
 #include "status.h"
+#include "system_text.h"
 
 namespace talvik_tool {
 namespace {
@@ -15,20 +15,17 @@ namespace {
 using virtual_token::CertificateObject;
 using virtual_token::KeyPairObject;
 using virtual_token::Snapshot;
-
-std::string upperCaseOf(std::string text) {
-    std::ranges::transform(text, text.begin(), [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
-    return text;
-}
+using virtual_token::upperCase;
+using virtual_token::utf8;
 
 bool isNamed(const KeyPairObject& key, const std::string& name) {
-    return virtual_token::toHex(key.id) == upperCaseOf(name) || key.label == name;
+    return virtual_token::toHex(key.id) == upperCase(name) || key.label == name;
 }
 
 bool isNamed(const CertificateObject& certificate, const Snapshot& token, const std::string& name) {
     const Certificate parsed = parseCertificate(certificate.der);
     const KeyPairObject* key = token.objects->keyPair(certificate.keyId);
-    return thumbprintOf(certificate.der) == upperCaseOf(name) || certificate.label == name ||
+    return thumbprintOf(certificate.der) == upperCase(name) || certificate.label == name ||
            (parsed && subjectOf(*parsed) == name) || (key != nullptr && isNamed(*key, name));
 }
 

@@ -1,17 +1,18 @@
 #include "user_store.h"
 
 #include <algorithm>
-#include <filesystem>
 
-#include "doctor_system.h"
-#include "log_files.h"
 #include "status.h"
+#include "system_text.h"
 
 namespace talvik_tool {
 namespace {
 
 using virtual_token::Status;
+using virtual_token::systemErrorText;
 using virtual_token::TokenError;
+using virtual_token::utf8;
+using virtual_token::wide;
 
 constexpr std::string_view addedMark = "Published by talvik certs, token ";
 constexpr std::string_view linkedMark = "Linked by talvik certs, token ";
@@ -50,10 +51,10 @@ std::string textProperty(const CERT_CONTEXT& certificate, DWORD property) {
 }
 
 void setText(const CERT_CONTEXT& certificate, DWORD property, const std::string& text) {
-    const std::wstring wide = std::filesystem::u8path(text).wstring();
-    if (!wide.empty()) {
+    const std::wstring value = wide(text);
+    if (!value.empty()) {
         setBlob(certificate, property,
-                {reinterpret_cast<const unsigned char*>(wide.c_str()), (wide.size() + 1) * sizeof(wchar_t)});
+                {reinterpret_cast<const unsigned char*>(value.c_str()), (value.size() + 1) * sizeof(wchar_t)});
     }
 }
 
@@ -103,7 +104,7 @@ UserStore::UserStore(const wchar_t* name)
 void UserStore::fail(const char* what) const {
     const DWORD error = GetLastError();
     throw TokenError(Status::StorageFailure,
-                     "the user's certificate store " + name_ + " " + what + ": " + errorText(error));
+                     "the user's certificate store " + name_ + " " + what + ": " + systemErrorText(error));
 }
 
 Certificate UserStore::find(ByteView der) const {
