@@ -1,20 +1,13 @@
 // An application that knows a certificate of the user's store and nothing of the provider.
+#include <gmock/gmock.h>
+
 #include "e2e/objects.h"
 
 namespace e2e {
 namespace {
 
-inline BOOL closeStore(HCERTSTORE store) {
-    return CertCloseStore(store, 0);
-}
-using Store = Owned<HCERTSTORE, closeStore>;
-using Certificate = Owned<PCCERT_CONTEXT, CertFreeCertificateContext>;
-
-// The user's own store, which is written when it is closed.
 Store myStore() {
-    Store store;
-    *store.put() = CertOpenSystemStoreA(0, "MY");
-    return store;
+    return systemStore("MY");
 }
 
 class StoreClient : public Tokens {
@@ -27,15 +20,22 @@ class StoreClient : public Tokens {
     }
 };
 
+void link(PCCERT_CONTEXT certificate, const std::string& container) {
+    std::wstring name(container.begin(), container.end());
+    std::wstring provider(std::begin(providerName), std::end(providerName) - 1);
+    CRYPT_KEY_PROV_INFO info{name.data(), provider.data(), PROV_RSA_FULL, 0, 0, nullptr, AT_SIGNATURE};
+    EXPECT_TRUE(CertSetCertificateContextProperty(certificate, CERT_KEY_PROV_INFO_PROP_ID, 0, &info));
+}
+
+// Linked to the container of this name, if it has one.
 void addToMyStore(const Bytes& der, const std::string& container) {
     const Store store = myStore();
     Certificate certificate;
     ASSERT_TRUE(CertAddEncodedCertificateToStore(store, X509_ASN_ENCODING, der.data(), static_cast<DWORD>(der.size()),
                                                  CERT_STORE_ADD_REPLACE_EXISTING, certificate.put()));
-    std::wstring name(container.begin(), container.end());
-    std::wstring provider(std::begin(providerName), std::end(providerName) - 1);
-    CRYPT_KEY_PROV_INFO info{name.data(), provider.data(), PROV_RSA_FULL, 0, 0, nullptr, AT_SIGNATURE};
-    EXPECT_TRUE(CertSetCertificateContextProperty(certificate, CERT_KEY_PROV_INFO_PROP_ID, 0, &info));
+    if (!container.empty()) {
+        link(certificate, container);
+    }
 }
 
 Certificate mine(const Store& store) {
@@ -82,12 +82,19 @@ TEST_F(StoreClient, SignsWithTheTokensKeyAndIsAskedForOnePin) {
     }
 }
 
+// Compared whole: the certificates of these tests share their issuer and its serial number.
+Certificate inMyStore(const Bytes& der, const Store& store = myStore()) {
+    PCCERT_CONTEXT each = nullptr;
+    while ((each = CertEnumCertificatesInStore(store, each)) != nullptr &&
+           der != Bytes(each->pbCertEncoded, each->pbCertEncoded + each->cbCertEncoded)) {
+    }
+    Certificate found;
+    *found.put() = each;
+    return found;
+}
+
 bool isInMyStore(const Bytes& der) {
-    const Store store = myStore();
-    Certificate wanted, found;
-    *wanted.put() = CertCreateCertificateContext(X509_ASN_ENCODING, der.data(), static_cast<DWORD>(der.size()));
-    *found.put() = CertFindCertificateInStore(store, X509_ASN_ENCODING, 0, CERT_FIND_EXISTING, wanted, nullptr);
-    return static_cast<PCCERT_CONTEXT>(found) != nullptr;
+    return inMyStore(der) != nullptr;
 }
 
 // What `talvik certs` did to each certificate, in its own words.
@@ -116,18 +123,39 @@ TEST_F(PublishedCertificate, IsFoundBySubjectAloneUntilItIsWithdrawn) {
     const Bytes published = enrol("Published-" + token());
 
     EXPECT_EQ(Role("client", "before").wait(), 1u);
-    EXPECT_NE(outcome("publish").find("published"), std::string::npos);
-    EXPECT_NE(outcome("publish").find("unchanged"), std::string::npos);
+    EXPECT_THAT(outcome("publish"), ::testing::HasSubstr("published"));
+    EXPECT_THAT(outcome("publish"), ::testing::HasSubstr("unchanged"));
     EXPECT_EQ(Role("client", "after").wait(), 0u);
     EXPECT_TRUE(opensslAccepts(key, "-sha256", bytesOf("after"), read("signature-after")));
-    EXPECT_NE(outcome("withdraw").find("withdrawn"), std::string::npos);
+    EXPECT_THAT(outcome("withdraw"), ::testing::HasSubstr("withdrawn"));
     EXPECT_FALSE(isInMyStore(published));
     EXPECT_TRUE(isInMyStore(other));
 
     addToMyStore(published, "somebody else's");
-    EXPECT_NE(outcome("publish").find("left alone"), std::string::npos);
+    EXPECT_THAT(outcome("publish"), ::testing::HasSubstr("left alone"));
     outcome("withdraw");
     EXPECT_TRUE(isInMyStore(published));
+}
+
+// A link of its own is mended, and only the link taken back where the certificate was there before.
+TEST_F(PublishedCertificate, LinksAreMendedAndTakenBack) {
+    makeKeyPair(token(), TALVIK_KEY_RSA_2048, TALVIK_USAGE_BOTH);
+    const Bytes der = enrol("Linked-" + token());
+    addToMyStore(der, "");
+    EXPECT_THAT(outcome("publish"), ::testing::HasSubstr("published"));
+    {
+        const Store store = myStore();
+        const Certificate certificate = inMyStore(der, store);
+        link(certificate, "gone");
+        EXPECT_TRUE(CertControlStore(store, CERT_STORE_CTRL_COMMIT_FORCE_FLAG, CERT_STORE_CTRL_COMMIT, nullptr));
+    }
+    EXPECT_THAT(outcome("publish"), ::testing::HasSubstr("mended"));
+    EXPECT_EQ(Role("client", "mended").wait(), 0u);
+    outcome("withdraw");
+    DWORD size = 0;
+    const Certificate left = inMyStore(der);
+    ASSERT_TRUE(left);
+    EXPECT_FALSE(CertGetCertificateContextProperty(left, CERT_KEY_PROV_INFO_PROP_ID, nullptr, &size));
 }
 
 TEST_F(PublishedCertificate, FollowsTheTokenWhileItIsWatched) {

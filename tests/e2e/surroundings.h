@@ -48,6 +48,19 @@ using Context = Owned<HCRYPTPROV, releaseContext>;
 using Key = Owned<HCRYPTKEY, CryptDestroyKey>;
 using Hash = Owned<HCRYPTHASH, CryptDestroyHash>;
 
+inline BOOL closeStore(HCERTSTORE store) {
+    return CertCloseStore(store, 0);
+}
+using Store = Owned<HCERTSTORE, closeStore>;
+using Certificate = Owned<PCCERT_CONTEXT, CertFreeCertificateContext>;
+
+// A store of the user's, which is written when it is closed.
+inline Store systemStore(const char* name) {
+    Store store;
+    *store.put() = CertOpenSystemStoreA(0, name);
+    return store;
+}
+
 // What `call(buffer, &size)` delivers, after it was asked for the size; empty when it is refused.
 template <class Call>
 Bytes delivered(Call call, DWORD leastRoom = 0) {

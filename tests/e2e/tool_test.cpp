@@ -1,12 +1,11 @@
 // talvik.exe from an empty token to signatures that openssl and other programs take.
 #include <nlohmann/json.hpp>
 
-#include "support/tokens.h"
+#include "e2e/surroundings.h"
 
 namespace e2e {
 namespace {
 
-using namespace talvik_test;
 using Json = nlohmann::json;
 
 constexpr char withPin[] = " --pin 1234";
@@ -36,6 +35,15 @@ void issue(const std::string& copied) {
     write("issued.pem", both);
 }
 
+int countIn(const char* name) {
+    const Store store = systemStore(name);
+    int count = 0;
+    for (PCCERT_CONTEXT each = nullptr; (each = CertEnumCertificatesInStore(store, each)) != nullptr;) {
+        ++count;
+    }
+    return count;
+}
+
 class Tool : public Tokens {};
 class Enrolment : public Tool, public ::testing::WithParamInterface<const char*> {};
 
@@ -59,6 +67,15 @@ TEST_P(Enrolment, FromKeyToSignature) {
     ASSERT_EQ(certificates.size(), 2u);
     EXPECT_EQ(certificates.at(1).at("container"), key);
     EXPECT_EQ(certificates.at(1).at("usages"), Json({"digitalSignature", "emailProtection"}));
+
+    const int own = countIn("MY"), issuers = countIn("CA");
+    const bool hasFace = std::string(GetParam()).starts_with("RSA");  // of elliptic curves CNG, which is not here
+    EXPECT_EQ(talvik("certs publish"), hasFace ? 0 : 1);
+    EXPECT_EQ(countIn("MY"), own + (hasFace ? 1 : 0));
+    EXPECT_EQ(countIn("CA"), issuers + 1);
+    EXPECT_EQ(talvik("certs withdraw"), 0);
+    EXPECT_EQ(countIn("MY"), own);
+    EXPECT_EQ(countIn("CA"), issuers);
 
     write("text", bytesOf("What is signed.\n"));
     ASSERT_EQ(talvik("sign" + path("text") + " --key " + key + " --out" + path("text.p7s") + withPin), 0);

@@ -86,11 +86,8 @@ Outcome publishOwn(UserStore& store, const TokenCertificate& certificate, Face f
         outcome.done = "unchanged";
         return outcome;
     }
-    const std::optional<Mark> mark = present ? markOf(*present) : std::nullopt;
-    const bool added = mark ? mark->added : !present;
-    store.put(certificate.der, {added, certificate.token, ""}, &*link,
-              shortNameOf(*parsed) + " (token " + certificate.token + ")");
-    outcome.done = mark ? "mended" : "published";
+    store.put(certificate.der, certificate.token, &*link, shortNameOf(*parsed) + " (token " + certificate.token + ")");
+    outcome.done = found.standing == Standing::Absent ? "published" : "mended";
     return outcome;
 }
 
@@ -103,7 +100,7 @@ Outcome publishIssuer(UserStore& store, const TokenCertificate& certificate) {
     Outcome outcome = outcomeFor(certificate);
     outcome.done = store.find(certificate.der) ? "unchanged" : "published";
     if (outcome.done == "published") {
-        store.put(certificate.der, {true, certificate.token, ""}, nullptr, "");
+        store.put(certificate.der, certificate.token, nullptr, "");
     }
     return outcome;
 }

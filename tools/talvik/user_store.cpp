@@ -29,20 +29,6 @@ Bytes propertyOf(const CERT_CONTEXT& certificate, DWORD property) {
     return value;
 }
 
-void setBlob(const CERT_CONTEXT& certificate, DWORD property, ByteView value) {
-    CRYPT_DATA_BLOB blob{static_cast<DWORD>(value.size()), const_cast<BYTE*>(value.data())};
-    CertSetCertificateContextProperty(&certificate, property, 0, &blob);
-}
-
-// Handles do not travel, and what the store computes it computes anew.
-bool isCopied(DWORD property) {
-    constexpr DWORD left[] = {CERT_KEY_PROV_HANDLE_PROP_ID, CERT_KEY_CONTEXT_PROP_ID,
-                              CERT_KEY_PROV_INFO_PROP_ID,   CERT_HASH_PROP_ID,
-                              CERT_MD5_HASH_PROP_ID,        CERT_SIGNATURE_HASH_PROP_ID,
-                              CERT_ACCESS_STATE_PROP_ID,    CERT_DESCRIPTION_PROP_ID};
-    return std::ranges::find(left, property) == std::end(left);
-}
-
 std::string textProperty(const CERT_CONTEXT& certificate, DWORD property) {
     const Bytes held = propertyOf(certificate, property);
     std::wstring text(reinterpret_cast<const wchar_t*>(held.data()), held.size() / sizeof(wchar_t));
@@ -50,24 +36,28 @@ std::string textProperty(const CERT_CONTEXT& certificate, DWORD property) {
     return utf8(text);
 }
 
+// Nothing where the text is empty.
 void setText(const CERT_CONTEXT& certificate, DWORD property, const std::string& text) {
-    const std::wstring value = wide(text);
-    if (!value.empty()) {
-        setBlob(certificate, property,
-                {reinterpret_cast<const unsigned char*>(value.c_str()), (value.size() + 1) * sizeof(wchar_t)});
-    }
+    std::wstring value = wide(text);
+    CRYPT_DATA_BLOB blob{static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t)),
+                         reinterpret_cast<BYTE*>(value.data())};
+    CertSetCertificateContextProperty(&certificate, property, 0, value.empty() ? nullptr : &blob);
 }
 
-// A certificate of its own with what others have noted about `certificate`, but without link and description.
-Certificate copyWithoutLink(const CERT_CONTEXT& certificate) {
-    Certificate copy = parseCertificate(derOf(certificate));
-    for (DWORD property = 0; (property = CertEnumCertificateContextProperties(&certificate, property)) != 0;) {
-        const Bytes value = isCopied(property) ? propertyOf(certificate, property) : Bytes();
-        if (!value.empty()) {
-            setBlob(*copy, property, value);
-        }
-    }
-    return copy;
+std::string noteOf(const Mark& mark) {
+    return std::string(mark.added ? addedMark : linkedMark) + mark.token +
+           (mark.before.empty() ? "" : std::string(beforeMark) + mark.before);
+}
+
+void setLink(const CERT_CONTEXT& certificate, const KeyLink& link) {
+    CRYPT_KEY_PROV_INFO info{const_cast<wchar_t*>(link.container.c_str()),
+                             const_cast<wchar_t*>(link.provider.c_str()),
+                             link.providerType,
+                             0,
+                             0,
+                             nullptr,
+                             link.keySpec};
+    CertSetCertificateContextProperty(&certificate, CERT_KEY_PROV_INFO_PROP_ID, 0, &info);
 }
 
 }  // namespace
@@ -107,10 +97,16 @@ void UserStore::fail(const char* what) const {
                      "the user's certificate store " + name_ + " " + what + ": " + systemErrorText(error));
 }
 
+// By its hash: issuer and serial number, which not every system's CERT_FIND_EXISTING looks beyond, are those of two
+// certificates where an authority was made anew under its old name.
 Certificate UserStore::find(ByteView der) const {
-    const Certificate wanted = parseCertificate(der);
-    return Certificate(
-        CertFindCertificateInStore(store_.get(), encodings, 0, CERT_FIND_EXISTING, wanted.get(), nullptr));
+    const Certificate parsed = parseCertificate(der);
+    if (!parsed) {
+        return nullptr;
+    }
+    Bytes hash = propertyOf(*parsed, CERT_SHA1_HASH_PROP_ID);
+    const CRYPT_HASH_BLOB wanted{static_cast<DWORD>(hash.size()), hash.data()};
+    return Certificate(CertFindCertificateInStore(store_.get(), encodings, 0, CERT_FIND_SHA1_HASH, &wanted, nullptr));
 }
 
 std::vector<Certificate> UserStore::marked() const {
@@ -123,53 +119,49 @@ std::vector<Certificate> UserStore::marked() const {
     return found;
 }
 
-void UserStore::replace(const Certificate& fresh) {
-    if (!CertAddCertificateContextToStore(store_.get(), fresh.get(), CERT_STORE_ADD_REPLACE_EXISTING, nullptr)) {
-        fail("cannot be written");
+void UserStore::put(ByteView der, const std::string& token, const KeyLink* link, const std::string& friendlyName) {
+    Certificate certificate = find(der);
+    const bool present = certificate != nullptr;
+    Mark mark{true, token, ""};
+    if (!present) {
+        certificate = parseCertificate(der);
+    } else if (const auto old = markOf(*certificate)) {
+        mark = {old->added, token, old->before};
+    } else {
+        mark = {false, token, textProperty(*certificate, CERT_DESCRIPTION_PROP_ID)};
     }
-}
-
-void UserStore::put(ByteView der, const Mark& mark, const KeyLink* link, const std::string& friendlyName) {
-    const Certificate present = find(der);
-    const Certificate fresh = present ? copyWithoutLink(*present) : parseCertificate(der);
-    std::string note = std::string(mark.added ? addedMark : linkedMark) + mark.token;
-    if (present) {
-        const std::optional<Mark> old = markOf(*present);
-        const std::string before = old ? old->before : textProperty(*present, CERT_DESCRIPTION_PROP_ID);
-        note += before.empty() ? "" : std::string(beforeMark) + before;
-    }
-    setText(*fresh, CERT_DESCRIPTION_PROP_ID, note);
+    // The mark first: a link without one is somebody else's.
+    setText(*certificate, CERT_DESCRIPTION_PROP_ID, noteOf(mark));
     if (link != nullptr) {
-        CRYPT_KEY_PROV_INFO info{const_cast<wchar_t*>(link->container.c_str()),
-                                 const_cast<wchar_t*>(link->provider.c_str()),
-                                 link->providerType,
-                                 0,
-                                 0,
-                                 nullptr,
-                                 link->keySpec};
-        CertSetCertificateContextProperty(fresh.get(), CERT_KEY_PROV_INFO_PROP_ID, 0, &info);
+        setLink(*certificate, *link);
     }
     if (!present) {
-        setText(*fresh, CERT_FRIENDLY_NAME_PROP_ID, friendlyName);
+        setText(*certificate, CERT_FRIENDLY_NAME_PROP_ID, friendlyName);
+        if (!CertAddCertificateContextToStore(store_.get(), certificate.get(), CERT_STORE_ADD_ALWAYS, nullptr)) {
+            fail("cannot be written");
+        }
     }
-    replace(fresh);
+    changed_ = true;
 }
 
 void UserStore::takeBack(const CERT_CONTEXT& certificate) {
     const std::optional<Mark> mark = markOf(certificate);
     if (mark && !mark->added) {
-        const Certificate restored = copyWithoutLink(certificate);
-        setText(*restored, CERT_DESCRIPTION_PROP_ID, mark->before);
-        replace(restored);
+        CertSetCertificateContextProperty(&certificate, CERT_KEY_PROV_INFO_PROP_ID, 0, nullptr);
+        setText(certificate, CERT_DESCRIPTION_PROP_ID, mark->before);
     } else if (!CertDeleteCertificateFromStore(CertDuplicateCertificateContext(&certificate))) {
         fail("cannot be written");
     }
+    changed_ = true;
 }
 
+// By force: a change of properties alone is not everywhere taken for a change of the store.
 void UserStore::commit() {
-    if (!CertControlStore(store_.get(), 0, CERT_STORE_CTRL_COMMIT, nullptr)) {
+    if (changed_ &&
+        !CertControlStore(store_.get(), CERT_STORE_CTRL_COMMIT_FORCE_FLAG, CERT_STORE_CTRL_COMMIT, nullptr)) {
         fail("cannot be written");
     }
+    changed_ = false;
 }
 
 }  // namespace talvik_tool

@@ -35,21 +35,21 @@ class UserStore {
     Certificate find(ByteView der) const;  // null when it is not there
     std::vector<Certificate> marked() const;
 
-    // Puts a certificate there, or anew with everything else that it had. In one step: a certificate without its link
-    // is never there.
-    void put(ByteView der, const Mark& mark, const KeyLink* link, const std::string& friendlyName);
+    // Puts a certificate of `token` there, or links one that is there; only a new one gets the name.
+    void put(ByteView der, const std::string& token, const KeyLink* link, const std::string& friendlyName);
 
     // Undoes what a mark stands for: takes the certificate away, or its link.
     void takeBack(const CERT_CONTEXT& certificate);
 
+    // Nothing is sure to last before.
     void commit();
 
   private:
-    void replace(const Certificate& fresh);
     [[noreturn]] void fail(const char* what) const;
 
     std::string name_;
     Store store_;
+    bool changed_ = false;
 };
 
 }  // namespace talvik_tool
