@@ -17,6 +17,8 @@ class StoreClient : public Tokens {
         while (const PCCERT_CONTEXT certificate = CertEnumCertificatesInStore(store, nullptr)) {
             EXPECT_TRUE(CertDeleteCertificateFromStore(certificate));
         }
+        EXPECT_TRUE(
+            CertControlStore(store, 0, CERT_STORE_CTRL_COMMIT, nullptr));  // closing writes what was added alone
     }
 };
 

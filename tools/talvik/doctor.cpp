@@ -29,7 +29,7 @@ struct DoctorOptions {
 };
 
 struct SigningKey {
-    std::string token;
+    const TokenFacts& token;
     std::string container;
 };
 
@@ -63,7 +63,7 @@ std::optional<SigningKey> signingKey(const DeviceFacts& devices, const std::stri
     for (const TokenFacts& token : devices.tokens) {
         for (const ContainerFacts& container : token.containers) {
             if (wanted.empty() ? container.signs : container.name == wanted) {
-                return SigningKey{token.id, container.name};
+                return SigningKey{token, container.name};
             }
         }
     }
@@ -104,7 +104,7 @@ std::optional<SignRequest> signRequest(const DoctorOptions& options, Diagnosis& 
         return std::nullopt;
     }
     const std::string pin = options.pin.given() ? options.pin.read() : "";
-    if (!pin.empty() && !acceptsPin(key->token, pin, diagnosis.findings)) {
+    if (key->token.takesNoPin || (!pin.empty() && !acceptsPin(key->token.id, pin, diagnosis.findings))) {
         return std::nullopt;
     }
     return SignRequest{key->container, pin};

@@ -87,7 +87,7 @@ ContainerFacts inspectKey(const TalvikKeyPair& key, const std::vector<TalvikCert
 }
 
 TokenFacts inspectToken(const DeviceLibrary& library, const std::string& id, Findings& findings) {
-    TokenFacts token{id, "", false, 0, 0, {}};
+    TokenFacts token{id, "", false, false, 0, 0, {}};
     token.initStatus = TALVIK_CALL(library, talvik_initDevice)(id.c_str(), true, nullptr);
     if (token.initStatus != 0) {
         findings.problem("Token " + id + " cannot be initialised: status " + std::to_string(token.initStatus),
@@ -120,7 +120,10 @@ void inspectTokens(const DeviceLibrary& library, DeviceFacts& facts, Findings& f
         facts.tokens.push_back(inspectToken(library, id, findings));
     }
     if (isVirtualToken(facts.library)) {
-        inspectVirtualTokens(ids, findings);
+        const auto takingNoPin = inspectVirtualTokens(ids, findings);
+        for (TokenFacts& token : facts.tokens) {
+            token.takesNoPin = std::ranges::find(takingNoPin, token.id) != takingNoPin.end();
+        }
     } else if (ids.empty()) {
         findings.problem("No token is attached.",
                          "Plug it in. If it is, start the token maker's software: its service or driver does not see "

@@ -31,6 +31,7 @@ struct TokenFacts {
     std::string id;
     std::string firmware;
     bool signedOn = false;
+    bool takesNoPin = false;  // which the findings tell
     int initStatus = 0;
     std::size_t aesKeys = 0;
     std::vector<ContainerFacts> containers;

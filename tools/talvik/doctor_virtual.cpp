@@ -10,6 +10,10 @@ using virtual_token::SignOn;
 using virtual_token::TokenState;
 using virtual_token::utf8;
 
+bool takesPins(const TokenState& state) {
+    return state.userPin.attemptsLeft > 0 && !state.clockSkewed;
+}
+
 void inspectState(const TokenState& state, Findings& findings) {
     if (state.userPin.attemptsLeft == 0) {
         const bool locked = state.adminPin.attemptsLeft == 0;
@@ -35,7 +39,8 @@ void inspectState(const TokenState& state, Findings& findings) {
 
 }  // namespace
 
-void inspectVirtualTokens(const std::vector<std::string>& attached, Findings& findings) {
+std::vector<std::string> inspectVirtualTokens(const std::vector<std::string>& attached, Findings& findings) {
+    std::vector<std::string> takingNoPin;
     const auto tokens = virtual_token::listTokens();
     std::string detached;
     for (const auto& token : tokens) {
@@ -45,6 +50,9 @@ void inspectVirtualTokens(const std::vector<std::string>& attached, Findings& fi
                                  ", or give it up: talvik token delete " + token.id);
         } else if (token.snapshot->state.attached) {
             inspectState(token.snapshot->state, findings);
+            if (!takesPins(token.snapshot->state)) {
+                takingNoPin.push_back(token.id);
+            }
         } else {
             detached = detached.empty() ? token.id : detached;
         }
@@ -57,6 +65,7 @@ void inspectVirtualTokens(const std::vector<std::string>& attached, Findings& fi
         findings.problem("No token is attached; token " + detached + " is detached.",
                          "talvik token attach " + detached);
     }
+    return takingNoPin;
 }
 
 }  // namespace talvik_tool

@@ -8,7 +8,7 @@
 
 namespace talvik_tool {
 
-// Of every token of this user. `attached` are those that the device library shows.
-void inspectVirtualTokens(const std::vector<std::string>& attached, Findings& findings);
+// Of every token of this user. `attached` are those that the device library shows. Gives those that take no PIN.
+std::vector<std::string> inspectVirtualTokens(const std::vector<std::string>& attached, Findings& findings);
 
 }  // namespace talvik_tool
