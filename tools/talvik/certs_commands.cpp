@@ -38,7 +38,8 @@ Json describe(const TokenCertificate& certificate, const UserStore& store) {
         facts["keyType"] = keyTypeName(certificate.key->keyType);
         facts["keyUsage"] = usageName(certificate.key->usage);
         facts["inStore"] = nameOf(standing.standing);
-        facts["provider"] = standing.link;
+        facts["provider"] = standing.provider;
+        facts["face"] = standing.face;
     }
     return facts;
 }
@@ -62,7 +63,7 @@ void printCertificate(const Json& facts) {
     print("    key " + text(facts, "container") + ", " + text(facts, "keyType") + ", " + text(facts, "keyUsage") +
           ", on " + text(facts, "token"));
     print("    in the user's store: " + text(facts, "inStore") +
-          (text(facts, "provider").empty() ? "" : ", " + text(facts, "provider")));
+          (text(facts, "provider").empty() ? "" : ", " + text(facts, "face") + ", " + text(facts, "provider")));
 }
 
 void list(const CertsArguments& arguments) {

@@ -38,17 +38,24 @@ const DeviceLibrary& library() {
 }
 
 // Only the virtual token's statuses are known beyond the two that every library shares.
-std::string statusText(int status) {
+std::optional<Status> knownStatus(int status) {
     static const bool isVirtual = isVirtualToken(describeModule(library().path()));
-    const auto& facts = virtual_token::factsOf(static_cast<Status>(status));
-    const bool known = status == TALVIK_STATUS_TIME_MISMATCH || status == TALVIK_STATUS_SIGN_ON_EXPIRED ||
-                       (isVirtual && static_cast<int>(facts.status) == status);
-    return known ? facts.text : "status " + std::to_string(status) + " of the device library";
+    const Status known = virtual_token::factsOf(static_cast<Status>(status)).status;
+    const bool isShared = status == TALVIK_STATUS_TIME_MISMATCH || status == TALVIK_STATUS_SIGN_ON_EXPIRED;
+    return isShared || (isVirtual && static_cast<int>(known) == status) ? std::optional(known) : std::nullopt;
+}
+
+[[noreturn]] void fail(int status, const std::string& what) {
+    const std::optional<Status> known = knownStatus(status);
+    throw TokenError(known.value_or(Status::BadData),
+                     what + ": " +
+                         (known ? virtual_token::factsOf(*known).text
+                                : "status " + std::to_string(status) + " of the device library"));
 }
 
 void requireDone(int status, const std::string& token, const char* what) {
     if (status != 0) {
-        throw TokenError(Status::BadData, "token " + token + ": " + what + ": " + statusText(status));
+        fail(status, "token " + token + ": " + what);
     }
 }
 
@@ -131,17 +138,19 @@ void Device::login(const std::string& pin) {
     }
     int left = 0;
     const int status = TALVIK_CALL(library(), talvik_validatePassword)(id_.c_str(), pin.c_str(), 1, &left, nullptr);
-    if (status == TALVIK_STATUS_TIME_MISMATCH) {
-        throw TokenError(Status::TimeMismatch, "token " + id_ + ": " + statusText(status));
+    if (status == 0) {
+        return;
     }
-    if (status != 0 && left <= 0) {
+    // Of a library that is not known every other status stands for a PIN that it refuses.
+    const Status known = knownStatus(status).value_or(Status::WrongPin);
+    if (known != Status::WrongPin && known != Status::PinLocked) {
+        fail(status, "token " + id_);
+    }
+    if (left <= 0) {
         throw TokenError(Status::PinLocked, "token " + id_ + ": the PIN is locked; unblock it with the token maker's " +
                                                 "software (virtual token: talvik token unblock)");
     }
-    if (status != 0) {
-        throw TokenError(Status::WrongPin,
-                         "token " + id_ + ": the PIN is wrong; attempts left: " + std::to_string(left));
-    }
+    throw TokenError(Status::WrongPin, "token " + id_ + ": the PIN is wrong; attempts left: " + std::to_string(left));
 }
 
 Bytes Device::sign(const TalvikKeyPair& key, ByteView digest) const {

@@ -42,7 +42,8 @@ std::optional<KeyLink> chooseLink(const TalvikKeyPair& key, Face face, std::stri
         return std::nullopt;
     }
     if (isEllipticCurve(key)) {
-        reason = "CryptoAPI has no elliptic-curve keys, and CNG of this system does not open it";
+        reason = std::string("CryptoAPI has no elliptic-curve keys") +
+                 (face == Face::CryptoApi ? "" : ", and CNG of this system does not open it");
         return std::nullopt;
     }
     return cryptoApiLink(key);
@@ -73,7 +74,7 @@ Outcome publishOwn(UserStore& store, const TokenCertificate& certificate, Face f
     const StandingFacts found = standingOf(store, certificate.der, *certificate.key);
     if (found.standing == Standing::Foreign) {
         outcome.done = "left alone";
-        outcome.reason = "it is there with a link of somebody else, to " + found.link;
+        outcome.reason = "it is there with a link of somebody else, to " + found.provider;
         return outcome;
     }
     std::string reason;
@@ -128,13 +129,12 @@ StandingFacts standingOf(const UserStore& store, ByteView certificate, const Tal
     const std::optional<KeyLink> link = linkOf(*present);
     const bool isOurs = markOf(*present).has_value();
     if (!link) {
-        return {isOurs ? Standing::Broken : Standing::Absent, ""};
+        return {isOurs ? Standing::Broken : Standing::Absent, "", ""};
     }
-    const std::string provider = utf8(link->provider);
-    if (!isOurs) {
-        return {Standing::Foreign, provider};
-    }
-    return {leadsTo(*link, key) ? Standing::Published : Standing::Broken, provider};
+    const Standing standing = !isOurs               ? Standing::Foreign
+                              : leadsTo(*link, key) ? Standing::Published
+                                                    : Standing::Broken;
+    return {standing, utf8(link->provider), link->providerType == 0 ? "CNG" : "CryptoAPI"};
 }
 
 std::vector<TokenCertificate> certificatesOn(const std::vector<Device>& devices) {

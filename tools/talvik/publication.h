@@ -17,7 +17,8 @@ enum class Standing {
 };
 struct StandingFacts {
     Standing standing = Standing::Absent;
-    std::string link;  // the provider that it is linked to
+    std::string provider;  // that it is linked to
+    std::string face;      // "CNG" or "CryptoAPI"
 };
 const char* nameOf(Standing standing);
 StandingFacts standingOf(const UserStore& store, ByteView certificate, const TalvikKeyPair& key);
