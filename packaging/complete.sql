@@ -15,18 +15,22 @@ UPDATE `InstallExecuteSequence` SET `Sequence` = 1540 WHERE `Action` = 'RemoveEx
 CREATE TABLE `CompLocator` (`Signature_` CHAR(72) NOT NULL, `ComponentId` CHAR(38) NOT NULL, `Type` INT PRIMARY KEY `Signature_`)
 INSERT INTO `CompLocator` (`Signature_`, `ComponentId`, `Type`) VALUES ('InstalledProvider', '{0D6F2B3C-5B0E-4E55-8D7C-2F1B8C1E9A41}', 1)
 INSERT INTO `CompLocator` (`Signature_`, `ComponentId`, `Type`) VALUES ('InstalledTool', '{0D6F2B3C-5B0E-4E55-8D7C-2F1B8C1E9A43}', 1)
+INSERT INTO `CompLocator` (`Signature_`, `ComponentId`, `Type`) VALUES ('InstalledWatch', '{0D6F2B3C-5B0E-4E55-8D7C-2F1B8C1E9A44}', 1)
 INSERT INTO `CompLocator` (`Signature_`, `ComponentId`, `Type`) VALUES ('InstalledVirtualToken', '{0D6F2B3C-5B0E-4E55-8D7C-2F1B8C1E9A42}', 1)
 INSERT INTO `Signature` (`Signature`, `FileName`) VALUES ('InstalledProvider', 'TalvikCSP.dll')
 INSERT INTO `Signature` (`Signature`, `FileName`) VALUES ('InstalledTool', 'talvik.exe')
+INSERT INTO `Signature` (`Signature`, `FileName`) VALUES ('InstalledWatch', 'talvik-watch.exe')
 INSERT INTO `Signature` (`Signature`, `FileName`) VALUES ('InstalledVirtualToken', 'TalvikDSCLibrary.dll')
 CREATE TABLE `Condition` (`Feature_` CHAR(38) NOT NULL, `Level` INT NOT NULL, `Condition` CHAR(255) PRIMARY KEY `Feature_`, `Level`)
 INSERT INTO `Condition` (`Feature_`, `Level`, `Condition`) VALUES ('Tools', 1, 'WIX_UPGRADE_DETECTED AND INSTALLEDTOOL')
+INSERT INTO `Condition` (`Feature_`, `Level`, `Condition`) VALUES ('Watch', 1, 'WIX_UPGRADE_DETECTED AND INSTALLEDWATCH')
 INSERT INTO `Condition` (`Feature_`, `Level`, `Condition`) VALUES ('VirtualToken', 1, 'WIX_UPGRADE_DETECTED AND INSTALLEDVIRTUALTOKEN')
 
 -- Without versions, a file that is already there would count as newer than ours.
 UPDATE `File` SET `Version` = '@TalvikCSP.dll@' WHERE `File` = 'TalvikCSP.dll'
 UPDATE `File` SET `Version` = '@TalvikDSCLibrary.dll@' WHERE `File` = 'TalvikDSCLibrary.dll'
 UPDATE `File` SET `Version` = '@talvik.exe@' WHERE `File` = 'talvik.exe'
+UPDATE `File` SET `Version` = '@talvik-watch.exe@' WHERE `File` = 'talvik_watch.exe'
 
 -- DEVICELIBRARY: the device library in the system folder. On the command line it says that there is one elsewhere.
 CREATE TABLE `DrLocator` (`Signature_` CHAR(72) NOT NULL, `Parent` CHAR(72), `Path` CHAR(255), `Depth` INT PRIMARY KEY `Signature_`, `Parent`, `Path`)
@@ -35,6 +39,7 @@ INSERT INTO `DrLocator` (`Signature_`, `Path`, `Depth`) VALUES ('DeviceLibrary',
 INSERT INTO `AppSearch` (`Property`, `Signature_`) VALUES ('DEVICELIBRARY', 'DeviceLibrary')
 INSERT INTO `AppSearch` (`Property`, `Signature_`) VALUES ('INSTALLEDPROVIDER', 'InstalledProvider')
 INSERT INTO `AppSearch` (`Property`, `Signature_`) VALUES ('INSTALLEDTOOL', 'InstalledTool')
+INSERT INTO `AppSearch` (`Property`, `Signature_`) VALUES ('INSTALLEDWATCH', 'InstalledWatch')
 INSERT INTO `AppSearch` (`Property`, `Signature_`) VALUES ('INSTALLEDVIRTUALTOKEN', 'InstalledVirtualToken')
 UPDATE `Property` SET `Value` = 'WIX_DOWNGRADE_DETECTED;WIX_UPGRADE_DETECTED;DEVICELIBRARY' WHERE `Property` = 'SecureCustomProperties'
 INSERT INTO `InstallExecuteSequence` (`Action`, `Sequence`) VALUES ('AppSearch', 50)

@@ -3,43 +3,18 @@
 #include <algorithm>
 
 #include "der.h"
+#include "public_key_info.h"
 #include "rsa_padding.h"
 #include "status.h"
 
 namespace virtual_token {
 namespace {
 
-constexpr std::string_view oidRsaEncryption("\x2A\x86\x48\x86\xF7\x0D\x01\x01\x01", 9);
-constexpr std::string_view oidEcPublicKey("\x2A\x86\x48\xCE\x3D\x02\x01", 7);
-constexpr unsigned char noUnusedBits[] = {0};
 constexpr std::size_t smallestModulus = 1024 / 8;
 constexpr std::size_t largestModulus = 4096 / 8;
 
 int intLength(ByteView bytes) {
     return static_cast<int>(bytes.size());
-}
-
-ByteView withoutLeadingZeros(ByteView number) {
-    while (!number.empty() && number[0] == 0) {
-        number = number.subspan(1);
-    }
-    return number;
-}
-
-Bytes subjectPublicKeyInfo(const Bytes& algorithm, ByteView key) {
-    return derElement(derSequence, {algorithm, derElement(derBitString, {noUnusedBits, key})});
-}
-
-Bytes rsaPublicKeyInfo(ByteView modulus, ByteView exponent) {
-    const Bytes algorithm =
-        derElement(derSequence, {derElement(derObjectIdentifier, {viewOf(oidRsaEncryption)}), derElement(derNull, {})});
-    return subjectPublicKeyInfo(algorithm, derElement(derSequence, {derUnsigned(modulus), derUnsigned(exponent)}));
-}
-
-Bytes ecPublicKeyInfo(const KeyType& type, ByteView point) {
-    const Bytes algorithm = derElement(derSequence, {derElement(derObjectIdentifier, {viewOf(oidEcPublicKey)}),
-                                                     derElement(derObjectIdentifier, {viewOf(type.curveOid)})});
-    return subjectPublicKeyInfo(algorithm, point);
 }
 
 GeneratedKey generateRsa(const KeyType& type) {

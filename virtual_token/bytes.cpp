@@ -1,8 +1,8 @@
 #include "bytes.h"
 
+#include <wincrypt.h>
+
 #include <algorithm>
-#include <array>
-#include <cstdint>
 #include <cstring>
 #include <ntsecapi.h>
 
@@ -13,17 +13,6 @@ namespace virtual_token {
 namespace {
 
 constexpr std::string_view hexDigits = "0123456789ABCDEF";
-constexpr std::string_view base64Digits = TALVIK_BASE64_ALPHABET;
-constexpr unsigned char notADigit = 0xFF;
-
-constexpr std::array<unsigned char, 256> base64Values = [] {
-    std::array<unsigned char, 256> values{};
-    values.fill(notADigit);
-    for (std::size_t i = 0; i < base64Digits.size(); ++i) {
-        values[static_cast<unsigned char>(base64Digits[i])] = static_cast<unsigned char>(i);
-    }
-    return values;
-}();
 
 unsigned char hexValue(char digit) {
     const char upper = digit >= 'a' && digit <= 'f' ? static_cast<char>(digit - 'a' + 'A') : digit;
@@ -69,39 +58,28 @@ Bytes fromHex(std::string_view text) {
 }
 
 std::string toBase64(ByteView bytes) {
-    std::string text;
-    text.reserve((bytes.size() + 2) / 3 * 4);
-    for (std::size_t i = 0; i < bytes.size(); i += 3) {
-        const std::size_t present = std::min<std::size_t>(3, bytes.size() - i);
-        std::uint32_t group = 0;
-        for (std::size_t k = 0; k < 3; ++k) {
-            group = group << 8 | (k < present ? bytes[i + k] : 0u);
-        }
-        for (std::size_t k = 0; k < 4; ++k) {
-            text += k <= present ? base64Digits[group >> (18 - 6 * k) & 63] : '=';
-        }
+    if (bytes.empty()) {
+        return "";
     }
+    constexpr DWORD form = CRYPT_STRING_BASE64 | CRYPT_STRING_NOCRLF;
+    const auto size = static_cast<DWORD>(bytes.size());
+    DWORD length = 0;
+    require(CryptBinaryToStringA(bytes.data(), size, form, nullptr, &length), Status::InternalError);
+    std::string text(length, '\0');  // with room for a NUL
+    require(CryptBinaryToStringA(bytes.data(), size, form, text.data(), &length), Status::InternalError);
+    text.resize(length);
     return text;
 }
 
 Bytes fromBase64(std::string_view text) {
+    Bytes bytes(text.size() / 4 * 3);
+    auto length = static_cast<DWORD>(bytes.size());
+    const auto size = static_cast<DWORD>(text.size());
     require(text.size() % 4 == 0, Status::InvalidArgument);
-    const std::size_t padding = text.ends_with("==") ? 2 : text.ends_with('=') ? 1 : 0;
-    Bytes bytes;
-    bytes.reserve(text.size() / 4 * 3);
-    std::uint32_t group = 0;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const bool pad = i >= text.size() - padding;
-        const unsigned char value = pad ? 0 : base64Values[static_cast<unsigned char>(text[i])];
-        require(value != notADigit, Status::InvalidArgument);
-        group = group << 6 | value;
-        if (i % 4 == 3) {
-            bytes.insert(bytes.end(),
-                         {static_cast<unsigned char>(group >> 16 & 0xFF), static_cast<unsigned char>(group >> 8 & 0xFF),
-                          static_cast<unsigned char>(group & 0xFF)});
-        }
-    }
-    bytes.resize(bytes.size() - padding);
+    require(text.empty() ||
+                CryptStringToBinaryA(text.data(), size, CRYPT_STRING_BASE64, bytes.data(), &length, nullptr, nullptr),
+            Status::InvalidArgument);
+    bytes.resize(length);
     return bytes;
 }
 

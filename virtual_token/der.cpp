@@ -26,7 +26,7 @@ DerElement DerReader::read() {
     std::size_t length = rest_[1];
     if (length >= 0x80) {
         const std::size_t digits = length & 0x7F;
-        require(digits >= 1 && digits <= 3 && rest_.size() >= 2 + digits, Status::BadData);
+        require(digits >= 1 && digits <= 4 && rest_.size() >= 2 + digits, Status::BadData);
         length = 0;
         for (std::size_t i = 0; i < digits; ++i) {
             length = length << 8 | rest_[2 + i];

@@ -61,6 +61,12 @@ const KeyType* keyTypeOfCurve(ByteView oid) {
                 [oid](const KeyType& type) { return !type.isRsa() && std::ranges::equal(viewOf(type.curveOid), oid); });
 }
 
+const KeyType* keyTypeOfModulus(ByteView modulus) {
+    const bool isWhole = !modulus.empty() && modulus[0] >= 0x80;  // its bits are all of its bytes
+    return find(keyTypes,
+                [&](const KeyType& type) { return type.isRsa() && isWhole && modulus.size() * 8 == type.bits; });
+}
+
 const AesKeyType* aesKeyTypeOf(std::size_t keyLength) {
     return find(aesKeyTypes, [keyLength](const AesKeyType& type) { return type.keyLength == keyLength; });
 }

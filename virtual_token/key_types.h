@@ -22,6 +22,7 @@ struct KeyType {
 const KeyType* keyTypeOf(std::uint32_t code);        // null when there is none
 const KeyType* keyTypeNamed(std::string_view name);  // null when there is none
 const KeyType* keyTypeOfCurve(ByteView oid);         // null when there is none
+const KeyType* keyTypeOfModulus(ByteView modulus);   // null when its bits, without zeros in front, are no key's size
 
 struct AesKeyType {
     std::uint32_t code;  // TalvikSymmetricKey::keyType

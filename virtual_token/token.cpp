@@ -7,6 +7,7 @@
 
 #include "gcrypt_objects.h"
 #include "status.h"
+#include "system_text.h"
 
 namespace virtual_token {
 namespace {
@@ -71,6 +72,14 @@ void Token::create(const std::wstring& path, TokenState state, std::string_view 
     token.store(std::move(state), std::make_shared<ObjectSet>(TokenObjects()));
 }
 
+void Token::remove() {
+    const FileLock lock(siblingPath(L".lock"));
+    require(stampOf(path_).has_value(), Status::NoSuchDevice);
+    for (const wchar_t* extension : {L".json", L".json.new", L".session", L".session.new"}) {
+        deleteFile(siblingPath(extension));
+    }
+}
+
 // --- the file's content ---
 
 std::wstring Token::siblingPath(const wchar_t* extension) const {
@@ -107,10 +116,11 @@ Snapshot Token::load() {
     try {
         readTokenText({reinterpret_cast<const char*>(content->data()), content->size()}, fresh.state, objects);
         require(fresh.state.id == id_, Status::NoSuchDevice);  // the file system takes "t1" for "T1"
-    } catch (const TokenError& error) {
+    } catch (const TokenError& problem) {
+        const TokenError error(problem.status(), utf8(path_) + ": " + problem.what());
         const std::lock_guard guard(lock_);
         unreadable_ = std::make_unique<const Unreadable>(Unreadable{fresh.stamp, error});
-        throw;
+        throw error;
     }
     fresh.objects = std::make_shared<ObjectSet>(std::move(objects));
     return fresh;
@@ -279,22 +289,28 @@ void Token::validatePin(std::string_view pin) {
     }
 }
 
-void Token::setUserPin(std::string_view newPin, const SecretBytes& masterKey) {
+void Token::setPin(PinSlot TokenState::*slot, std::string_view newPin, const SecretBytes& masterKey) {
     changeState([&](TokenState& state) {
-        state.userPin = makeSlot(newPin, state.userPin.attemptsAllowed, masterKey, state.masterKeyId);
+        state.*slot = makeSlot(newPin, (state.*slot).attemptsAllowed, masterKey, state.masterKeyId);
     });
 }
 
 void Token::changePin(std::string_view pin, std::string_view newPin) {
     requirePinRule(newPin);
     attachedSnapshot();
-    setUserPin(newPin, *testPin(&TokenState::userPin, pin));
+    setPin(&TokenState::userPin, newPin, *testPin(&TokenState::userPin, pin));
 }
 
 void Token::unblock(std::string_view adminPin, std::string_view newPin) {
     requirePinRule(newPin);
     attachedSnapshot();
-    setUserPin(newPin, *testPin(&TokenState::adminPin, adminPin));
+    setPin(&TokenState::userPin, newPin, *testPin(&TokenState::adminPin, adminPin));
+}
+
+void Token::changeAdminPin(std::string_view adminPin, std::string_view newAdminPin) {
+    requirePinRule(newAdminPin);
+    attachedSnapshot();
+    setPin(&TokenState::adminPin, newAdminPin, *testPin(&TokenState::adminPin, adminPin));
 }
 
 // --- single sign-on ---

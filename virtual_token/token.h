@@ -40,6 +40,9 @@ class Token {
     // Makes the token's file. `state` gives its identifier, label and firmware version.
     static void create(const std::wstring& path, TokenState state, std::string_view pin, std::string_view adminPin);
 
+    // Takes the token's files away, damaged ones too, but for the lock.
+    void remove();
+
     SnapshotPointer snapshot();          // the file's content, read anew only when the file has changed
     SnapshotPointer attachedSnapshot();  // throws DeviceDetached
 
@@ -52,6 +55,7 @@ class Token {
     bool signedOn();                         // single sign-on is on and usable
     void changePin(std::string_view pin, std::string_view newPin);
     void unblock(std::string_view adminPin, std::string_view newPin);
+    void changeAdminPin(std::string_view adminPin, std::string_view newAdminPin);
     void signOn(std::string_view pin);
     void endSignOn(SignOn how);  // Off or Expired
 
@@ -60,7 +64,12 @@ class Token {
 
     // --- objects (token_objects.cpp) ---
     KeyPairObject generateKeyPair(std::string_view pin, std::uint32_t type, std::uint32_t usage, std::string label);
+    // `key` comes from elsewhere, with certificates of its own and of others; its usage follows the rules of
+    // generateKeyPair. All of it is stored, or nothing. Throws AlreadyExists for a key that the token has.
+    KeyPairObject importKeyPair(std::string_view pin, const GeneratedKey& key, std::uint32_t usage, std::string label,
+                                const std::vector<Bytes>& certificates);
     void deleteKeyPair(std::string_view pin, const ObjectId& id);
+    void deleteCertificate(std::string_view pin, const Bytes& der);
     void importCertificate(std::string_view pin, CertificateObject certificate);
     AesKeyObject importAesKey(std::string_view pin, AesKeyObject key, ByteView value);
     Bytes sign(std::string_view pin, const ObjectId& id, ByteView digest, bool pss);
@@ -94,10 +103,12 @@ class Token {
     void rememberLogin(const TokenState& state, std::string_view pin, MasterKey key);
     void restoreAttempts();
     MasterKey testPin(PinSlot TokenState::*slot, std::string_view pin);
-    void setUserPin(std::string_view newPin, const SecretBytes& masterKey);
+    void setPin(PinSlot TokenState::*slot, std::string_view newPin, const SecretBytes& masterKey);
     void forget(const Snapshot& fresh);
     std::wstring siblingPath(const wchar_t* extension) const;
     MasterKey sessionKey(const TokenState& state);
+    KeyPairObject storeKeyPair(std::string_view pin, const KeyType& type, std::uint32_t usage, std::string label,
+                               const std::function<GeneratedKey()>& make, const std::vector<Bytes>& certificates);
     PrivateKeyPointer privateKey(const TokenState& state, const KeyPairObject& key, const SecretBytes& masterKey);
     PrivateKeyPointer privateKeyFor(std::string_view pin, const ObjectId& id, std::uint32_t usage);
 

@@ -33,10 +33,10 @@ inline constexpr std::uint64_t largestFile = 64u << 20;  // bytes
 // The whole file; `stamp` belongs to just this content. Nothing when there is no such file.
 std::optional<SecretBytes> readFile(const std::wstring& path, FileStamp& stamp);
 
-// Writes a temporary file beside it, flushes it and moves it into place: the file is the old or the new one, never
-// less. `ownerOnly` keeps other users out: a file in the way, with access rights of its own, is not used. Gives the new
-// file's stamp; throws TokenError(StorageFailure).
-FileStamp replaceFile(const std::wstring& path, ByteView content, bool ownerOnly);
+// Writes a temporary file beside it, whose name ends in `temporary`, flushes it and moves it into place: the file is
+// the old or the new one, never less. `ownerOnly` keeps other users out: a file in the way, with access rights of its
+// own, is not used. Gives the new file's stamp; throws TokenError(StorageFailure).
+FileStamp replaceFile(const std::wstring& path, ByteView content, bool ownerOnly, const wchar_t* temporary = L".new");
 
 void deleteFile(const std::wstring& path);
 

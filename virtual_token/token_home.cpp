@@ -8,6 +8,7 @@
 #include <shared_mutex>
 
 #include "status.h"
+#include "system_text.h"
 
 namespace virtual_token {
 namespace {
@@ -62,6 +63,11 @@ bool isDeviceName(std::string_view id) {
     std::ranges::transform(base, base.begin(), [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
     const bool numbered = base.size() == 4 && (base.starts_with("COM") || base.starts_with("LPT"));
     return numbered || std::ranges::find(systemDevices, base) != std::end(systemDevices);
+}
+
+// Of a token that is not, or not any more; unless somebody holds it.
+void deleteLock(const std::wstring& path) {
+    DeleteFileW((path.substr(0, path.size() - tokenExtension.size()) + L".lock").c_str());
 }
 
 struct FindCloser {
@@ -141,8 +147,24 @@ void createToken(TokenState state, std::string_view pin, std::string_view adminP
     const std::wstring path = tokenPath(state.id);
     std::error_code problem;
     std::filesystem::create_directories(tokenHome(), problem);
-    require(!problem, Status::StorageFailure);
-    Token::create(path, std::move(state), pin, adminPin);
+    if (problem) {
+        throw TokenError(Status::StorageFailure,
+                         "cannot make the folder " + utf8(tokenHome()) + ": " + problem.message());
+    }
+    try {
+        Token::create(path, std::move(state), pin, adminPin);
+    } catch (...) {
+        if (!stampOf(path)) {
+            deleteLock(path);
+        }
+        throw;
+    }
+}
+
+void deleteToken(std::string_view id) {
+    const std::wstring path = tokenPath(id);
+    Token(path, std::string(id)).remove();
+    deleteLock(path);
 }
 
 }  // namespace virtual_token

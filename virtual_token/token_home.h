@@ -30,4 +30,7 @@ std::vector<ListedToken> listTokens();
 
 void createToken(TokenState state, std::string_view pin, std::string_view adminPin);
 
+// Throws TokenError(NoSuchDevice) when there is no such file; the identifier may be that of a damaged one.
+void deleteToken(std::string_view id);
+
 }  // namespace virtual_token

@@ -59,28 +59,67 @@ const KeyPairObject* ownerOf(const CertificateObject& certificate, const Bytes& 
     return found == keyPairs.end() ? nullptr : &*found;
 }
 
+void place(CertificateObject certificate, const CertificateFacts& facts, TokenObjects& objects) {
+    const KeyPairObject* key = ownerOf(certificate, facts.publicKeyInfo, objects.keyPairs);
+    require(key != nullptr || isZero(certificate.keyId), Status::NoSuchObject);
+    if (key != nullptr) {
+        certificate.keyId = key->id;
+        certificate.alias = certificate.alias.empty() ? key->alias : certificate.alias;
+        certificate.label = certificate.label.empty() ? key->label : certificate.label;
+    } else if (certificate.label.empty()) {
+        certificate.label = facts.subject;
+    }
+    // A key has one certificate: a renewed one takes the place of its predecessor, and of itself where it came before
+    // its key.
+    std::erase_if(objects.certificates, [&](const CertificateObject& present) {
+        return isZero(present.keyId) ? present.der == certificate.der : key != nullptr && present.keyId == key->id;
+    });
+    objects.certificates.push_back(std::move(certificate));
+}
+
 }  // namespace
 
-KeyPairObject Token::generateKeyPair(std::string_view pin, std::uint32_t type, std::uint32_t usage, std::string label) {
-    const KeyType* keyType = keyTypeOf(type == 0 ? TALVIK_KEY_RSA_2048 : type);
-    require(keyType != nullptr, Status::Unsupported);
-    usage = usageFor(*keyType, usage);
+KeyPairObject Token::storeKeyPair(std::string_view pin, const KeyType& type, std::uint32_t usage, std::string label,
+                                  const std::function<GeneratedKey()>& make, const std::vector<Bytes>& certificates) {
+    usage = usageFor(type, usage);
     const SnapshotPointer now = attachedSnapshot();
     const MasterKey masterKey = unlockIn(now, pin);
 
-    const GeneratedKey generated = generateKey(*keyType);
+    const GeneratedKey made = make();
     KeyPairObject key;
     key.id = freshId();
     const std::string alias = toHex(key.id);
     key.alias.assign(alias.begin(), alias.end());
-    key.label = label.empty() ? labelFor(keyType->name, key.id) : std::move(label);
-    key.type = keyType->code;
+    key.label = label.empty() ? labelFor(type.name, key.id) : std::move(label);
+    key.type = type.code;
     key.usage = usage;
     key.storageFlag = storedOnToken;
-    key.publicKey = generated.publicKey;
-    key.sealedSecret = seal(*masterKey, generated.secret, sealContext(now->state, key.id));
-    changeObjects([&key](TokenObjects& objects) { objects.keyPairs.push_back(key); });
+    key.publicKey = made.publicKey;
+    key.sealedSecret = seal(*masterKey, made.secret, sealContext(now->state, key.id));
+    changeObjects([&](TokenObjects& objects) {
+        require(std::ranges::find(objects.keyPairs, key.publicKey, &KeyPairObject::publicKey) == objects.keyPairs.end(),
+                Status::AlreadyExists);
+        objects.keyPairs.push_back(key);
+        for (const Bytes& der : certificates) {
+            place({{}, {}, "", der}, readCertificate(der), objects);
+        }
+    });
     return key;
+}
+
+KeyPairObject Token::generateKeyPair(std::string_view pin, std::uint32_t type, std::uint32_t usage, std::string label) {
+    const KeyType* keyType = keyTypeOf(type == 0 ? TALVIK_KEY_RSA_2048 : type);
+    require(keyType != nullptr, Status::Unsupported);
+    return storeKeyPair(pin, *keyType, usage, std::move(label), [keyType] { return generateKey(*keyType); }, {});
+}
+
+KeyPairObject Token::importKeyPair(std::string_view pin, const GeneratedKey& key, std::uint32_t usage,
+                                   std::string label, const std::vector<Bytes>& certificates) {
+    const PublicKey publicKey(key.publicKey);
+    const KeyType* keyType = publicKey.isRsa() ? keyTypeOfModulus(publicKey.modulus()) : publicKey.curve();
+    require(keyType != nullptr, Status::BadKey);
+    return storeKeyPair(
+        pin, *keyType, usage, std::move(label), [&key] { return key; }, certificates);
 }
 
 void Token::deleteKeyPair(std::string_view pin, const ObjectId& id) {
@@ -92,25 +131,19 @@ void Token::deleteKeyPair(std::string_view pin, const ObjectId& id) {
     });
 }
 
+void Token::deleteCertificate(std::string_view pin, const Bytes& der) {
+    unlock(pin);
+    changeObjects([&der](TokenObjects& objects) {
+        require(std::erase_if(objects.certificates,
+                              [&der](const CertificateObject& present) { return present.der == der; }) > 0,
+                Status::NoSuchObject);
+    });
+}
+
 void Token::importCertificate(std::string_view pin, CertificateObject certificate) {
     const CertificateFacts facts = readCertificate(certificate.der);
     unlock(pin);
-    changeObjects([&](TokenObjects& objects) {
-        const KeyPairObject* key = ownerOf(certificate, facts.publicKeyInfo, objects.keyPairs);
-        require(key != nullptr || isZero(certificate.keyId), Status::NoSuchObject);
-        if (key != nullptr) {
-            certificate.keyId = key->id;
-            certificate.alias = certificate.alias.empty() ? key->alias : certificate.alias;
-            certificate.label = certificate.label.empty() ? key->label : certificate.label;
-        } else if (certificate.label.empty()) {
-            certificate.label = facts.subject;
-        }
-        // A key has one certificate: a renewed one takes the place of its predecessor.
-        std::erase_if(objects.certificates, [&](const CertificateObject& present) {
-            return key != nullptr ? present.keyId == key->id : present.der == certificate.der;
-        });
-        objects.certificates.push_back(certificate);
-    });
+    changeObjects([&](TokenObjects& objects) { place(std::move(certificate), facts, objects); });
 }
 
 AesKeyObject Token::importAesKey(std::string_view pin, AesKeyObject key, ByteView value) {

@@ -1,20 +1,13 @@
 // An application that knows a certificate of the user's store and nothing of the provider.
+#include <gmock/gmock.h>
+
 #include "e2e/objects.h"
 
 namespace e2e {
 namespace {
 
-inline BOOL closeStore(HCERTSTORE store) {
-    return CertCloseStore(store, 0);
-}
-using Store = Owned<HCERTSTORE, closeStore>;
-using Certificate = Owned<PCCERT_CONTEXT, CertFreeCertificateContext>;
-
-// The user's own store, which is written when it is closed.
 Store myStore() {
-    Store store;
-    *store.put() = CertOpenSystemStoreA(0, "MY");
-    return store;
+    return systemStore("MY");
 }
 
 class StoreClient : public Tokens {
@@ -24,41 +17,54 @@ class StoreClient : public Tokens {
         while (const PCCERT_CONTEXT certificate = CertEnumCertificatesInStore(store, nullptr)) {
             EXPECT_TRUE(CertDeleteCertificateFromStore(certificate));
         }
+        EXPECT_TRUE(
+            CertControlStore(store, 0, CERT_STORE_CTRL_COMMIT, nullptr));  // closing writes what was added alone
     }
 };
 
-void addToMyStore(const Bytes& der, const std::string& container) {
-    const Store store = myStore();
-    Certificate certificate;
-    ASSERT_TRUE(CertAddEncodedCertificateToStore(store, X509_ASN_ENCODING, der.data(), static_cast<DWORD>(der.size()),
-                                                 CERT_STORE_ADD_REPLACE_EXISTING, certificate.put()));
+void link(PCCERT_CONTEXT certificate, const std::string& container) {
     std::wstring name(container.begin(), container.end());
     std::wstring provider(std::begin(providerName), std::end(providerName) - 1);
     CRYPT_KEY_PROV_INFO info{name.data(), provider.data(), PROV_RSA_FULL, 0, 0, nullptr, AT_SIGNATURE};
     EXPECT_TRUE(CertSetCertificateContextProperty(certificate, CERT_KEY_PROV_INFO_PROP_ID, 0, &info));
 }
 
-// Finds its certificate, and through it the private key, anew for each signature.
-const PlayedRole client("client", [](const std::string& name) {
+// Linked to the container of this name, if it has one.
+void addToMyStore(const Bytes& der, const std::string& container) {
+    const Store store = myStore();
+    Certificate certificate;
+    ASSERT_TRUE(CertAddEncodedCertificateToStore(store, X509_ASN_ENCODING, der.data(), static_cast<DWORD>(der.size()),
+                                                 CERT_STORE_ADD_REPLACE_EXISTING, certificate.put()));
+    if (!container.empty()) {
+        link(certificate, container);
+    }
+}
+
+Certificate mine(const Store& store) {
     const Bytes subjectBytes = read("subject");
     const std::wstring subject(subjectBytes.begin(), subjectBytes.end());
+    Certificate found;
+    *found.put() =
+        CertFindCertificateInStore(store, X509_ASN_ENCODING, 0, CERT_FIND_SUBJECT_STR_W, subject.c_str(), nullptr);
+    return found;
+}
+
+// Finds its certificate, and through it the private key, anew for each signature.
+const PlayedRole client("client", [](const std::string& name) {
+    if (!mine(myStore())) {
+        return 1;
+    }
     DialogRobot robot;
     robot.enters(pin);
     for (int i = 0; i < 3; ++i) {
         const Store store = myStore();
-        Certificate certificate;
-        *certificate.put() =
-            CertFindCertificateInStore(store, X509_ASN_ENCODING, 0, CERT_FIND_SUBJECT_STR_W, subject.c_str(), nullptr);
+        const Certificate certificate = mine(store);
         Context context;
         DWORD keySpec = 0;
         BOOL isOurs = FALSE;
-        if (!certificate ||
-            !CryptAcquireCertificatePrivateKey(certificate, 0, nullptr, context.put(), &keySpec, &isOurs)) {
-            return 1;
-        }
+        EXPECT_TRUE(CryptAcquireCertificatePrivateKey(certificate, 0, nullptr, context.put(), &keySpec, &isOurs));
         EXPECT_TRUE(isOurs);
-        EXPECT_EQ(keySpec, static_cast<DWORD>(AT_SIGNATURE));
-        write("signature-" + name, sign(digest(context, CALG_SHA_256, bytesOf(name))));
+        write("signature-" + name, sign(digest(context, CALG_SHA_256, bytesOf(name)), keySpec));
     }
     EXPECT_EQ(robot.finish(), Seen{"PIN"});
     return 0;
@@ -76,6 +82,103 @@ TEST_F(StoreClient, SignsWithTheTokensKeyAndIsAskedForOnePin) {
         EXPECT_EQ(Role("client", name).wait(), 0u);
         EXPECT_TRUE(opensslAccepts(key, "-sha256", bytesOf(name), read("signature-" + name)));
     }
+}
+
+// Compared whole: the certificates of these tests share their issuer and its serial number.
+Certificate inMyStore(const Bytes& der, const Store& store = myStore()) {
+    PCCERT_CONTEXT each = nullptr;
+    while ((each = CertEnumCertificatesInStore(store, each)) != nullptr &&
+           der != Bytes(each->pbCertEncoded, each->pbCertEncoded + each->cbCertEncoded)) {
+    }
+    Certificate found;
+    *found.put() = each;
+    return found;
+}
+
+bool isInMyStore(const Bytes& der) {
+    return inMyStore(der) != nullptr;
+}
+
+// What `talvik certs` did to each certificate, in its own words.
+std::string outcome(const std::string& arguments) {
+    EXPECT_EQ(talvik("certs " + arguments, "outcome"), 0) << arguments;
+    const Bytes said = read("outcome");
+    return {said.begin(), said.end()};
+}
+
+class PublishedCertificate : public StoreClient {
+  protected:
+    // On the token, for the key of public.der.
+    Bytes enrol(const std::string& subject) {
+        write("subject", bytesOf(subject));
+        const Bytes der = certificateForPublicKey(subject);
+        EXPECT_EQ(talvik("certs import \"" + (scratch().path() / "certificate.der").string() + "\" --pin 1234"), 0);
+        return der;
+    }
+};
+
+TEST_F(PublishedCertificate, IsFoundBySubjectAloneUntilItIsWithdrawn) {
+    makeKeyPair(token(), TALVIK_KEY_RSA_2048, TALVIK_USAGE_BOTH);
+    const Bytes key = read("public.der");
+    const Bytes other = certificateForPublicKey("Other");
+    addToMyStore(other, "somebody else's");
+    const Bytes published = enrol("Published-" + token());
+
+    EXPECT_EQ(Role("client", "before").wait(), 1u);
+    EXPECT_THAT(outcome("publish"), ::testing::HasSubstr("published"));
+    EXPECT_THAT(outcome("publish"), ::testing::HasSubstr("unchanged"));
+    EXPECT_EQ(Role("client", "after").wait(), 0u);
+    EXPECT_TRUE(opensslAccepts(key, "-sha256", bytesOf("after"), read("signature-after")));
+    EXPECT_THAT(outcome("withdraw"), ::testing::HasSubstr("withdrawn"));
+    EXPECT_FALSE(isInMyStore(published));
+    EXPECT_TRUE(isInMyStore(other));
+
+    addToMyStore(published, "somebody else's");
+    EXPECT_THAT(outcome("publish"), ::testing::HasSubstr("left alone"));
+    outcome("withdraw");
+    EXPECT_TRUE(isInMyStore(published));
+}
+
+// A link of its own is mended, and only the link taken back where the certificate was there before.
+TEST_F(PublishedCertificate, LinksAreMendedAndTakenBack) {
+    makeKeyPair(token(), TALVIK_KEY_RSA_2048, TALVIK_USAGE_BOTH);
+    const Bytes der = enrol("Linked-" + token());
+    addToMyStore(der, "");
+    EXPECT_THAT(outcome("publish"), ::testing::HasSubstr("published"));
+    {
+        const Store store = myStore();
+        const Certificate certificate = inMyStore(der, store);
+        link(certificate, "gone");
+        EXPECT_TRUE(CertControlStore(store, CERT_STORE_CTRL_COMMIT_FORCE_FLAG, CERT_STORE_CTRL_COMMIT, nullptr));
+    }
+    EXPECT_THAT(outcome("publish"), ::testing::HasSubstr("mended"));
+    EXPECT_EQ(Role("client", "mended").wait(), 0u);
+    outcome("withdraw");
+    DWORD size = 0;
+    const Certificate left = inMyStore(der);
+    ASSERT_TRUE(left);
+    EXPECT_FALSE(CertGetCertificateContextProperty(left, CERT_KEY_PROV_INFO_PROP_ID, nullptr, &size));
+}
+
+TEST_F(PublishedCertificate, FollowsTheTokenWhileItIsWatched) {
+    makeKeyPair(token(), TALVIK_KEY_RSA_2048, TALVIK_USAGE_BOTH);
+    const Bytes der = enrol("Watched-" + token());
+    const auto becomes = [&der](bool wanted) {
+        for (int i = 0; i < 600 && isInMyStore(der) != wanted; ++i) {
+            Sleep(100);
+        }
+        return isInMyStore(der) == wanted;
+    };
+    ChildProcess watch(talvikCommand("certs watch --withdraw"));
+    EXPECT_TRUE(becomes(true));
+    EXPECT_EQ(talvik("certs watch"), 4);  // one in a session
+    change("detach", token());
+    EXPECT_TRUE(becomes(false));
+    change("attach", token());
+    EXPECT_TRUE(becomes(true));
+    EXPECT_EQ(talvik("certs watch --stop"), 0);
+    EXPECT_EQ(watch.wait(), 0u);
+    EXPECT_TRUE(isInMyStore(der));
 }
 
 }  // namespace

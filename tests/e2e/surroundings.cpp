@@ -54,9 +54,8 @@ BOOL givePin(const Context& context, const char* text, DWORD parameter) {
     return CryptSetProvParam(context, parameter, reinterpret_cast<const BYTE*>(text), 0);
 }
 
-Bytes sign(const Hash& hash) {
-    return delivered(
-        [&](BYTE* data, DWORD* size) { return CryptSignHashA(hash, AT_SIGNATURE, nullptr, 0, data, size); });
+Bytes sign(const Hash& hash, DWORD keySpec) {
+    return delivered([&](BYTE* data, DWORD* size) { return CryptSignHashA(hash, keySpec, nullptr, 0, data, size); });
 }
 
 Bytes valueOf(const Hash& hash) {

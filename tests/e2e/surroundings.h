@@ -48,6 +48,19 @@ using Context = Owned<HCRYPTPROV, releaseContext>;
 using Key = Owned<HCRYPTKEY, CryptDestroyKey>;
 using Hash = Owned<HCRYPTHASH, CryptDestroyHash>;
 
+inline BOOL closeStore(HCERTSTORE store) {
+    return CertCloseStore(store, 0);
+}
+using Store = Owned<HCERTSTORE, closeStore>;
+using Certificate = Owned<PCCERT_CONTEXT, CertFreeCertificateContext>;
+
+// A store of the user's, which is written when it is closed.
+inline Store systemStore(const char* name) {
+    Store store;
+    *store.put() = CertOpenSystemStoreA(0, name);
+    return store;
+}
+
 // What `call(buffer, &size)` delivers, after it was asked for the size; empty when it is refused.
 template <class Call>
 Bytes delivered(Call call, DWORD leastRoom = 0) {
@@ -79,7 +92,7 @@ inline std::int64_t errorOf(BOOL succeeded) {
 BOOL givePin(const Context& context, const char* text = pin, DWORD parameter = PP_SIGNATURE_PIN);
 
 // The signature in CryptoAPI's order, and the digest; empty, with the last error, when they are refused.
-Bytes sign(const Hash& hash);
+Bytes sign(const Hash& hash, DWORD keySpec = AT_SIGNATURE);
 Bytes valueOf(const Hash& hash);
 bool verifies(const Hash& hash, const Bytes& signature, const Key& key);
 

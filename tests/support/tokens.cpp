@@ -17,8 +17,8 @@ std::map<std::string, PlayedRole::Play>& roles() {
     return instance;
 }
 
-std::wstring wide(const std::string& text) {
-    return {text.begin(), text.end()};
+std::wstring wide(const std::string& utf8) {
+    return fs::path(std::u8string(utf8.begin(), utf8.end())).wstring();
 }
 
 }  // namespace

@@ -15,6 +15,7 @@ struct CertificateFacts {
     std::string subject;
     std::string expires;  // "2027-11-24", UTC
     bool matchesKey = false;
+    bool published = false;  // in the user's store with a link
 };
 
 struct ContainerFacts {
@@ -30,6 +31,7 @@ struct TokenFacts {
     std::string id;
     std::string firmware;
     bool signedOn = false;
+    bool takesNoPin = false;  // which the findings tell
     int initStatus = 0;
     std::size_t aesKeys = 0;
     std::vector<ContainerFacts> containers;
@@ -38,12 +40,13 @@ struct TokenFacts {
 struct DeviceFacts {
     ModuleFile library;
     std::size_t operations = 0;  // of those that the provider needs
+    bool inspected = false;      // whether the tokens were to be looked at
     std::vector<TokenFacts> tokens;
 };
 
 // How many operations the provider needs.
 std::size_t neededOperations();
 
-DeviceFacts inspectDevices(Findings& findings);
+DeviceFacts inspectDevices(bool withTokens, Findings& findings);
 
 }  // namespace talvik_tool

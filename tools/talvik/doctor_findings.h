@@ -29,7 +29,4 @@ class Findings {
     std::vector<Finding> list_;
 };
 
-// "0x80090023 (-2146893789)", with the system's words for it where it has any.
-std::string errorText(unsigned long error);
-
 }  // namespace talvik_tool

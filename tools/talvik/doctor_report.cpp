@@ -6,12 +6,14 @@
 #include <cstdio>
 #include <nlohmann/json.hpp>
 
-#include "log_files.h"
 #include "printable.h"
+#include "system_text.h"
 #include "token/device_library.h"
 
 namespace talvik_tool {
 namespace {
+
+using virtual_token::utf8;
 
 constexpr std::size_t pageWidth = 100;
 constexpr std::size_t labelWidth = 18;
@@ -76,7 +78,8 @@ void printContainer(std::ostream& out, const ContainerFacts& container) {
     for (const CertificateFacts& certificate : container.certificates) {
         printWrapped(out, "      ",
                      "certificate " + certificate.subject + ", expires " + certificate.expires +
-                         (certificate.matchesKey ? ", matches the key" : ", IS FOR ANOTHER KEY"));
+                         (certificate.matchesKey ? ", matches the key" : ", IS FOR ANOTHER KEY") +
+                         (certificate.published ? ", in the user's store" : ""));
     }
 }
 
@@ -86,6 +89,9 @@ void printDevices(std::ostream& out, const DeviceFacts& devices) {
     printRow(out, "interface",
              std::string(TALVIK_LIBRARY_VERSION) + ", " + std::to_string(devices.operations) + " of " +
                  std::to_string(neededOperations()) + " operations");
+    if (!devices.inspected) {
+        return;
+    }
     out << "Tokens" << (devices.tokens.empty() ? ": none" : "") << "\n";
     for (const TokenFacts& token : devices.tokens) {
         printRow(out, token.id,
@@ -134,7 +140,8 @@ Json toJson(const ContainerFacts& container) {
     for (const CertificateFacts& certificate : container.certificates) {
         certificates.push_back({{"subject", certificate.subject},
                                 {"expires", certificate.expires},
-                                {"matchesKey", certificate.matchesKey}});
+                                {"matchesKey", certificate.matchesKey},
+                                {"published", certificate.published}});
     }
     return {{"name", container.name},
             {"keyType", container.keyType},

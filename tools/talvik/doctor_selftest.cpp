@@ -15,9 +15,12 @@
 
 #include "doctor_system.h"
 #include "log_files.h"
+#include "system_text.h"
 
 namespace talvik_tool {
 namespace {
+
+using virtual_token::systemErrorText;
 
 using Bytes = std::vector<unsigned char>;
 
@@ -80,7 +83,7 @@ using Key = Owned<HCRYPTKEY, CryptDestroyKey>;
 
 void require(BOOL succeeded, const char* function) {
     if (!succeeded) {
-        throw std::runtime_error(std::string(function) + ": " + errorText(GetLastError()));
+        throw std::runtime_error(std::string(function) + ": " + systemErrorText(GetLastError()));
     }
 }
 

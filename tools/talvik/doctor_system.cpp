@@ -9,10 +9,14 @@
 
 #include "log_files.h"
 #include "system_folder.h"
+#include "system_text.h"
 #include "token/device_library.h"
 
 namespace talvik_tool {
 namespace {
+
+using virtual_token::systemErrorText;
+using virtual_token::utf8;
 
 constexpr char repair[] = "Repair the installation: msiexec /i Talvik-...-x64.msi REINSTALL=ALL REINSTALLMODE=amus";
 constexpr char registerCng[] = "As administrator: regsvr32 %SystemRoot%\\System32\\TalvikCSP.dll";
@@ -74,7 +78,7 @@ void checkLoading(Installation& found, Findings& findings) {
     found.providerLoads = module.handle() != nullptr;
     if (!found.providerLoads) {
         const DWORD error = GetLastError();
-        findings.problem("TalvikCSP.dll cannot be loaded: " + errorText(error),
+        findings.problem("TalvikCSP.dll cannot be loaded: " + systemErrorText(error),
                          error == ERROR_MOD_NOT_FOUND || error == ERROR_PROC_NOT_FOUND
                              ? "A module or function that it needs is missing: see what is said of the device library."
                              : repair);
@@ -139,37 +143,21 @@ void checkLog(Installation& found, Findings& findings) {
 
 }  // namespace
 
-std::string errorText(unsigned long error) {
-    char code[16];
-    std::snprintf(code, sizeof code, "0x%08lX", error);
-    wchar_t* words = nullptr;
-    const DWORD length = FormatMessageW(
-        FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr, error,
-        MAKELANGID(LANG_ENGLISH, SUBLANG_ENGLISH_US), reinterpret_cast<wchar_t*>(&words), 0, nullptr);
-    std::string text = code;
-    if (length != 0) {
-        std::string message = utf8(std::wstring(words, length));
-        message.erase(message.find_last_not_of(" \r\n") + 1);
-        text += " (" + message + ")";
-    }
-    LocalFree(words);
-    return text;
+bool isVirtualToken(const ModuleFile& library) {
+    return library.description == "Talvik virtual token";
 }
 
 ModuleFile describeModule(const std::wstring& path) {
-    constexpr wchar_t library[] = L"version.dll";
-    const auto sizeOf = systemFunction<decltype(GetFileVersionInfoSizeW)>(library, "GetFileVersionInfoSizeW");
-    const auto read = systemFunction<decltype(GetFileVersionInfoW)>(library, "GetFileVersionInfoW");
-    const auto query = systemFunction<decltype(VerQueryValueW)>(library, "VerQueryValueW");
     ModuleFile described{utf8(path), "", "", ""};
     DWORD ignored = 0;
-    std::string information(sizeOf(path.c_str(), &ignored), '\0');
-    if (information.empty() || !read(path.c_str(), 0, static_cast<DWORD>(information.size()), information.data())) {
+    std::string information(GetFileVersionInfoSizeW(path.c_str(), &ignored), '\0');
+    if (information.empty() ||
+        !GetFileVersionInfoW(path.c_str(), 0, static_cast<DWORD>(information.size()), information.data())) {
         return described;
     }
     void* value = nullptr;
     UINT size = 0;
-    if (query(information.data(), L"\\", &value, &size) && size >= sizeof(VS_FIXEDFILEINFO)) {
+    if (VerQueryValueW(information.data(), L"\\", &value, &size) && size >= sizeof(VS_FIXEDFILEINFO)) {
         const auto& fixed = *static_cast<const VS_FIXEDFILEINFO*>(value);
         char version[48];
         std::snprintf(version, sizeof version, "%u.%u.%u.%u", HIWORD(fixed.dwFileVersionMS),
@@ -178,7 +166,7 @@ ModuleFile describeModule(const std::wstring& path) {
     }
     const auto text = [&](const wchar_t* name) {
         const std::wstring path = std::wstring(L"\\StringFileInfo\\040904B0\\") + name;
-        const bool isThere = query(information.data(), path.c_str(), &value, &size) && size > 1;
+        const bool isThere = VerQueryValueW(information.data(), path.c_str(), &value, &size) && size > 1;
         return isThere ? utf8(static_cast<const wchar_t*>(value)) : std::string();
     };
     described.company = text(L"CompanyName");

@@ -32,6 +32,9 @@ struct Installation {
     std::string logFolder;
 };
 
+// Whether this device library is the one of this package, whose tokens are files.
+bool isVirtualToken(const ModuleFile& library);
+
 // The version information of a loaded module or a file.
 ModuleFile describeModule(const std::wstring& path);
 

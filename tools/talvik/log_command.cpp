@@ -2,18 +2,24 @@
 
 #include <windows.h>
 
-#include <array>
+#include <algorithm>
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
 #include <utility>
 
 #include "exit_code.h"
 #include "log_files.h"
+#include "output.h"
 #include "printable.h"
+#include "system_text.h"
 
 namespace talvik_tool {
 namespace {
+
+using virtual_token::utf8;
 
 namespace fs = std::filesystem;
 
@@ -23,7 +29,10 @@ constexpr std::pair<const char*, DWORD> levels[] = {{"debug", debugLevel}, {"err
 struct LogOptions {
     std::string program;
     std::string shown = "debug";
+    std::string day;
     bool follow = false;
+    bool list = false;
+    bool json = false;
     std::string level;
 };
 
@@ -70,52 +79,81 @@ class LogPrinter {
     std::streamoff position_ = 0;
 };
 
-// The folder of the named program, ".exe" or not; without a name that with the newest log of today. Empty: none.
-fs::path programFolder(const std::string& program) {
-    std::error_code problem;
-    fs::path newest;
-    fs::file_time_type when;
-    const fs::path wanted = fs::u8path(program);
-    for (const auto& folder : fs::directory_iterator(logRoot(), problem)) {
-        const fs::path name = folder.path().filename();
-        if (!program.empty() && lstrcmpiW(name.c_str(), wanted.c_str()) != 0 &&
-            lstrcmpiW(name.stem().c_str(), wanted.c_str()) != 0) {
-            continue;
-        }
-        const auto written = fs::last_write_time(folder.path() / logNameOfToday(), problem);
-        if (!problem && (newest.empty() || written > when)) {
-            newest = folder.path();
-            when = written;
+std::string withoutExtension(std::string program) {
+    std::ranges::transform(program, program.begin(),
+                           [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return program.ends_with(".exe") ? program.substr(0, program.size() - 4) : program;
+}
+
+// This program's own log holds what the doctor provokes: it is shown only when it is asked for.
+constexpr char ownProgram[] = "talvik";
+
+bool isWanted(const LogFile& file, const LogOptions& options) {
+    const std::string program = withoutExtension(file.program);
+    const bool named = options.program.empty() ? program != ownProgram : program == withoutExtension(options.program);
+    return named && (options.day.empty() || file.day == options.day);
+}
+
+std::optional<LogFile> newest(const LogOptions& options) {
+    for (LogFile& file : logFiles()) {
+        if (isWanted(file, options)) {
+            return std::move(file);
         }
     }
-    return newest;
+    return std::nullopt;
+}
+
+int listLogs(bool json) {
+    nlohmann::ordered_json all = nlohmann::ordered_json::array();
+    for (const LogFile& file : logFiles()) {
+        all.push_back({{"program", file.program}, {"day", file.day}, {"file", utf8(file.path.wstring())}});
+    }
+    if (json) {
+        printJson(all);
+        return Done;
+    }
+    for (const auto& file : all) {
+        print(file.at("day").get<std::string>() + "  " + file.at("program").get<std::string>());
+    }
+    return Done;
+}
+
+int tellMissing(const LogOptions& options) {
+    std::string wanted = options.program.empty() ? "" : " of " + options.program;
+    wanted += options.day.empty() ? "" : " of " + options.day;
+    std::cerr << "talvik: no log" << printable(wanted) << " below " << printable(utf8(logRoot().wstring()))
+              << "; the level is " << logLevelName(readLogLevel()) << "\n";
+    std::string last;
+    for (const LogFile& file : logFiles()) {
+        std::cerr << (last.empty() ? "There are:\n" : "");
+        last = file.program;
+        std::cerr << "  " << file.day << "  " << printable(file.program) << "\n";
+    }
+    return NotFound;
 }
 
 int printLog(const LogOptions& options) {
-    fs::path folder = programFolder(options.program);
-    if (folder.empty()) {
-        std::cerr << "talvik: no log of today" << (options.program.empty() ? "" : " of " + printable(options.program))
-                  << " below " << printable(utf8(logRoot().wstring())) << "; the level is "
-                  << logLevelName(readLogLevel()) << "\n";
-        if (!options.follow) {
-            return NotFound;
-        }
+    std::optional<LogFile> file = newest(options);
+    if (!file && !options.follow) {
+        return tellMissing(options);
     }
     LogPrinter printer(options.shown == "error");
-    bool named = false;
+    std::filesystem::path named;
     for (;;) {
-        if (!folder.empty()) {
-            if (!std::exchange(named, true)) {
-                std::cerr << printable(utf8((folder / logNameOfToday()).wstring())) << "\n";
-            }
-            printer.print(folder / logNameOfToday());
-        } else {
-            folder = programFolder(options.program);
+        if (file && std::exchange(named, file->path) != file->path) {
+            std::cerr << printable(utf8(file->path.wstring())) << "\n";
+        }
+        if (file) {
+            printer.print(file->path);
         }
         if (!options.follow) {
             return Done;
         }
         Sleep(followMilliseconds);
+        // A program that has been chosen stays the one that is followed, into the next day too.
+        LogOptions chosen = options;
+        chosen.program = file ? file->program : options.program;
+        file = newest(chosen);
     }
 }
 
@@ -144,16 +182,22 @@ int changeLevel(const std::string& level) {
 }  // namespace
 
 void addLogCommand(CLI::App& app, int& exitCode) {
-    CLI::App* command = app.add_subcommand("log", "Prints what the provider has logged today");
+    CLI::App* command = app.add_subcommand("log", "Prints what the provider has logged");
     const auto options = std::make_shared<LogOptions>();
     command->add_option("program", options->program, "Of this program (default: the one that logged last)");
-    command->add_flag("--follow,-f", options->follow, "Go on printing what is added");
+    command->add_option("--day", options->day, "Of this day, YYYY-MM-DD (default: the last)");
+    CLI::Option* listing = command->add_flag("--list", options->list, "List the programs and days that there are");
+    command->add_flag("--json", options->json, "With --list: as JSON")->needs(listing);
+    command->add_flag("--follow,-f", options->follow, "Go on printing what is added")->excludes(listing);
     command->add_option("--level", options->shown, "error: only errors")->check(CLI::IsMember({"debug", "error"}));
     CLI::App* level = command->add_subcommand("level", "Shows how much the provider logs, or sets it");
     level->add_option("value", options->level, "debug: everything, error: errors only, off: nothing")
         ->check(CLI::IsMember({"debug", "error", "off"}));
-    command->callback(
-        [options, level, &exitCode] { exitCode = level->parsed() ? changeLevel(options->level) : printLog(*options); });
+    command->callback([options, level, &exitCode] {
+        exitCode = level->parsed() ? changeLevel(options->level)
+                   : options->list ? listLogs(options->json)
+                                   : printLog(*options);
+    });
 }
 
 }  // namespace talvik_tool

@@ -1,4 +1,4 @@
-// "talvik log": prints and follows what the provider has logged today, and sets how much it logs.
+// "talvik log": prints and follows what the provider has logged, and sets how much it logs.
 #pragma once
 
 #include <CLI/CLI.hpp>

@@ -1,10 +1,16 @@
 #include "log_files.h"
 
+#include <algorithm>
 #include <array>
 #include <ctime>
+#include <functional>
+
+#include "system_text.h"
 
 namespace talvik_tool {
 namespace {
+
+using virtual_token::utf8;
 
 constexpr wchar_t settingsKey[] = L"Software\\Quorvel\\Talvik";
 constexpr wchar_t levelValue[] = L"logLevel";
@@ -24,6 +30,22 @@ std::filesystem::path ownLogFolder() {
     std::error_code ignored;
     std::filesystem::create_directories(folder, ignored);
     return folder;
+}
+
+std::vector<LogFile> logFiles() {
+    std::vector<LogFile> files;
+    std::error_code problem;
+    for (const auto& folder : std::filesystem::directory_iterator(logRoot(), problem)) {
+        for (const auto& file : std::filesystem::directory_iterator(folder.path(), problem)) {
+            const std::filesystem::path& path = file.path();
+            const auto written = std::filesystem::last_write_time(path, problem);
+            if (!problem && lstrcmpiW(path.extension().c_str(), L".LOG") == 0) {
+                files.push_back({utf8(folder.path().filename().wstring()), utf8(path.stem().wstring()), path, written});
+            }
+        }
+    }
+    std::ranges::sort(files, std::ranges::greater(), &LogFile::written);
+    return files;
 }
 
 std::string logNameOfToday() {
@@ -50,14 +72,6 @@ const char* logLevelName(std::optional<DWORD> level) {
         return "debug";
     }
     return level && *level <= 1 ? "off" : "error";
-}
-
-std::string utf8(const std::wstring& wide) {
-    const int size = static_cast<int>(wide.size());
-    const int length = WideCharToMultiByte(CP_UTF8, 0, wide.data(), size, nullptr, 0, nullptr, nullptr);
-    std::string text(static_cast<std::size_t>(length), '\0');
-    WideCharToMultiByte(CP_UTF8, 0, wide.data(), size, text.data(), length, nullptr, nullptr);
-    return text;
 }
 
 }  // namespace talvik_tool

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace talvik_tool {
 
@@ -24,6 +25,17 @@ std::filesystem::path logRoot();
 // The folder of this program, which is made where it does not exist: without it the log loses its first lines.
 std::filesystem::path ownLogFolder();
 
+// One program's log of one day.
+struct LogFile {
+    std::string program;  // "winword.exe"
+    std::string day;      // "2027-11-24"
+    std::filesystem::path path;
+    std::filesystem::file_time_type written;
+};
+
+// Every log that there is, the one written last first.
+std::vector<LogFile> logFiles();
+
 // "YYYY-MM-DD.LOG" of today, local time.
 std::string logNameOfToday();
 
@@ -35,7 +47,5 @@ LSTATUS writeLogLevel(DWORD level);
 
 // "debug", "error" or "off", as the provider takes the value.
 const char* logLevelName(std::optional<DWORD> level);
-
-std::string utf8(const std::wstring& wide);
 
 }  // namespace talvik_tool

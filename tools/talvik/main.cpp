@@ -6,12 +6,19 @@
 #include <iostream>
 #include <shellapi.h>
 
+#include "certs_commands.h"
+#include "command_names.h"
+#include "completion.h"
 #include "doctor.h"
 #include "exit_code.h"
+#include "key_commands.h"
 #include "log_command.h"
 #include "printable.h"
+#include "request_command.h"
+#include "sign_commands.h"
 #include "status.h"
 #include "system_folder.h"
+#include "system_text.h"
 #include "token_commands.h"
 
 namespace {
@@ -19,14 +26,7 @@ namespace {
 using namespace talvik_tool;
 using virtual_token::Status;
 using virtual_token::TokenError;
-
-std::string utf8(const wchar_t* wide) {
-    const int length = WideCharToMultiByte(CP_UTF8, 0, wide, -1, nullptr, 0, nullptr, nullptr);
-    std::string text(static_cast<std::size_t>(length), '\0');
-    WideCharToMultiByte(CP_UTF8, 0, wide, -1, text.data(), length, nullptr, nullptr);
-    text.pop_back();  // the NUL
-    return text;
-}
+using virtual_token::utf8;
 
 // In UTF-8, whatever the console's code page, last argument first, as the parser takes them.
 std::vector<std::string> argumentsReversed() {
@@ -60,20 +60,32 @@ ExitCode exitCodeOf(Status status) {
 
 int run() {
     int exitCode = Done;
-    CLI::App app("Diagnoses the Talvik Cryptographic Provider, shows its log, and manages virtual tokens.", "talvik");
+    CLI::App app("Keys and certificates on Talvik tokens, virtual tokens, and diagnosis of the provider.", "talvik");
     app.set_version_flag("--version", "talvik " TALVIK_VERSION);
     app.require_subcommand(1);
     app.footer(
-        "Exit codes: 0 done, 1 refused by the token (PIN, detached), 2 wrong usage, 3 no such token, key or\n"
-        "certificate, 4 token exists already, 5 file or other failure.");
+        "Exit codes: 0 done, 1 refused by the token (PIN, detached) or not valid, 2 wrong usage, 3 no such token, key\n"
+        "or certificate, 4 exists already, 5 file or other failure.");
+    addKeyCommands(app);
+    addRequestCommand(app);
+    addCertsCommands(app, exitCode);
+    addSignCommands(app);
     addTokenCommands(app);
     addDoctorCommand(app, exitCode);
     addLogCommand(app, exitCode);
+    addCompletionCommand(app);
+    const std::vector<std::string> reversed = argumentsReversed();
     try {
-        app.parse(argumentsReversed());
+        app.parse(std::vector(reversed));
         return exitCode;
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? Done : Usage;
+        if (error.get_exit_code() == 0) {  // help was asked for
+            return app.exit(error);
+        }
+        const std::string unknown = unknownCommand(app, {reversed.rbegin(), reversed.rend()});
+        std::cerr << "talvik: " << printable(unknown.empty() ? error.what() : unknown)
+                  << "\nRun with --help for more information.\n";
+        return Usage;
     }
 }
 

@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 
 #include "certificate.h"
+#include "certificate_context.h"
 #include "key_types.h"
 #include "printable.h"
 #include "status.h"
@@ -51,6 +52,7 @@ Json detailsOf(const Snapshot& token) {
         certificates.push_back({{"keyId", toHex(certificate.keyId)},
                                 {"label", certificate.label},
                                 {"subject", subjectOf(certificate)},
+                                {"thumbprint", thumbprintOf(certificate.der)},
                                 {"length", certificate.der.size()}});
     }
     for (const AesKeyObject& key : token.objects->objects().aesKeys) {
@@ -106,7 +108,8 @@ void printToken(std::ostream& out, const Snapshot& token, bool json) {
             << "  " << printable(key.label) << "\n";
     }
     for (const CertificateObject& certificate : token.objects->objects().certificates) {
-        out << "  certificate " << toHex(certificate.keyId) << "  " << printable(subjectOf(certificate)) << "\n";
+        out << "  certificate " << thumbprintOf(certificate.der) << "  " << printable(subjectOf(certificate))
+            << (token.objects->keyPair(certificate.keyId) == nullptr ? ", of no key" : "") << "\n";
     }
     for (const AesKeyObject& key : token.objects->objects().aesKeys) {
         out << "  AES key     " << toHex(key.id) << "  " << printable(key.label) << "\n";
