@@ -1,6 +1,8 @@
 // Sequences of calls on both faces, in any order an application could make them: handles live from call to call, are
 // used with other handles, released early or never. Handles are addresses, so only live ones and null are ever passed.
+#include <algorithm>
 #include <array>
+#include <cstring>
 
 #include "fuzz/provider_fuzz.h"
 #include "token/device_monitor.h"
@@ -63,8 +65,13 @@ struct Application {
     HCRYPTKEY key() { return keys.any(input); }
     NCRYPT_PROV_HANDLE provider() { return providers.any(input); }
     NCRYPT_KEY_HANDLE cngKey() { return cngKeys.any(input); }
-    Guarded block() { return Guarded(input.take<std::uint16_t>() % 1100); }
+    Guarded block() { return Guarded(input.take<std::uint16_t>() % 4097); }
     Guarded bytes() { return Guarded(input.takeBytes(input.below(80))); }
+    Guarded sixtyFour() {
+        Guarded block(64);
+        std::ranges::copy(input.takeBytes(block.size()), block.data());
+        return block;
+    }
     // Null now and then: a size query.
     unsigned char* orNull(const Guarded& block) { return input.below(8) == 7 ? nullptr : block.data(); }
     std::span<const std::uint8_t> bytes(std::size_t bound) { return input.takeBytes(input.below(bound)); }
@@ -81,6 +88,16 @@ void openProvider(Application& app) {
     NCRYPT_PROV_HANDLE made = 0;
     KSPOpenProvider(&made, L"", 0);
     app.providers.put(app.input, made);
+}
+
+// Texts that are given without a length end with a NUL.
+Guarded valueFor(const Guarded& name, Input& input) {
+    const std::wstring_view text = name.as<wchar_t>();
+    const auto value = input.takeBytes(input.below(80));
+    if (text == NCRYPT_PIN_PROPERTY) {
+        return Guarded::text(value, 1);
+    }
+    return text == L"ChainingMode" ? Guarded::text(value, sizeof(wchar_t)) : Guarded(value);
 }
 
 constexpr void (*calls[])(Application&) = {
@@ -113,7 +130,7 @@ constexpr void (*calls[])(Application&) = {
     [](Application& app) {
         const Guarded signature = app.block();
         DWORD size = app.input.below(16) == 15 ? 0xFFFFFFFF : signature.size();
-        unsigned char* const buffer = size > 1100 ? nullptr : app.orNull(signature);
+        unsigned char* const buffer = size > 4097 ? nullptr : app.orNull(signature);
         CPSignHash(app.context(), app.hash(), AT_SIGNATURE, nullptr, 0, buffer, &size);
     },
     [](Application& app) {
@@ -250,8 +267,57 @@ constexpr void (*calls[])(Application&) = {
         }
     },
     [](Application& app) { KSPPromptUser(app.provider(), app.cngKey(), nullptr, 0); },
-    [](Application& app) { app.contexts.put(app.input, 0); },
-    [](Application& app) { app.providers.put(app.input, 0); }};
+    [](Application& app) { app.contexts.put(app.input, 0); }, [](Application& app) { app.providers.put(app.input, 0); },
+    // Keys held in clear, for the ciphers: of the length that the library's script gives, of a real one.
+    [](Application& app) {
+        constexpr unsigned char blob[] = {SIMPLEBLOB, 2, 0, 0, 0x10, 0x66, 0, 0, 0, 0xA4, 0, 0, 1, 2, 3};
+        const CspKey unwrapping;
+        HCRYPTKEY made = 0;
+        CPImportKey(tokenContext(), blob, sizeof blob, unwrapping.handle, 0, &made);
+        app.keys.put(app.input, made);
+    },
+    [](Application& app) {
+        constexpr std::uint32_t sizes[] = {16, 24, 32};
+        const std::uint32_t size = app.input.oneOf(sizes);
+        const BCRYPT_KEY_DATA_BLOB_HEADER header = {BCRYPT_KEY_DATA_BLOB_MAGIC, BCRYPT_KEY_DATA_BLOB_VERSION1, size};
+        const Guarded blob(sizeof header + size);
+        std::memcpy(blob.data(), &header, sizeof header);
+        NCRYPT_KEY_HANDLE made = 0;
+        KSPImportKey(app.provider(), 0, BCRYPT_KEY_DATA_BLOB, nullptr, &made, blob.data(), blob.size(), 0);
+        app.cngKeys.put(app.input, made);
+    },
+    // What has a length is as long as the caller says, what has none has room for the longest fixed one.
+    [](Application& app) {
+        const Guarded name = propertyName(app.input);
+        const Guarded value = valueFor(name, app.input);
+        app.input.below(2) == 0
+            ? KSPSetKeyProperty(app.provider(), app.cngKey(), name.as<wchar_t>(), value.data(), value.size(), 0)
+            : KSPSetProviderProperty(app.provider(), name.as<wchar_t>(), value.data(), value.size(), 0);
+    },
+    [](Application& app) {
+        const Guarded name = propertyName(app.input);
+        const Guarded value = app.block();
+        DWORD size = 0;
+        KSPGetProviderProperty(app.provider(), name.as<wchar_t>(), app.orNull(value), value.size(), &size, 0);
+    },
+    [](Application& app) {
+        const DWORD param = app.input.take<std::uint8_t>();
+        const Guarded given = app.sixtyFour();
+        if (param != KP_CERTIFICATE) {  // has its own target
+            CPSetKeyParam(app.context(), app.key(), param, given.data(), app.input.take<DWORD>());
+        }
+    },
+    [](Application& app) {
+        const DWORD param = app.input.take<std::uint8_t>();
+        const Guarded given = app.sixtyFour();
+        if (param != PP_KEYEXCHANGE_PIN && param != PP_SIGNATURE_PIN) {  // texts
+            CPSetProvParam(app.context(), param, given.data(), app.input.take<DWORD>());
+        }
+    },
+    [](Application& app) {
+        const DWORD param = app.input.take<std::uint8_t>();
+        CPSetHashParam(app.context(), app.hash(), param, app.sixtyFour().data(), app.input.below(2));
+    }};
 
 }  // namespace
 

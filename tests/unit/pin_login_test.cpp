@@ -11,11 +11,14 @@ using namespace talvik;
 
 namespace {
 
-constexpr char KSP_ASK[] = "DEBUG KSP: Password not validated, checking SSO";
-constexpr char KSP_VALIDATED[] = "DEBUG KSP: PIN already validated";
-
 class PinLogin : public ProviderTest {
   protected:
+    PinLogin() {
+        state = [] {
+            return (isPasswordValidated(DEVICE) ? "validated " : "none") +
+                   std::string(getDevicePassword(DEVICE).c_str());
+        };
+    }
     // The window changes the last error; an entry point that succeeds puts it back.
     static BOOL keepingLastError(bool (*login)()) {
         const DWORD before = GetLastError();
@@ -24,32 +27,24 @@ class PinLogin : public ProviderTest {
             SetLastError(before);
         return succeeded;
     }
-    Call ensure = [] { return keepingLastError([] { return ensurePasswordValidated(DEVICE, nullptr); }); };
-    Call ensureKsp = [] {
+    static BOOL ensure() {
+        return keepingLastError([] { return ensurePasswordValidated(DEVICE, nullptr); });
+    }
+    static BOOL ensureKsp() {
         return keepingLastError([] { return ensureKspPasswordValidated(DEVICE, nullptr, nullptr); });
-    };
-    const Lines asked = Lines{NOT_VALIDATED} + dialogShown;
-    const std::string failed = "ERROR Password validation failed";
+    }
+    static constexpr BOOL (*faces[])() = {ensure, ensureKsp};
 };
 
-TEST_F(PinLogin, AValidatedPinIsNotAskedForAgain) {
-    setDevicePassword(DEVICE, "1234");
-    expectSuccess(ensure, {VALIDATED});
-    expectSuccess(ensureKsp, {KSP_VALIDATED});
-    EXPECT_TRUE(canProceedSilently(DEVICE, nullptr));
-    EXPECT_THAT(scripted::takeCalls(), IsEmpty());
-}
-
 TEST_F(PinLogin, AnAcceptedPinIsRememberedForBothFaces) {
-    for (const auto& [login, other, asks] :
-         {std::tuple(ensure, ensureKsp, NOT_VALIDATED), std::tuple(ensureKsp, ensure, KSP_ASK)}) {
+    for (const auto& login : faces) {
         forgetEverything();
         robot.enters("987654");
-        expectSuccess(login, Lines{asks} + dialogShown, {TOKEN_INFO, validation("987654")});
-        EXPECT_STREQ(getDevicePassword(DEVICE).c_str(), "987654");
-        EXPECT_TRUE(isPasswordValidated(DEVICE) && other());
+        show("asked", login);
+        SHOW(ensure());
+        SHOW(ensureKsp());
+        SHOW(canProceedSilently(DEVICE, nullptr));
     }
-    EXPECT_EQ(robot.finish(), Lines({"PIN", "PIN"}));
 }
 
 // By another thread, after this one has looked: nothing is asked, and nothing forgotten.
@@ -57,11 +52,9 @@ TEST_F(PinLogin, APinValidatedMeanwhileSavesTheQuestion) {
     scripted::before("talvik_getTokenInfo", [] { setDevicePassword(DEVICE, "1234"); });
     for (const bool loggedIn : {false, true}) {
         attachTokens({}, loggedIn);
-        for (const auto& [login, asks, goesOn] :
-             {std::tuple(ensure, NOT_VALIDATED, VALIDATED), std::tuple(ensureKsp, KSP_ASK, KSP_VALIDATED)}) {
+        for (const auto& login : faces) {
             forgetEverything();
-            expectSuccess(login, loggedIn ? Lines{asks} : Lines{asks, goesOn}, {TOKEN_INFO});
-            EXPECT_STREQ(getDevicePassword(DEVICE).c_str(), "1234");
+            show(loggedIn ? "single sign-on" : "no sign-on", login);
         }
     }
 }
@@ -75,8 +68,7 @@ TEST_F(PinLogin, ASignOnThatExpiresCostsOnlyThePinThatWasUsed) {
         setDevicePassword(DEVICE, "1234");  // validated anew by another thread that was told the same before
         return 49;
     };
-    EXPECT_EQ(withSignOnRetry(DEVICE, "expired", operation, ensure), 0);
-    EXPECT_EQ(log.take(), Lines({"DEBUG expired", VALIDATED}));
+    SHOW(withSignOnRetry(DEVICE, "expired", operation, ensure) == 0);
     EXPECT_EQ(calls, 2);
 }
 
@@ -98,11 +90,8 @@ TEST_F(PinLogin, SingleSignOnTakesAllThreeFields) {
         EXPECT_EQ(canProceedSilently(DEVICE, nullptr), row.loggedIn);
         EXPECT_FALSE(isPasswordValidated(DEVICE));
         if (row.loggedIn) {
-            for (int i = 0; i < 2; ++i)  // asked of the token anew each time
-                expectSuccess(ensure, {NOT_VALIDATED}, {TOKEN_INFO});
-            expectSuccess(ensureKsp, {KSP_ASK}, {TOKEN_INFO});
-            EXPECT_TRUE(isPasswordValidated(DEVICE));
-            EXPECT_STREQ(getDevicePassword(DEVICE).c_str(), "");
+            for (const auto& login : {ensure, ensure, ensureKsp})  // asked of the token anew each time
+                show("logged in", login);
         } else {
             robot.cancels().cancels();
             EXPECT_FALSE(ensure() || ensureKsp());
@@ -113,21 +102,17 @@ TEST_F(PinLogin, SingleSignOnTakesAllThreeFields) {
 TEST_F(PinLogin, GivingUpFailsWithoutAskingTheToken) {
     const DialogRobot::Answer cancel = [](const PinDialog& dialog) { dialog.cancel(); };
     const DialogRobot::Answer close = [](const PinDialog& dialog) { dialog.close(); };
-    for (const auto& giveUp : {cancel, close}) {
-        setDevicePassword(DEVICE, "");  // forgotten by a login that fails
-        robot.does(giveUp);
-        expectFailure(ensure, NTE_FAIL, asked + "DEBUG User cancelled password dialog" + failed, {TOKEN_INFO});
-        EXPECT_FALSE(isPasswordValidated(DEVICE));
-        robot.does(giveUp);
-        EXPECT_FALSE(ensureKsp());
-        EXPECT_EQ(log.take().back(), "DEBUG KSP: User cancelled password dialog");
-        robot.does([giveUp](const PinDialog& dialog) {
-            dialog.type("1234");  // typed, but not entered
-            giveUp(dialog);
-        });
-        EXPECT_FALSE(ensure());
-    }
-    EXPECT_EQ(scripted::callCount("talvik_validatePassword"), 0);
+    for (const auto& giveUp : {cancel, close})
+        for (const auto& login : faces) {
+            setDevicePassword(DEVICE, "");  // forgotten by a login that fails
+            robot.does(giveUp);
+            show("given up", login);
+            robot.does([giveUp](const PinDialog& dialog) {
+                dialog.type("1234");
+                giveUp(dialog);
+            });
+            show("typed, but not entered", login);
+        }
 }
 
 TEST_F(PinLogin, RefusalsAreToldUntilTheTokenAccepts) {
@@ -135,37 +120,19 @@ TEST_F(PinLogin, RefusalsAreToldUntilTheTokenAccepts) {
     scripted::next("talvik_validatePassword", {.status = 48, .length = 1});
     scripted::next("talvik_validatePassword", {.status = 1, .length = -2});
     robot.enters("wrong1").enters("wrong2").enters("wrong3").enters("right");
-    expectSuccess(ensure, asked + dialogShown + dialogShown + dialogShown,
-                  {TOKEN_INFO, validation("wrong1"), validation("wrong2"), validation("wrong3"), validation("right")});
-    const std::string mismatch = "System time mismatch, Kidly login to Token Manager";
-    EXPECT_EQ(robot.finish(), Lines({"PIN", "Invalid user pin. Remaining attempts(2)", "PIN", mismatch, "PIN",
-                                     "Invalid user pin. Remaining attempts(-2)", "PIN"}));
-    EXPECT_STREQ(getDevicePassword(DEVICE).c_str(), "right");
+    SHOW(ensure());
 }
 
 // A refusal with no attempt left ends the login whatever its status; the count is 0 unless the token reports another.
 TEST_F(PinLogin, ALockedPinEndsTheLogin) {
-    const std::string locked = "User pin locked, re-initialise device";
-    const std::tuple<scripted::Outcome, std::string, std::string> rows[] = {
-        {{.status = 5}, locked, locked},
-        {{.status = -1, .length = 0}, locked, locked},
-        {{.status = 48, .length = 0},
-         "System time mismatch, Kidly login to Token Manager",
-         "System time mismatch, Kindly login to Token Manager"}};
-    Lines seen;
-    for (const auto& [refusal, message, kspMessage] : rows) {
+    for (const scripted::Outcome& refusal :
+         {scripted::Outcome{.status = 5}, {.status = -1, .length = 0}, {.status = 48, .length = 0}}) {
         scripted::always("talvik_validatePassword", refusal);
-        robot.enters("wrong");
-        expectFailure(ensure, NTE_FAIL, asked + "ERROR loginUser: PIN locked, retryCount=0" + failed,
-                      {TOKEN_INFO, validation("wrong")});
-        robot.enters("wrong");
-        log.mark();
-        EXPECT_FALSE(ensureKsp());
-        EXPECT_EQ(log.take(), Lines{KSP_ASK} + dialogShown);
-        seen = seen + Lines{"PIN", message, "PIN", kspMessage};
-        EXPECT_FALSE(isPasswordValidated(DEVICE));
+        for (const auto& login : faces) {
+            robot.enters("wrong");
+            show("refused with " + number(refusal.status), login);
+        }
     }
-    EXPECT_EQ(robot.finish(), seen);
 }
 
 TEST_F(PinLogin, LoginIsEnabledFrom4To63Characters) {
@@ -191,7 +158,7 @@ TEST_F(PinLogin, PinsOfAllLengthsArriveAsTyped) {
         pin.back() = '"';
         robot.enters(pin);
         EXPECT_TRUE(ensure());
-        EXPECT_EQ(scripted::takeCalls().back(), validation(pin));
+        EXPECT_EQ(scripted::takeCalls().back(), "talvik_validatePassword(\"T1\", \"" + pin + "\", 1, 0, null)");
         EXPECT_STREQ(getDevicePassword(DEVICE).c_str(), pin.c_str());
     }
 }
@@ -236,7 +203,7 @@ TEST_F(PinLogin, WhoWaitsForAQuestionServesItsMessages) {
         dialog.type("1234");
         dialog.login();
     });
-    std::jthread other([&] { EXPECT_TRUE(ensureKsp()); });
+    std::jthread other([] { EXPECT_TRUE(ensureKsp()); });
     isAsked.acquire();
     EXPECT_TRUE(ensure());
     EXPECT_NE(served, 0);
@@ -248,10 +215,7 @@ TEST_F(PinLogin, WhoWaitsForAQuestionServesItsMessages) {
 
 TEST_F(PinLogin, ADialogThatCannotBeMadeCountsAsCancelled) {
     recordModuleInstance(GetModuleHandleA("kernel32.dll"));
-    expectFailure(
-        ensure, NTE_FAIL,
-        asked + "ERROR Password dialog creation failed : -1" + "DEBUG User cancelled password dialog" + failed,
-        {TOKEN_INFO});
+    SHOW(ensure());
     recordModuleInstance(GetModuleHandleA(nullptr));
 }
 

@@ -1,35 +1,13 @@
 #include "unit/provider_test.h"
 
+#include <map>
 #include <numeric>
+#include <ranges>
 
 #include "module.h"
 #include "token/device_monitor.h"
 
 using namespace testing;
-
-Lines operator+(Lines left, const Lines& right) {
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
-
-Lines operator+(Lines left, const std::string& line) {
-    left.push_back(line);
-    return left;
-}
-
-std::string validation(const std::string& pin) {
-    return "talvik_validatePassword(\"T1\", \"" + pin + "\", 1, 0, null)";
-}
-
-std::string storeAesCall(const Bytes& value, unsigned int type) {
-    return "talvik_importAesKey(\"T1\", \"1234\", {key=" + hex(value) + "/" + number(value.size()) +
-           " label=\"\" name=\"\" usage=0 keyType=" + number(type) + "}, null)";
-}
-
-std::string unwrapCall(const Bytes& keyId, bool storageFlag) {
-    return "talvik_decrypt_aes(\"T1\", " + hex(keyId) + ", " + number(keyId.size()) + ", 0102030405, 5, out, out, " +
-           (storageFlag ? "true" : "false") + ", null, 0, null)";
-}
 
 void attachToken(std::vector<TalvikKeyPair> keyPairs, std::vector<TalvikCertificate> certificates,
                  std::vector<TalvikSymmetricKey> aesKeys) {
@@ -49,21 +27,25 @@ ProviderTest::ProviderTest() {
     talvik::forgetEverything();
     talvik::containerQueried = false;
     talvik::setSharedIv({});
+    offer(room);
     forgetSoFar();
 }
 
-ProviderTest::~ProviderTest() {
-    for (HCRYPTPROV context : acquired_)
-        EXPECT_TRUE(CPReleaseContext(context, 0));
+void ProviderTest::TearDown() {
+    recording::close();
+    takeOver();
+    for (const auto& all : {owned_, kept_})
+        for (const auto& [handle, release] : all)
+            release(handle);
     robot.finish();
 }
 
 HCRYPTPROV ProviderTest::acquire(const std::string& container, DWORD flags) {
-    HCRYPTPROV context = 0;
-    EXPECT_TRUE(CPAcquireContext(&context, container.empty() ? nullptr : container.c_str(), flags, someTable()));
-    acquired_.push_back(context);
+    takeOver();
+    EXPECT_TRUE(CPAcquireContext(&prov, container.empty() ? nullptr : container.c_str(), flags, someTable()));
     forgetSoFar();
-    return context;
+    keep(prov, [](HCRYPTPROV acquired) { return CPReleaseContext(acquired, 0); });
+    return prov;
 }
 
 void ProviderTest::forgetSoFar() {
@@ -71,72 +53,155 @@ void ProviderTest::forgetSoFar() {
     scripted::takeCalls();
 }
 
-void ProviderTest::expectOutcome(const Call& call, BOOL result, ErrorCode error, const Lines& lines, const Lines& calls,
-                                 Where where) {
-    const ScopedTrace trace(where.file_name(), static_cast<int>(where.line()), "called from here");
+void ProviderTest::own(const std::string& name, ULONG_PTR& place, std::function<long(ULONG_PTR)> release) {
+    places_.push_back({name, &place, std::move(release)});
+}
+
+void ProviderTest::keep(ULONG_PTR handle, std::function<long(ULONG_PTR)> release) {
+    kept_.emplace(handle, std::move(release));
+}
+
+void ProviderTest::ownHash(const std::string& name, HCRYPTHASH& place) {
+    own(name, place, [this](HCRYPTHASH hash) { return CPDestroyHash(prov, hash); });
+}
+
+void ProviderTest::ownKey(const std::string& name, HCRYPTKEY& place) {
+    own(name, place, [this](HCRYPTKEY key) { return CPDestroyKey(prov, key); });
+}
+
+void ProviderTest::takeOver() {
+    for (const auto& [name, place, release] : places_)
+        if (*place != 0 && *place != UNTOUCHED_HANDLE)
+            owned_.emplace(*place, release);
+}
+
+std::string ProviderTest::textOf(long result) const {
+    const DWORD error = GetLastError();
+    return (result ? "TRUE" : "FALSE") + (error == UNTOUCHED_ERROR ? "" : ' ' + recording::codeName(error));
+}
+
+void ProviderTest::show(const std::string& name, const Shown& call, Where where) {
+    takeOver();
+    const std::string stateBefore = state ? state() : "";
+    std::vector<ULONG_PTR> before;
+    for (const Place& place : places_)
+        before.push_back(*place.handle);
     forgetSoFar();
+    offer(room);
     SetLastError(UNTOUCHED_ERROR);
-    const BOOL actual = call();
-    const DWORD lastError = GetLastError();
-    EXPECT_EQ(actual, result);
-    EXPECT_EQ(lastError, static_cast<DWORD>(error))
-        << std::hex << lastError << " instead of " << static_cast<DWORD>(error);
-    EXPECT_EQ(log.entries(), lines);
-    EXPECT_EQ(scripted::takeCalls(), calls);
+    std::string outcome = textOf(call()) + written();
+    const std::string logged = logAndCalls();
+    for (std::size_t i = 0; i < places_.size(); ++i)
+        if (const ULONG_PTR now = *places_[i].handle; now != before[i])
+            outcome += ' ' + places_[i].name + (now == 0 ? "=0" : "=new");
+    takeOver();
+    if (const std::string now = state ? state() : ""; now != stateBefore)
+        outcome += " ~ " + now;
+    recording::add({name, outcome + windows() + logged, where});
 }
 
-void ProviderTest::expectSuccess(const Call& call, const Lines& lines, const Lines& calls, Where where) {
-    expectOutcome(call, TRUE, UNTOUCHED_ERROR, lines, calls, where);
+void ProviderTest::showLies(const std::string& operation, const Shown& call, std::initializer_list<int> tooLong,
+                            Where where) {
+    std::vector<std::pair<std::string, scripted::Outcome>> lies = {{"status 13", {13}},
+                                                                   {"length -1", {0, bytes(3), -1}}};
+    for (const int length : tooLong)
+        lies.push_back({"length " + number(length), {0, bytes(3), length}});
+    for (const auto& [told, lie] : lies) {
+        scripted::next(operation, lie);
+        show(operation + " says " + told, call, where);
+    }
 }
 
-void ProviderTest::expectFailure(const Call& call, ErrorCode error, const Lines& lines, const Lines& calls,
-                                 Where where) {
-    expectOutcome(call, FALSE, error, lines, calls, where);
-}
-
-void ProviderTest::expectError(const Call& call, ErrorCode error, const std::string& lastLine, Where where) {
-    const ScopedTrace trace(where.file_name(), static_cast<int>(where.line()), "called from here");
-    forgetSoFar();
-    SetLastError(UNTOUCHED_ERROR);
-    EXPECT_FALSE(call());
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(error));
-    EXPECT_EQ((Lines{""} + log.entries()).back(), lastLine);
-}
-
-void ProviderTest::expectRefusal(const std::string& entryPoint, const Call& call, ErrorCode error,
-                                 const std::string& text) {
-    SCOPED_TRACE(text);
-    expectError(call, error, "ERROR " + text);
-    const Lines lines = log.entries();
-    ASSERT_THAT(ofLevel(lines, "ERROR"), SizeIs(1));
-    EXPECT_EQ(lines.front(), "DEBUG " + entryPoint);
-    EXPECT_THAT(scripted::takeCalls(), IsEmpty());
-}
-
-void ProviderTest::expectRenewal(const UnderPin& of, Where where) {
-    const std::string refused = "ERROR " + of.entryPoint + ": ensurePasswordValidated failed";
-    const Lines asked = Lines{NOT_VALIDATED} + dialogShown;
-    const Lines cancelled = {"DEBUG User cancelled password dialog", "ERROR Password validation failed"};
-    const Lines expired =
-        of.head + VALIDATED + of.before + ("DEBUG " + of.entryPoint + ": SSO expired, re-prompting for PIN") + asked;
-    const std::string again = of.deviceCall("5678");
+void ProviderTest::showRenewal(const std::string& operation, const Shown& call, Where where) {
     robot.enters("5678").enters("5678").cancels().cancels();
-    const auto expire = [&] { scripted::next(of.operation, {.status = 49, .length = 3}); };
-    expire();
-    expectSuccess(of.call, expired + of.after, {of.deviceCall("1234"), TOKEN_INFO, validation("5678"), again}, where);
-    expire();
-    expire();
-    expectFailure(of.call, NTE_PROVIDER_DLL_FAIL, expired + of.failed, {again, TOKEN_INFO, validation("5678"), again},
-                  where);
-    expire();
-    expectFailure(of.call, NTE_FAIL, expired + cancelled + (refused + " after SSO expiry"), {again, TOKEN_INFO}, where);
-    expectFailure(of.call, NTE_FAIL, of.head + asked + cancelled + refused, {TOKEN_INFO}, where);
-    EXPECT_EQ(robot.finish(), Lines(4, "PIN"));
+    for (const int times : {1, 2, 1, 0}) {
+        for (int i = 0; i < times; ++i)
+            scripted::next(operation, {.status = 49, .length = 3});
+        show("expired " + number(times), call, where);
+    }
+}
+
+// What a call left in the place of what it was offered.
+std::string ProviderTest::written() const {
+    const auto last = std::find_if(data.rbegin(), data.rend(), [](unsigned char byte) { return byte != 0xCD; });
+    std::string text = size != offered_ || last != data.rend() ? " size=" + number(size) : "";
+    if (last != data.rend())
+        text += " data=" + recording::shortened(hex({data.begin(), last.base()}));
+    return text;
+}
+
+std::string ProviderTest::windows() {
+    std::string text;
+    for (const Lines seen = robot.seen(); windowsSeen_ < seen.size(); ++windowsSeen_)
+        text += " [" + seen[windowsSeen_] + "]";
+    return text;
+}
+
+// ERROR lines begin with '!'. Addresses go by the names of what is there.
+std::string ProviderTest::logAndCalls() const {
+    std::string text;
+    for (const std::string& entry : log.entries())
+        text += entry.starts_with("DEBUG ")   ? " | " + entry.substr(6)
+                : entry.starts_with("ERROR ") ? " | !" + entry.substr(6)
+                                              : " | " + entry;
+    for (const std::string& asked : scripted::takeCalls())
+        text += " > " + asked.substr(std::strlen("talvik_"));
+    std::map<std::string, std::string> names = {{number(&size), "&size"},
+                                                {number(data.data()), "data"},
+                                                {number(invalid), "invalid"},
+                                                {number(static_cast<const void*>(someTable())), "table"}};
+    const auto goesBy = [&](ULONG_PTR handle, const std::string& name) {
+        char digits[32];
+        std::snprintf(digits, sizeof digits, "0x%llx", static_cast<unsigned long long>(handle));
+        names[number(handle)] = names[digits] = name;
+    };
+    if (prov != 0)
+        goesBy(prov, "prov");
+    for (const Place& place : places_) {
+        goesBy(reinterpret_cast<ULONG_PTR>(place.handle), '&' + place.name);
+        if (*place.handle != 0)
+            goesBy(*place.handle, place.name);
+    }
+    return recording::readable(text, names);
+}
+
+Facts& Facts::operator()(const char* name, std::uint64_t value) {
+    return (*this)(name, value == 0 ? "" : number(value));
+}
+
+Facts& Facts::operator()(const char* name, const std::string& text) {
+    if (!text.empty())
+        text_ += (text_.empty() ? "" : " ") + std::string(name) + '=' + text;
+    return *this;
+}
+
+// An identifier of nothing but zeros is none.
+Facts& Facts::operator()(const char* name, const unsigned char* field, std::size_t length) {
+    return (*this)(name, recording::shortened(hex(content(field, length))));
+}
+
+std::string factsOfHash(HCRYPTHASH handle) {
+    if (handle == 0 || handle == UNTOUCHED_HANDLE)
+        return "";
+    const talvik::csp::HASH_CONTEXT& hash = *talvik::csp::hashOf(handle);
+    return Facts()("mechanism", hash.mechanism)("copy", hash.mechanismCopy)("size", hash.hashSize)(
+        "valid", hash.isValid)("finalized", hash.isFinalized)("value", hash.hashValue, hash.hashValueLen)(
+        "signKey", hash.signKeyId, hash.signKeyIdLen)("hmac", hash.hmacInfo,
+                                                      hash.hmacInfo[0] != 0 ? sizeof hash.hmacInfo : 0);
+}
+
+std::string factsOfKey(HCRYPTKEY handle) {
+    if (handle == 0 || handle == UNTOUCHED_HANDLE)
+        return "";
+    const talvik::csp::KEY_HANDLE& key = *talvik::csp::keyOf(handle);
+    return Facts()("id", key.keyId, key.keyIdLen)("alg", key.algId)("usage", key.keyUsage)("bits", key.keyBits)(
+        "alias", key.keyAlias, key.keyAliasLen)("label", key.label)("flag", key.storageFlag)(
+        "public", key.publicKey, key.publicKeyLen)("aes", key.aesKey, static_cast<std::size_t>(key.aesKeyLen));
 }
 
 void ProviderTest::offer(DWORD room) {
-    data = filled(4096, 0xCD);
-    size = room;
+    data.assign(4096, 0xCD);
+    size = offered_ = room;
 }
 
 Bytes ProviderTest::delivered() const {
@@ -171,10 +236,6 @@ std::string hex(const Bytes& value) {
         text += "0123456789abcdef"[byte & 15];
     }
     return text;
-}
-
-std::string upperHex(const Bytes& value) {
-    return talvik::bytesToHexString(value.data(), static_cast<int>(value.size()));
 }
 
 Bytes cut(const Bytes& value, std::size_t length) {
@@ -223,6 +284,7 @@ int main(int argc, char** argv) {
     talvik::recordModuleInstance(GetModuleHandleA(nullptr));
     talvik::startDeviceMonitor();
     const int result = RUN_ALL_TESTS();
+    recording::save();
     talvik::stopDeviceMonitor();
     return result;
 }

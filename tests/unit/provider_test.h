@@ -13,18 +13,24 @@
 #include <functional>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <map>
 #include <source_location>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "csp/context.h"
 #include "csp/entry_points.h"
+#include "csp/hash.h"
+#include "csp/key.h"
 #include "support/dialog_robot.h"
 #include "support/log_reader.h"
 #include "support/scripted_library.h"
 #include "token/key_encoding.h"
 #include "token/session.h"
 #include "token/shared_state.h"
+#include "unit/recording.h"
 
 using scripted::Bytes;
 using Lines = std::vector<std::string>;
@@ -36,55 +42,75 @@ void attachTokens(std::vector<TalvikKeyPair> keyPairs, bool loggedIn = false);
 void attachToken(std::vector<TalvikKeyPair> keyPairs, std::vector<TalvikCertificate> certificates = {},
                  std::vector<TalvikSymmetricKey> aesKeys = {});
 
+template <std::integral Integer>
+std::string number(Integer value) {
+    return std::to_string(value);
+}
+std::string number(const void* pointer);
+
+// The call under its own text.
+#define SHOW(...) show(#__VA_ARGS__, [&] { return __VA_ARGS__; })
+
 // A fresh process as far as one can be had: no session state, logLevel 3, an empty script with two tokens, a robot
 // for the windows. The device monitor runs throughout, so that every acquisition logs the same.
 class ProviderTest : public testing::Test {
   protected:
+    using Where = std::source_location;
     ProviderTest();
-    ~ProviderTest() override;
+    void TearDown() override;
 
     // A context on the first token (or on none, with CRYPT_VERIFYCONTEXT), released at the end of the test. What its
     // acquisition logged and asked of the token is past.
     HCRYPTPROV acquire(const std::string& container = "", DWORD flags = 0);
 
-    // Calls and checks the whole of what can be seen: result, last error (untouched by a success), log and device
-    // calls.
-    using Call = std::function<BOOL()>;
-    using ErrorCode = std::int64_t;  // a DWORD; NTE_* constants are negative
-    using Where = std::source_location;
-    void expectSuccess(const Call& call, const Lines& log, const Lines& deviceCalls = {},
-                       Where where = Where::current());
-    void expectFailure(const Call& call, ErrorCode error, const Lines& log, const Lines& deviceCalls = {},
-                       Where where = Where::current());
+    // Makes a call and takes down all that it does: result, last error, `size` and `data` (offered afresh), the handles
+    // that it changes, `state` where that changes, windows, log, device calls. SHOW(CPHashData(...)) is short for
+    // one that goes by its own text.
+    using Shown = std::function<long()>;
+    void show(const std::string& name, const Shown& call, Where where = Where::current());
+    std::function<std::string()> state;
 
-    // Either of these, or TRUE with an error left behind.
-    void expectOutcome(const Call& call, BOOL result, ErrorCode error, const Lines& log, const Lines& deviceCalls = {},
-                       Where where = Where::current());
-
-    // A failure, of which only the error and the last line count.
-    void expectError(const Call& call, ErrorCode error, const std::string& lastLine, Where where = Where::current());
-
-    // An entry point that refuses before it touches the token: its own DEBUG line comes first, one ERROR line last. To
-    // be called with the error, the text and the arguments that are refused.
-    template <class... Parameters>
-    auto refusalsOf(const std::string& entryPoint, BOOL(WINAPI* function)(Parameters...)) {
-        return [=, this](ErrorCode error, const std::string& text, Parameters... arguments) {
-            expectRefusal(
-                entryPoint, [=] { return function(arguments...); }, error, text);
-        };
+    // The call with each of the values.
+    template <class Value>
+    void showEach(const std::string& name, std::initializer_list<Value> values, const std::function<long(Value)>& call,
+                  Where where = Where::current()) {
+        for (const Value value : values)
+            show(
+                name + ' ' + number(value), [&] { return call(value); }, where);
     }
-    void expectRefusal(const std::string& entryPoint, const Call& call, ErrorCode error, const std::string& text);
 
-    // What goes for every operation under the PIN "1234": when the single sign-on has expired it asks once more and no
-    // more, and what the user gives up fails. `head`, `before` and `after` are the lines around the PIN check and the
-    // device call; `failed` are those in the place of `after` when the token goes on saying 49.
-    struct UnderPin {
-        std::string entryPoint, operation;
-        Call call;
-        Lines head, before, after, failed;
-        std::function<std::string(const std::string& pin)> deviceCall;
-    };
-    void expectRenewal(const UnderPin& of, Where where = Where::current());
+    // The call with every argument null or zero in its turn: alone and with all that follow. And with a first handle
+    // whose record is not valid.
+    template <class Result, class Handle, class... Parameters>
+    void showNulls(const std::string& name, Result(WINAPI* function)(Handle, Parameters...),
+                   std::type_identity_t<Handle> handle, std::type_identity_t<Parameters>... others) {
+        const std::tuple<Handle, Parameters...> arguments(handle, others...);
+        const auto with = [&](const std::string& variant, const auto& changed) {
+            show(name + " without " + variant, [&] { return std::apply(function, changed); });
+        };
+        if constexpr (std::is_same_v<Handle, ULONG_PTR>)
+            with("valid-1", std::tuple<Handle, Parameters...>(invalid, others...));
+        [&]<std::size_t... At>(std::index_sequence<At...>) {
+            (withNull<At>(arguments, with), ...);
+        }
+        (std::index_sequence_for<Handle, Parameters...>());
+    }
+
+    // The operation of the library fails with a status, reports a negative length and ones that are too long.
+    void showLies(const std::string& operation, const Shown& call, std::initializer_list<int> tooLong = {INT_MAX},
+                  Where where = Where::current());
+
+    // What goes for every operation under the PIN "1234": it answers 49 and the PIN is asked for and accepted; 49
+    // twice; 49 and the user gives up; the user gives up at once.
+    void showRenewal(const std::string& operation, const Shown& call, Where where = Where::current());
+
+    // A place for handles. It goes by this name in the record, and each handle that is put there, by a recorded call or
+    // before one, is released at the end of the test.
+    void own(const std::string& name, ULONG_PTR& place, std::function<long(ULONG_PTR)> release);
+    void keep(ULONG_PTR handle, std::function<long(ULONG_PTR)> release);  // until these have gone
+    void takeOver();  // to be called before a place is used again without a recorded call
+    void ownHash(const std::string& name, HCRYPTHASH& place);
+    void ownKey(const std::string& name, HCRYPTKEY& place);
 
     void forgetSoFar();
 
@@ -97,47 +123,70 @@ class ProviderTest : public testing::Test {
 
     LogReader log;
     DialogRobot robot;
-    const HCRYPTPROV invalid = reinterpret_cast<HCRYPTPROV>(&invalidContext_);  // of a record that is not valid
+    ULONG_PTR invalid = reinterpret_cast<ULONG_PTR>(&invalidContext_);  // of a record that is not valid
+    HCRYPTPROV prov = 0;                                                // acquired last
+    DWORD room = 600;                                                   // what is offered
+
+    virtual std::string textOf(long result) const;  // and what belongs to it
 
   private:
+    struct Place {
+        std::string name;
+        ULONG_PTR* handle;
+        std::function<long(ULONG_PTR)> release;
+    };
+
+    std::string written() const;
+    std::string windows();
+    std::string logAndCalls() const;
+    template <std::size_t At>
+    static void withNull(auto arguments, const auto& with) {
+        if (std::get<At>(arguments) == std::tuple_element_t<At, decltype(arguments)>{})
+            return;
+        auto after = arguments;
+        std::get<At>(arguments) = {};
+        with(number(At + 1), arguments);
+        [&]<std::size_t... Next>(std::index_sequence<Next...>) {
+            ((std::get<At + Next>(after) = {}), ...);
+        }
+        (std::make_index_sequence<std::tuple_size_v<decltype(after)> - At>());
+        if (after != arguments)
+            with(number(At + 1) + "..", after);
+    }
+
     talvik::csp::CspContext invalidContext_;
-    std::vector<HCRYPTPROV> acquired_;
+    std::vector<Place> places_;
+    std::map<ULONG_PTR, std::function<long(ULONG_PTR)>> owned_, kept_;
+    std::size_t windowsSeen_ = 0;
+    DWORD offered_ = 0;
 };
+
+// What is not zero or empty in a record, one after the other.
+class Facts {
+  public:
+    Facts& operator()(const char* name, std::uint64_t value);
+    Facts& operator()(const char* name, const std::string& text);
+    Facts& operator()(const char* name, const unsigned char* field, std::size_t length);
+    operator std::string() const { return text_; }
+
+  private:
+    std::string text_;
+};
+std::string factsOfHash(HCRYPTHASH hash);
+std::string factsOfKey(HCRYPTKEY key);
 
 inline constexpr DWORD UNTOUCHED_ERROR = 0x12345678;
 inline constexpr DWORD UNTOUCHED = 0xCDCDCDCD;
 inline constexpr HCRYPTHASH UNTOUCHED_HANDLE = 0xCDCDCDCDCDCD;
 
-// What the PIN dialog logs when it is shown.
-inline const Lines dialogShown = {"DEBUG Password dialog show window", "DEBUG Password dialog show window before",
-                                  "DEBUG Password dialog show window after"};
-
-// What many calls log, and what they ask of the token "T1".
-inline constexpr char VALIDATED[] = "DEBUG PIN already validated -- no need to ask again";
-inline constexpr char NOT_VALIDATED[] = "DEBUG Password not validated or empty -- ask for PIN";
-inline constexpr char MONITOR[] = "DEBUG Monitor thread already running, not starting again.";
-inline constexpr char INIT[] = "talvik_init(0, null, 2)";
-inline constexpr char DEVICES[] = "talvik_getConnectedDeviceList(false, null)";
-inline constexpr char KEY_LIST[] = "talvik_getKeyPairList(\"T1\", null)";
-inline constexpr char TOKEN_INFO[] = "talvik_getTokenInfo(\"T1\", null)";
-inline const std::string CERTIFICATE_LIST = "talvik_getCertificateList(\"T1\", null)";
-inline const std::string AES_LIST = "talvik_getAesKeyList(\"T1\", null)";
-std::string validation(const std::string& pin);
-std::string storeAesCall(const Bytes& value, unsigned int type);  // under the PIN "1234"
-std::string unwrapCall(const Bytes& keyId, bool storageFlag);     // of the bytes 1 to 5
-
 // The names of the keys that are filled with 0x11 and 0x22.
 inline const std::string ONE(32, '1'), TWO(32, '2');
-
-Lines operator+(Lines left, const Lines& right);
-Lines operator+(Lines left, const std::string& line);
 
 // Only tested for null by the provider.
 VTableProvStruc* someTable();
 
 Bytes bytes(std::size_t count, unsigned char first = 1);  // first, first + 1, ...
 std::string hex(const Bytes& value);                      // lower case, as in recorded calls
-std::string upperHex(const Bytes& value);                 // as in the log
 Bytes cut(const Bytes& value, std::size_t length);
 Bytes filled(std::size_t count, unsigned char value);
 Bytes operator+(Bytes left, const Bytes& right);
@@ -147,9 +196,3 @@ Bytes words(std::initializer_list<std::uint32_t> values);  // little-endian
 TalvikSymmetricKey wrappingKey(std::uint32_t type, unsigned char fill, unsigned char idFill, std::int32_t idLength = 3);
 
 Bytes content(const unsigned char* field, std::size_t length);
-
-template <std::integral Integer>
-std::string number(Integer value) {
-    return std::to_string(value);
-}
-std::string number(const void* pointer);

@@ -37,6 +37,9 @@ TEST_F(SessionTest, AliasesAreExactAndReplaceable) {
 }
 
 // Two tokens; the key that is looked for is on the second, and another key's label is a third name.
+const std::string DEVICES = "talvik_getConnectedDeviceList(false, null)",
+                  KEY_LIST = "talvik_getKeyPairList(\"T1\", null)";
+
 class Resolution : public ProviderTest {
   protected:
     Resolution() {

@@ -1,6 +1,7 @@
 # The unit tests, for the builds that have them.
 set(unit_sources
   provider_test.cpp
+  recording.cpp
   log_test.cpp
   log_level_test.cpp
   key_encoding_test.cpp
