@@ -120,6 +120,7 @@ TEST_F(CspProviderParamTest, ChainsAreFoundByThePublicKey) {
     };
     attachToken({});
     show("no certificate", [&] { return get(PP_CERTCHAIN, 200); });
+    show("no length", [&] { return CPGetProvParam(prov, PP_CERTCHAIN, nullptr, nullptr, 0); });
     attachToken({one, two}, {scripted::certificateOf(one, {1}), scripted::certificateOf(one, {2})});
     showChain("another key's", {5, modulusTwo}, {.output = modulusOne});
     // All of the modulus counts.
@@ -139,8 +140,7 @@ TEST_F(CspProviderParamTest, Refusals) {
     showEach<DWORD>("CPSetProvParam", {2, 31, 34, 37, 39, 0xFFFFFFFF}, [&](DWORD param) { return set(param, "1234"); });
     // A missing length is refused where it would be used, and never written through.
     showEach<DWORD>("no length",
-                    {PP_NAME, PP_KEYSPEC, PP_ENUMALGS, PP_KEYSET_SEC_DESCR, PP_USE_HARDWARE_RNG, PP_ENUMCONTAINERS,
-                     PP_CERTCHAIN, 41},
+                    {PP_NAME, PP_KEYSPEC, PP_ENUMALGS, PP_KEYSET_SEC_DESCR, PP_USE_HARDWARE_RNG, PP_ENUMCONTAINERS, 41},
                     [&](DWORD param) { return CPGetProvParam(prov, param, nullptr, nullptr, 0); });
 }
 

@@ -19,19 +19,19 @@ class PinLogin : public ProviderTest {
                    std::string(getDevicePassword(DEVICE).c_str());
         };
     }
-    // The window changes the last error; an entry point that succeeds puts it back.
-    static BOOL keepingLastError(bool (*login)()) {
+    // The window changes the last error; an entry point puts it back, except where it fails and tells its own by it.
+    static BOOL ensure() {
         const DWORD before = GetLastError();
-        const bool succeeded = login();
+        const bool succeeded = ensurePasswordValidated(DEVICE, nullptr);
         if (succeeded)
             SetLastError(before);
         return succeeded;
     }
-    static BOOL ensure() {
-        return keepingLastError([] { return ensurePasswordValidated(DEVICE, nullptr); });
-    }
     static BOOL ensureKsp() {
-        return keepingLastError([] { return ensureKspPasswordValidated(DEVICE, nullptr, nullptr); });
+        const DWORD before = GetLastError();
+        const bool succeeded = ensureKspPasswordValidated(DEVICE, nullptr, nullptr);
+        SetLastError(before);
+        return succeeded;
     }
     static constexpr BOOL (*faces[])() = {ensure, ensureKsp};
 };

@@ -89,7 +89,8 @@ void ProviderTest::show(const std::string& name, const Shown& call, Where where)
     forgetSoFar();
     offer(room);
     SetLastError(UNTOUCHED_ERROR);
-    std::string outcome = textOf(call()) + written();
+    std::string outcome = textOf(call());
+    outcome += written();
     const std::string logged = logAndCalls();
     for (std::size_t i = 0; i < places_.size(); ++i)
         if (const ULONG_PTR now = *places_[i].handle; now != before[i])
