@@ -187,8 +187,7 @@ std::string factsOfHash(HCRYPTHASH handle) {
     const talvik::csp::HASH_CONTEXT& hash = *talvik::csp::hashOf(handle);
     return Facts()("mechanism", hash.mechanism)("copy", hash.mechanismCopy)("size", hash.hashSize)(
         "valid", hash.isValid)("finalized", hash.isFinalized)("value", hash.hashValue, hash.hashValueLen)(
-        "signKey", hash.signKeyId, hash.signKeyIdLen)("hmac", hash.hmacInfo,
-                                                      hash.hmacInfo[0] != 0 ? sizeof hash.hmacInfo : 0);
+        "signKey", hash.signKeyId, hash.signKeyIdLen);
 }
 
 std::string factsOfKey(HCRYPTKEY handle) {
