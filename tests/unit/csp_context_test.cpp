@@ -14,8 +14,7 @@ class CspContextTest : public ProviderTest {
                 return "";
             const csp::CspContext& record = *csp::contextOf(context);
             Facts facts;
-            facts("device", record.deviceId)("container", record.containerName)("keyset", record.keysetType)(
-                "header", record.header);
+            facts("device", record.deviceId)("container", record.containerName)("keyset", record.keysetType);
             for (const std::string& name : record.containerNames)
                 facts("holds", name);
             return facts;

@@ -97,8 +97,8 @@ std::string factsOfKspKey(NCRYPT_KEY_HANDLE handle) {
     if (handle == 0 || handle == UNTOUCHED_HANDLE)
         return "";
     const KspKey& key = *keyOf(handle);
-    return Facts()("name", narrowed(key.keyName))("id", key.keyId, key.keyIdLength)("alg", key.algorithm)(
-        "usage", key.keyUsage)("bits", key.keyLength)("alias", key.keyAlias, key.keyAliasLength)(
+    return Facts()("id", key.keyId, key.keyIdLength)("alg", key.algorithm)("usage", key.keyUsage)(
+        "bits", key.keyLength)("alias", key.keyAlias, key.keyAliasLength)(
         "label", std::string(key.label, strnlen(key.label, sizeof key.label)))("flag", key.storageFlag)(
         "finalized", key.isFinalized)("ecb", key.useEcb)("public", key.publicKey, key.publicKeyLength)(
         "aes", key.symmetricKey, key.symmetricKeyLength);
