@@ -6,6 +6,7 @@
 #include <wincrypt.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <barrier>
 #include <chrono>
@@ -14,11 +15,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <mutex>
+#include <random>
 #include <thread>
 #include <vector>
 
-#include "csp/entry_points.h"
-#include "ksp/entry_points.h"
+#include "fuzz/provider_fuzz.h"
 #include "module.h"
 #include "stand_in/desktop.h"
 #include "support/log_reader.h"
@@ -32,15 +33,8 @@ namespace {
 constexpr int ROUNDS = 200;
 constexpr char NAME[] = "11111111111111111111111111111111";
 
-HCRYPTPROV acquire() {
-    static int table;
-    HCRYPTPROV context = 0;
-    EXPECT_TRUE(CPAcquireContext(&context, NAME, 0, reinterpret_cast<VTableProvStruc*>(&table)));
-    return context;
-}
-
 void signs() {
-    const HCRYPTPROV context = acquire();
+    const HCRYPTPROV context = newContext(NAME, 0);
     HCRYPTHASH hash = 0;
     BYTE data[600] = {};
     DWORD size = sizeof data;
@@ -50,26 +44,6 @@ void signs() {
     EXPECT_EQ(size, 256u);
     EXPECT_TRUE(CPVerifySignature(context, hash, data, size, 0, nullptr, 0));
     EXPECT_TRUE(CPDestroyHash(context, hash));
-    EXPECT_TRUE(CPReleaseContext(context, 0));
-}
-
-void encrypts() {
-    const HCRYPTPROV context = acquire();
-    const BYTE blob[12 + 256] = {SIMPLEBLOB, 2, 0, 0, 0x10, 0x66, 0, 0, 0, 0xA4};
-    const DWORD usesHardware = 1;
-    HCRYPTKEY key = 0, sessionKey = 0;
-    BYTE data[600] = {};
-    DWORD size = 32;
-    EXPECT_TRUE(CPGetProvParam(context, PP_CONTAINER, data, &(size = sizeof data), 0));
-    EXPECT_TRUE(CPSetProvParam(context, PP_USE_HARDWARE_RNG, reinterpret_cast<const BYTE*>(&usesHardware), 0));
-    EXPECT_TRUE(CPGenRandom(context, 32, data));
-    EXPECT_TRUE(CPGetUserKey(context, AT_KEYEXCHANGE, &key));
-    EXPECT_TRUE(CPImportKey(context, blob, sizeof blob, key, 0, &sessionKey));
-    EXPECT_TRUE(CPSetKeyParam(context, sessionKey, KP_IV, data, 0));
-    EXPECT_TRUE(CPEncrypt(context, sessionKey, 0, TRUE, 0, data, &(size = 16), sizeof data));
-    EXPECT_TRUE(CPDecrypt(context, sessionKey, 0, TRUE, 0, data, &size));
-    EXPECT_TRUE(CPDestroyKey(context, sessionKey));
-    EXPECT_TRUE(CPDestroyKey(context, key));
     EXPECT_TRUE(CPReleaseContext(context, 0));
 }
 
@@ -89,11 +63,21 @@ void usesKeyStorage() {
 }
 
 void generates() {
-    const HCRYPTPROV context = acquire();
+    const HCRYPTPROV context = newContext(NAME, 0);
     HCRYPTKEY key = 0;
     EXPECT_TRUE(CPGenKey(context, CALG_RSA_SIGN, 0, &key));
     EXPECT_TRUE(CPDestroyKey(context, key));
     EXPECT_TRUE(CPReleaseContext(context, 0));
+}
+
+// Whatever an application could call, on handles of its own and in another order each time.
+void callsAnything() {
+    static std::atomic<unsigned> seed = 0;
+    std::mt19937 random(++seed);
+    std::array<std::uint8_t, 3000> choices;
+    std::ranges::generate(choices, [&] { return static_cast<std::uint8_t>(random()); });
+    Input input(choices.data(), choices.size());
+    callInAnyOrder(input, [] {});
 }
 
 void forgets() {
@@ -131,12 +115,12 @@ class Concurrency : public testing::Test {
 
 TEST_F(Concurrency, BothFacesUnderSingleSignOn) {
     attach(true);
-    allAtOnce({signs, encrypts, usesKeyStorage, generates, forgets, signs, usesKeyStorage});
+    allAtOnce({signs, callsAnything, usesKeyStorage, callsAnything, generates, forgets});
 }
 
 TEST_F(Concurrency, ARememberedPinThatComesAndGoes) {
     attach(true);
-    allAtOnce({signs, usesKeyStorage, encrypts, [] {
+    allAtOnce({signs, usesKeyStorage, callsAnything, [] {
                    talvik::setDevicePassword("T1", "12345678901234567890");
                    talvik::clearDevicePassword("T1");
                }});

@@ -1,6 +1,6 @@
 // CPSetKeyParam(KP_CERTIFICATE), which is given no length: a caller's certificate is as long as its own header says.
 // The block ends exactly there, or after the header where that alone decides.
-#include "fuzz/provider_fuzz.h"
+#include "fuzz/run.h"
 
 namespace {
 

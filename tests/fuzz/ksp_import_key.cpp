@@ -1,5 +1,5 @@
 // KSPImportKey: blobs of every type, with and without a key that unwraps them.
-#include "fuzz/provider_fuzz.h"
+#include "fuzz/run.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     Run run(data, size);

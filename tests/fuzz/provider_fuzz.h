@@ -1,33 +1,16 @@
-// What the fuzz targets have in common. A target's input is one byte that says how long the library's script is, the
-// script, and then what the target makes of the rest.
+// Calls on both faces as an input chooses them, for the fuzz targets and for the many-thread tests.
 #pragma once
 
 #include <windows.h>
 
 #include <wincrypt.h>
 
+#include <functional>
 #include <string>
 
 #include "csp/entry_points.h"
 #include "fuzz/input.h"
-#include "fuzz/lying_library.h"
 #include "ksp/entry_points.h"
-
-// One run: the process as if it had just started. The library is honest until it is told to lie.
-class Run {
-  public:
-    Run(const std::uint8_t* data, std::size_t size);
-    ~Run();
-    Run(const Run&) = delete;
-    Run& operator=(const Run&) = delete;
-
-    void lieFromHere() { lying::follow(script_); }
-
-    Input input;  // what follows the script
-
-  private:
-    Input script_;
-};
 
 // On the honest token; opened once for the process and never released.
 HCRYPTPROV tokenContext();
@@ -64,3 +47,8 @@ void checkHash(HCRYPTHASH hash);
 // Checks and uses whatever key came out, and lets it go.
 void useUpCspKey(HCRYPTKEY key);
 void useUpCngKey(NCRYPT_KEY_HANDLE key);
+
+// Makes the calls that `input` chooses until it is at its end, on both faces and in any order an application could make
+// them: handles live from call to call, are used with other handles, released early or never. Handles are addresses, so
+// only live ones and null are ever passed. `opened` is called when the first of each face is open.
+void callInAnyOrder(Input& input, const std::function<void()>& opened);
