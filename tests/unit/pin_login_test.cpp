@@ -103,6 +103,7 @@ TEST_F(PinLogin, GivingUpFailsWithoutAskingTheToken) {
         for (const auto giveUp : {&PinDialog::cancel, &PinDialog::close})
             for (const char* const typed : {"", "1234"}) {
                 setDevicePassword(DEVICE, "");  // forgotten by a login that fails
+                EXPECT_FALSE(canProceedSilently(DEVICE, nullptr));
                 robot.does([=](const PinDialog& dialog) {
                     dialog.type(typed);
                     (dialog.*giveUp)();
