@@ -83,7 +83,7 @@ TEST_F(SessionKeys, EncryptWhatOpensslEncryptsWithoutAndWithAVector) {
     agreesWithOpenssl("-cbc", " -iv " + hex(vector));
 }
 
-// A key on the token shows its value only in what it unwraps: each key here comes wrapped in the one before.
+// A key on the token shows its value only in what it unwraps.
 TEST_F(SessionKeys, AesKeysStayOnTheTokenAndUnwrapOthers) {
     const Bytes first = pattern(16), second = pattern(32), third = reversed(second), fourth = reversed(first);
     EXPECT_EQ(unwrapping(wrapped(third, second)), NTE_BAD_KEY) << "no key yet";
