@@ -1,4 +1,4 @@
-// The certificate chain of a container, as openssl reads it.
+// A key's certificate, and the chain of its container as openssl reads it.
 #include "e2e/objects.h"
 
 namespace e2e {
@@ -39,12 +39,20 @@ TEST_F(Chain, HoldsLeafIntermediateAndRootWhateverTheirOrderOnTheToken) {
     const Bytes leaf =
         certificate("Leaf", "-CA Intermediate.pem -CAkey Intermediate.key -force_pubkey public.der -keyform DER");
     givePin(context);
+    const auto stored = [&] {
+        return delivered([key = userKey(context)](BYTE* data, DWORD* size) {
+            return CryptGetKeyParam(key, KP_CERTIFICATE, data, size, 0);
+        });
+    };
+    EXPECT_EQ(stored(), Bytes());
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_NOT_FOUND));
     DWORD size = 0;
     EXPECT_EQ(errorOf(CryptGetProvParam(context, PP_CERTCHAIN, nullptr, &size, 0)), NTE_NO_KEY);
 
     // The root comes before the leaf here, and after it when the leaf is stored again.
     store(intermediate);
     ASSERT_TRUE(CryptSetKeyParam(userKey(context), KP_CERTIFICATE, leaf.data(), 0));
+    EXPECT_EQ(stored(), leaf);
     EXPECT_EQ(subjectsOf(context), "Leaf Intermediate ");
     store(root);
     for (int round = 0; round < 2; ++round) {

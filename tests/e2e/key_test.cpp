@@ -1,4 +1,4 @@
-// Keys, their containers and their certificates.
+// Keys, their containers and the PIN that guards them.
 #include "e2e/surroundings.h"
 
 namespace e2e {
@@ -35,26 +35,16 @@ TEST_F(Keys, ContainerOfTheSecondTokenIsFoundThere) {
     EXPECT_EQ(robot.finish(), (Seen{"PIN", "PIN"})) << "each token asks for its own PIN";
 }
 
-TEST_F(Keys, CertificateIsStoredAndReadBack) {
-    robot.enters(pin);
+TEST_F(Keys, CancelCostsNoAttemptAndThreeWrongPinsLockTheToken) {
     const Context context = acquire();
-    const Key key = generate(context, CALG_RSA_SIGN, 3072);
-    ASSERT_TRUE(key);
-    EXPECT_EQ(keyParameter(key, KP_KEYLEN), 3072u);
-    const auto certificateOf = [](const Key& holder) {
-        return delivered(
-            [&](BYTE* data, DWORD* size) { return CryptGetKeyParam(holder, KP_CERTIFICATE, data, size, 0); });
-    };
-    EXPECT_EQ(certificateOf(key), Bytes());
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_NOT_FOUND));
-
-    write("public.der", publicKey(context));
-    const Bytes certificate = certificateForPublicKey("Signer");
-    ASSERT_TRUE(CryptSetKeyParam(key, KP_CERTIFICATE, certificate.data(), 0)) << std::hex << GetLastError();
-    const Context later = acquire();
-    const Key found = userKey(later);
-    EXPECT_EQ(keyParameter(found, KP_KEYLEN), 2048u) << "the token makes RSA-2048 whatever size was asked for";
-    EXPECT_EQ(certificateOf(found), certificate);
+    robot.cancels().closes().enters("9999").enters("8888").enters("7777").enters(pin);
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_EQ(errorOf(generate(context) != 0), NTE_FAIL);
+    }
+    EXPECT_EQ(robot.finish(),
+              (Seen{"PIN", "PIN", "PIN", "Invalid user pin. Remaining attempts(2)", "PIN",
+                    "Invalid user pin. Remaining attempts(1)", "PIN", "User pin locked, re-initialise device", "PIN",
+                    "User pin locked, re-initialise device"}));
 }
 
 // Whoever sits at the display answers the PIN dialog.

@@ -64,34 +64,5 @@ TEST_F(Sign, EveryDigestVerifiesWithOpensslAndWithTheProvider) {
     EXPECT_EQ(robot.finish(), Seen{"PIN"}) << "one PIN for key and signatures";
 }
 
-// Signs its own name many times over, and leaves the last signature for the first process to check.
-const PlayedRole signing("sign", [](const std::string& name) {
-    DialogRobot robot;
-    robot.enters(pin);
-    const Context context = acquire();
-    Bytes signature;
-    for (int i = 0; i < 50; ++i) {
-        signature = sign(digest(context, CALG_SHA_256, bytesOf(name)));
-        EXPECT_FALSE(signature.empty());
-    }
-    write("signature-" + name, signature);
-    EXPECT_EQ(robot.finish(), Seen{"PIN"});
-    return 0;
-});
-
-TEST_F(Sign, TwoProcessesOnOneToken) {
-    DialogRobot robot;
-    robot.enters(pin);
-    ASSERT_TRUE(generate(acquire()));
-    robot.finish();
-    Role first("sign", "first"), second("sign", "second");
-    EXPECT_EQ(first.wait(), 0u);
-    EXPECT_EQ(second.wait(), 0u);
-    const Bytes key = publicKey(acquire());
-    for (const std::string name : {"first", "second"}) {
-        EXPECT_TRUE(opensslAccepts(key, "-sha256", bytesOf(name), read("signature-" + name)));
-    }
-}
-
 }  // namespace
 }  // namespace e2e

@@ -32,19 +32,5 @@ TEST_F(CngKeys, LiveFromCreationToDeletion) {
     EXPECT_EQ(robot.finish(), Seen{"PIN"});
 }
 
-TEST_F(CngKeys, CarryTheirCertificate) {
-    const CngObject provider = openProvider();
-    EXPECT_EQ(givePin(provider), ERROR_SUCCESS);
-    const CngObject key = createKey(provider, L"RSA", 1024);
-    publicKeyOf(key);
-    EXPECT_EQ(property(key, NCRYPT_CERTIFICATE_PROPERTY), Bytes());
-    EXPECT_EQ(status, NTE_NOT_FOUND);
-    Bytes der = certificateForPublicKey("holder");
-    ASSERT_EQ(NCryptSetProperty(key, NCRYPT_CERTIFICATE_PROPERTY, der.data(), static_cast<DWORD>(der.size()), 0),
-              ERROR_SUCCESS);
-    EXPECT_EQ(property(key, NCRYPT_CERTIFICATE_PROPERTY), der);
-    EXPECT_EQ(property(openKey(openProvider(), nameOf(key)), NCRYPT_CERTIFICATE_PROPERTY), der);
-}
-
 }  // namespace
 }  // namespace e2e

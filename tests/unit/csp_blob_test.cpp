@@ -68,6 +68,7 @@ TEST_F(CspBlobTest, MalformedBlobsAreRefusedWithTheirText) {
         {"no modulus", cut(rsaBlob(0, 3, {}), 19)},
         {"no key to unwrap with", keyBlob(SIMPLEBLOB, CALG_AES_128, bytes(5))},
         {"plain 192", keyBlob(PLAINTEXTKEYBLOB, CALG_AES_192, bytes(24))},
+        {"plain 3DES", keyBlob(PLAINTEXTKEYBLOB, CALG_3DES, bytes(24))},
         {"plain nonsense", keyBlob(PLAINTEXTKEYBLOB, 0xFFFFFFFF, bytes(24))},
         {"plain 129 bytes", keyBlob(PLAINTEXTKEYBLOB, CALG_AES_128, bytes(129))}};
     for (const std::uint32_t bits : {0u, 1025u, 1536u, 8192u, 65536u})
@@ -86,34 +87,6 @@ TEST_F(CspBlobTest, MalformedBlobsAreRefusedWithTheirText) {
     const BYTE some[12] = {SIMPLEBLOB};
     showNulls("CPImportKey", CPImportKey, prov, some, 12, 0, 0, &key);
     showEach<DWORD>("length", {0, 11, 12}, [&](DWORD length) { return CPImportKey(prov, some, length, 0, 0, &key); });
-}
-
-// Cut anywhere, or with any header byte turned over, a blob is imported or refused with one of its errors.
-TEST_F(CspBlobTest, CutAndDamagedBlobsDoNoHarm) {
-    setLogLevel(0);
-    scripted::always("talvik_decrypt", {13});
-    scripted::always("talvik_importAesKey", {11});
-    const std::pair<Bytes, HRESULT> rows[] = {{rsaBlob(1024, 0x10001, bytes(128)), NTE_BAD_DATA},
-                                              {keyBlob(SIMPLEBLOB, CALG_AES_128, bytes(256)), NTE_FAIL},
-                                              {keyBlob(PLAINTEXTKEYBLOB, CALG_AES_128, bytes(16)), NTE_BAD_TYPE},
-                                              {keyBlob(SYMMETRICWRAPKEYBLOB, CALG_AES_128, bytes(32)), NTE_BAD_KEY}};
-    for (const auto& [blob, whenCut] : rows) {
-        for (std::size_t length = 1; length < blob.size(); ++length) {
-            EXPECT_FALSE(import(cut(blob, length), unwrapping));
-            EXPECT_EQ(static_cast<HRESULT>(GetLastError()), length <= 12 ? NTE_INVALID_PARAMETER : whenCut) << length;
-        }
-        for (std::size_t at = 0; at < 20; ++at) {
-            Bytes damaged = blob;
-            damaged[at] ^= 0xFF;
-            HCRYPTKEY made = 0;
-            if (importTo(&made, damaged, unwrapping))
-                delete csp::keyOf(made);
-            else
-                EXPECT_THAT(static_cast<HRESULT>(GetLastError()),
-                            AnyOf(NTE_BAD_DATA, NTE_BAD_TYPE, NTE_BAD_ALGID, NTE_FAIL, NTE_BAD_KEY))
-                    << at;
-        }
-    }
 }
 
 TEST_F(CspBlobTest, SessionKeysAreUnwrappedInEitherOrder) {
@@ -162,7 +135,8 @@ TEST_F(CspBlobTest, WrappedKeysGoToEveryKeyThatMayUnwrapThem) {
     for (const ALG_ID wrapped : {CALG_AES_128, CALG_RC4}) {
         algorithm = wrapped;
         for (const scripted::Outcome& first : {scripted::Outcome{13, bytes(2)}, {0, bytes(2), -2}, {0, bytes(2), 5000}})
-            showImport("the second unwraps " + number(wrapped), {first, {0, bytes(24)}});
+            showImport("the second unwraps " + number(wrapped) + " after " + number(first.length.value_or(13)),
+                       {first, {0, bytes(24)}});
     }
     scripted::next("talvik_importAesKey", {3});
     showImport("not stored", {{13}, {0, bytes(24)}});

@@ -71,14 +71,15 @@ TEST_F(CspProviderParamTest, KeySpecFollowsTheContainersKey) {
 }
 
 TEST_F(CspProviderParamTest, ContainersAreEnumeratedOneByOne) {
-    const auto next = [&](DWORD flags, DWORD room = 33) {
-        show("flags " + number(flags), [&] { return get(PP_ENUMCONTAINERS, room, flags); });
+    auto next = [&, step = 0](DWORD flags, DWORD room = 33) mutable {
+        show("step " + number(++step) + ", flags " + number(flags),
+             [&] { return get(PP_ENUMCONTAINERS, room, flags); });
     };
     for (int round = 0; round < 2; ++round) {
         for (const DWORD flags : {CRYPT_FIRST, CRYPT_NEXT, CRYPT_NEXT, CRYPT_NEXT})
             next(flags);
         next(CRYPT_FIRST, 32);
-        show("a size query moves on too", [&] { return query(PP_ENUMCONTAINERS, CRYPT_NEXT); });
+        show("a size query moves on too, round " + number(round), [&] { return query(PP_ENUMCONTAINERS, CRYPT_NEXT); });
         next(CRYPT_NEXT);
     }
     for (const DWORD flags : {0u, 3u, 4u, 8u, 0x80000001u})
@@ -147,14 +148,14 @@ TEST_F(CspProviderParamTest, Refusals) {
 TEST_F(CspProviderParamTest, ThePinIsValidatedAndKept) {
     state = [] { return "PIN " + recording::shortened(getDevicePassword(DEVICE).c_str()); };
     for (const DWORD param : {PP_KEYEXCHANGE_PIN, PP_SIGNATURE_PIN}) {
-        clearDevicePassword(DEVICE);
         for (const int status : {0, 5})
             for (const std::string& pin :
                  {std::string("1234"), std::string(), std::string(300, '7'), std::string("56")}) {
                 scripted::next("talvik_validatePassword", {.status = status, .length = 2});
-                show("status " + number(status), [&] { return set(param, pin.c_str()); });
+                show("status " + number(status) + " for " + number(param) + " of " + number(pin.size()),
+                     [&] { return set(param, pin.c_str()); });
             }
-        show("none", [&] { return set(param, nullptr); });
+        show("none for " + number(param), [&] { return set(param, nullptr); });
     }
 }
 
@@ -164,19 +165,21 @@ TEST_F(CspProviderParamTest, WindowAndRandomSource) {
     SHOW(set(PP_CLIENT_HWND, nullptr));
     for (const DWORD given : {5u, 0u, 0x80000000u}) {
         show("hardware " + number(given), [&] { return set(PP_USE_HARDWARE_RNG, &given); });
-        SHOW(get(PP_USE_HARDWARE_RNG));
+        show("after " + number(given), [&] { return get(PP_USE_HARDWARE_RNG); });
     }
     SHOW(set(PP_USE_HARDWARE_RNG, nullptr));
 }
 
 TEST_F(CspProviderParamTest, RandomBytesComeFromTheChosenSource) {
-    for (const auto& [flags, hardware] : {std::pair<DWORD, DWORD>{0, 1}, {0, 0}, {CRYPT_VERIFYCONTEXT, 1}}) {
+    for (const auto& [name, flags, hardware] : {std::tuple<std::string, DWORD, DWORD>{"hardware", 0, 1},
+                                                {"software", 0, 0},
+                                                {"no token", CRYPT_VERIFYCONTEXT, 1}}) {
         acquire("", flags);
         EXPECT_TRUE(set(PP_USE_HARDWARE_RNG, &hardware));
-        scripted::next("talvik_generateRamdomNumber", {.output = bytes(7)});
-        SHOW(CPGenRandom(prov, 7, data.data()));
-        scripted::next("talvik_generateRamdomNumber", {.status = 3});
-        SHOW(CPGenRandom(prov, 7, data.data()));
+        for (const int status : {0, 3}) {
+            scripted::next("talvik_generateRamdomNumber", {status, bytes(7)});
+            show(name + ", status " + number(status), [&] { return CPGenRandom(prov, 7, data.data()); });
+        }
     }
     showNulls("CPGenRandom", CPGenRandom, prov, 7, data.data());
     HCRYPTKEY derived = UNTOUCHED_HANDLE;

@@ -75,8 +75,4 @@ TEST(KeyEncoding, OnlyTheFirstByteTellsDerFromModulus) {
     EXPECT_TRUE(isDerPublicKey(Bytes{}));
 }
 
-TEST(KeyEncoding, ReversalTurnsTheWholeBuffer) {
-    EXPECT_EQ(reverseBytes(Bytes({1, 2, 3})), Bytes({3, 2, 1}));
-}
-
 }  // namespace

@@ -94,24 +94,6 @@ TEST_F(KspBlobs, MalformedBlobsAreRefusedWithTheirText) {
     showNulls("KSPImportKey", ksp.ImportKey, hProv, 0, L"PUBLICBLOB", nullptr, &key, some, 24, 0);
 }
 
-// Cut anywhere, or with any header byte turned over, a blob is imported or refused and nothing else.
-TEST_F(KspBlobs, CutAndDamagedBlobsDoNoHarm) {
-    setLogLevel(0);
-    const std::pair<const wchar_t*, Bytes> blobs[] = {{L"PUBLICBLOB", rsaBlob(1024, {1, 0, 1}, modulusOf(128))},
-                                                      {L"CAPIPUBLICBLOB", legacyBlob(1024, 0x10001, modulusOf(128))},
-                                                      {L"KeyDataBlob", keyDataBlob(bytes(32))}};
-    for (const auto& [type, blob] : blobs) {
-        for (std::size_t length = 1; length < blob.size(); ++length)
-            EXPECT_EQ(import(type, cut(blob, length)), NTE_BAD_DATA);
-        for (std::size_t at = 0; at < 24; ++at) {
-            Bytes damaged = blob;
-            damaged[at] ^= 0xFF;
-            EXPECT_THAT(import(type, damaged), AnyOf(ERROR_SUCCESS, NTE_BAD_DATA, NTE_NOT_SUPPORTED)) << at;
-            takeOver();
-        }
-    }
-}
-
 TEST_F(KspBlobs, PlainAesKeysAreStoredOnTheToken) {
     setDevicePassword(DEVICE, PIN);
     scripted::always("talvik_importAesKey", {.output = filled(16, 0x77)});

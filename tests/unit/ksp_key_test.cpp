@@ -233,15 +233,16 @@ TEST_F(KspKeys, SetsTheVectorThatAllKeysShare) {
     openOnlyKey();
     state = [] { return "iv of " + number(sharedIv().length()); };
     const Bytes iv = bytes(32);
-    const auto showSet = [&](DWORD length) {
-        show("iv of " + number(length), [&] { return set(L"IV", length != 0 ? iv.data() : nullptr, length); });
+    const auto showSet = [&](const std::string& keyName, DWORD length) {
+        show(keyName + ", iv of " + number(length),
+             [&] { return set(L"IV", length != 0 ? iv.data() : nullptr, length); });
     };
-    showSet(5);
+    showSet("RSA", 5);
     for (const auto& [keyLength, right, wrong] :
          {std::tuple<std::size_t, DWORD, DWORD>{16, 16, 8}, {32, 16, 17}, {24, 8, 16}}) {
         aesKey(keyLength);
         for (const DWORD length : {wrong, right, DWORD{0}})
-            showSet(length);
+            showSet("AES of " + number(keyLength), length);
     }
 }
 

@@ -5,6 +5,8 @@ using namespace talvik;
 
 namespace {
 
+const Bytes HASH = bytes(32);
+
 class KspSign : public KspTest {
   protected:
     SECURITY_STATUS sign(DWORD flags = BCRYPT_PAD_PKCS1, DWORD room = 512) {

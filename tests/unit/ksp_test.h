@@ -50,8 +50,6 @@ Bytes readBySizeRule(const std::function<SECURITY_STATUS(BYTE*, DWORD, DWORD*)>&
 
 std::string factsOfKspKey(NCRYPT_KEY_HANDLE key);
 
-inline const Bytes HASH = bytes(32);
-
 template <class Value>
 Value valueOf(const Bytes& bytes) {
     Value value{};

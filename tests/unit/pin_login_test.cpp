@@ -41,9 +41,8 @@ TEST_F(PinLogin, AnAcceptedPinIsRememberedForBothFaces) {
         forgetEverything();
         robot.enters("987654");
         show("asked", login);
-        SHOW(ensure());
-        SHOW(ensureKsp());
-        SHOW(canProceedSilently(DEVICE, nullptr));
+        EXPECT_TRUE(ensure() && ensureKsp() && canProceedSilently(DEVICE, nullptr));
+        EXPECT_THAT(scripted::takeCalls(), IsEmpty());
     }
 }
 
@@ -100,19 +99,17 @@ TEST_F(PinLogin, SingleSignOnTakesAllThreeFields) {
 }
 
 TEST_F(PinLogin, GivingUpFailsWithoutAskingTheToken) {
-    const DialogRobot::Answer cancel = [](const PinDialog& dialog) { dialog.cancel(); };
-    const DialogRobot::Answer close = [](const PinDialog& dialog) { dialog.close(); };
-    for (const auto& giveUp : {cancel, close})
-        for (const auto& login : faces) {
-            setDevicePassword(DEVICE, "");  // forgotten by a login that fails
-            robot.does(giveUp);
-            show("given up", login);
-            robot.does([giveUp](const PinDialog& dialog) {
-                dialog.type("1234");
-                giveUp(dialog);
-            });
-            show("typed, but not entered", login);
-        }
+    for (const auto& login : faces)
+        for (const auto giveUp : {&PinDialog::cancel, &PinDialog::close})
+            for (const char* const typed : {"", "1234"}) {
+                setDevicePassword(DEVICE, "");  // forgotten by a login that fails
+                EXPECT_FALSE(canProceedSilently(DEVICE, nullptr));
+                robot.does([=](const PinDialog& dialog) {
+                    dialog.type(typed);
+                    (dialog.*giveUp)();
+                });
+                show("given up", login);
+            }
 }
 
 TEST_F(PinLogin, RefusalsAreToldUntilTheTokenAccepts) {
@@ -125,14 +122,13 @@ TEST_F(PinLogin, RefusalsAreToldUntilTheTokenAccepts) {
 
 // A refusal with no attempt left ends the login whatever its status; the count is 0 unless the token reports another.
 TEST_F(PinLogin, ALockedPinEndsTheLogin) {
-    for (const scripted::Outcome& refusal :
-         {scripted::Outcome{.status = 5}, {.status = -1, .length = 0}, {.status = 48, .length = 0}}) {
-        scripted::always("talvik_validatePassword", refusal);
-        for (const auto& login : faces) {
+    for (const auto& login : faces)
+        for (const scripted::Outcome& refusal :
+             {scripted::Outcome{.status = 5}, {.status = -1, .length = 0}, {.status = 48, .length = 0}}) {
+            scripted::next("talvik_validatePassword", refusal);
             robot.enters("wrong");
             show("refused with " + number(refusal.status), login);
         }
-    }
 }
 
 TEST_F(PinLogin, LoginIsEnabledFrom4To63Characters) {

@@ -111,17 +111,46 @@ std::optional<std::string> merged(const std::vector<std::string>& texts, int mos
     return result;
 }
 
-// The line of the calls from `first` to before `end`; nothing when one line does not do for all.
-std::optional<std::string> lineOf(std::size_t first, std::size_t end) {
+using Calls = std::vector<const Entry*>;
+
+// The line of these calls; nothing when one line does not do for all.
+std::optional<std::string> lineOf(const Calls& calls) {
     std::vector<std::string> names, outcomes;
     std::string listed;
-    for (std::size_t i = first; i < end; ++i) {
-        names.push_back(running[i].name);
-        outcomes.push_back(running[i].outcome);
-        listed += (i == first ? "" : "; ") + running[i].name;
+    for (const Entry* const call : calls) {
+        listed += (names.empty() ? "" : "; ") + call->name;
+        names.push_back(call->name);
+        outcomes.push_back(call->outcome);
     }
     const auto outcome = merged(outcomes, 10, 3);
     return outcome ? std::optional(merged(names, 2, 2).value_or(listed) + " = " + *outcome) : std::nullopt;
+}
+
+// The running test's calls, those together that share a line: with the call before, or with the first that is answered
+// alike, as long as that is read at a glance. A name that several calls go by keeps its place, or their order would be
+// lost.
+std::vector<Calls> calls() {
+    constexpr std::size_t longest = 400;
+    std::vector<Calls> groups;
+    std::size_t last = 0;
+    for (const Entry& call : running) {
+        const auto lineWith = [&](Calls group) {
+            group.push_back(&call);
+            return lineOf(group);
+        };
+        const auto isNamesake = [&](const Entry& other) { return other.name == call.name; };
+        const auto takesIt = [&](const Calls& group) {
+            return lineWith(group).value_or(std::string(longest, ' ')).size() < longest;
+        };
+        if (groups.empty() || !lineWith(groups[last])) {
+            last = std::ranges::count_if(running, isNamesake) > 1
+                       ? groups.size()
+                       : std::ranges::find_if(groups, takesIt) - groups.begin();
+            groups.resize(std::max(groups.size(), last + 1));
+        }
+        groups[last].push_back(&call);
+    }
+    return groups;
 }
 
 std::map<DWORD, std::string> byCode(std::initializer_list<std::int64_t> codes, const std::string& names) {
@@ -159,17 +188,9 @@ void add(Entry entry) {
 void close() {
     Lines lines;
     std::vector<std::source_location> where;
-    for (std::size_t first = 0; first < running.size();) {
-        std::size_t end = first + 1;
-        std::string line = *lineOf(first, end);
-        for (; end < running.size(); ++end)
-            if (const auto longer = lineOf(first, end + 1))
-                line = *longer;
-            else
-                break;
-        lines.push_back(line);
-        where.push_back(running[first].where);
-        first = end;
+    for (const Calls& group : calls()) {
+        lines.push_back(*lineOf(group));
+        where.push_back(group.front()->where);
     }
     running.clear();
     if (isRecording())

@@ -3,7 +3,7 @@
 // tree.
 //
 // One line a call: its name, what it answered, left behind and changed, windows, log lines ("!" before an ERROR),
-// device calls. Calls in a row that differ in a few words share a line:
+// device calls. Calls that differ in a few words share a line, those in a row and, where it stays short, later ones:
 //
 //     CPHashData without {1, 2} = FALSE {NTE_BAD_UID, NTE_BAD_HASH} | CPHashData | !CPHashData: {a, b} is null
 #pragma once

@@ -1,4 +1,6 @@
 // Every pointer, length and device of every operation: a status, never a crash.
+#include <set>
+
 #include "virtual_token/fixture.h"
 
 namespace talvik_test {
@@ -97,9 +99,14 @@ TEST_F(VirtualTokenTest, RoomIsRespected) {
                   status);
         EXPECT_EQ(length, 20);
     }
-    Bytes random(3u << 20);
-    EXPECT_EQ(talvik_generateRamdomNumber(device, static_cast<int>(random.size()), random.data(), false, nullptr), 0);
-    EXPECT_NE(Bytes(random.end() - 16, random.end()), Bytes(16));
+    std::set<Bytes> drawn;
+    for (const bool isSoftware : {false, true, false, true}) {
+        Bytes random(3u << 20);
+        EXPECT_EQ(talvik_generateRamdomNumber(isSoftware ? "" : device, 3 << 20, random.data(), isSoftware, nullptr),
+                  0);
+        drawn.emplace(random.end() - 16, random.end());
+    }
+    EXPECT_EQ(drawn.size(), 4u);
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
-// What AES and RSA encryption refuse, and the keys that unwrap others. That both agree with openssl is tested through
-// the provider.
+// What AES and RSA refuse, threads that share a key, and the keys that unwrap others. That openssl agrees with all of
+// it is tested through the provider.
+#include <thread>
+
 #include "gcrypt_objects.h"
 #include "rsa_padding.h"
 #include "virtual_token/fixture.h"
@@ -47,6 +49,23 @@ TEST_F(VirtualTokenTest, RsaDataMustFitItsKey) {
     EXPECT_EQ(sign(key, pattern(32)).status, UsageForbidden);
 }
 
+TEST_F(VirtualTokenTest, ThreadsUseOneKeyWithEitherPadding) {
+    const Key key = generate(TALVIK_KEY_RSA_1024, TALVIK_USAGE_SIGN);
+    writeRsaKey(scratch(), "key", key.publicKey());
+    const Bytes publicKey = read("key.der");
+    EXPECT_EQ(sign(key, pattern(64), true).status, Unsupported) << "digest and salt have no room";
+    std::vector<std::jthread> threads;
+    for (const std::size_t length : {32u, 48u, 32u, 48u}) {
+        threads.emplace_back([&, digest = pattern(length)] {
+            const Bytes expected = sign(key, digest).bytes;
+            for (int i = 0; i < 50; ++i) {
+                EXPECT_EQ(sign(key, digest).bytes, expected);
+                EXPECT_EQ(verify(publicKey, digest, sign(key, digest, true).bytes, true), 0);
+            }
+        });
+    }
+}
+
 // Blocks of openssl's, and ours damaged where nothing but the check in question tells.
 TEST(RsaPadding, IsCheckedToItsLastByte) {
     run("genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:1024 -out private.pem");
@@ -85,6 +104,7 @@ TEST_F(VirtualTokenTest, RsaPublicKeysAreChecked) {
     std::fill(zeroExponent.end() - 3, zeroExponent.end(), 0);
     const Bytes bad[] = {{}, {0x30}, evenModulus, zeroExponent, Bytes(good.begin(), good.end() - 1), pattern(294)};
     EXPECT_EQ(encrypt(good, pattern(5), PaddingMode::Pkcs1).status, 0);
+    EXPECT_EQ(verify(good, pattern(32), pattern(256)), BadSignature);
     for (const Bytes& key : bad) {
         EXPECT_EQ(encrypt(key, pattern(5), PaddingMode::Pkcs1).status, BadKey);
         EXPECT_EQ(verify(key, pattern(32), pattern(256)), BadKey);

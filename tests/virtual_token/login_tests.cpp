@@ -26,6 +26,7 @@ TEST_F(LoginTest, WrongPinsLockTheToken) {
     int left = -1;
     EXPECT_EQ(login("123", &left), InvalidArgument);  // no PIN at all: no attempt
     EXPECT_EQ(login("", &left), InvalidArgument);
+    EXPECT_EQ(login(std::string(300, '1').c_str(), &left), InvalidArgument);
     EXPECT_EQ(left, 3);
     EXPECT_EQ(login("9999", &left), WrongPin);
     EXPECT_EQ(left, 2);
