@@ -254,19 +254,13 @@ void keepsToOneToken(const std::string& call) {
     tokenOfCall = token;
 }
 
-TEST_F(Concurrency, OneProviderForTwoTokens) {
-    struct : desktop::User {
-        void dialog(HWND window) override {
-            desktop::type(window, tokenOfCall->pin);
-            desktop::press(window, IDOK);
-        }
-        void message(const std::string&, const std::string&) override {}
-    } user;
+TEST_F(Questions, OneProviderForTwoTokens) {
+    answer = [](int) { return tokenOfCall->pin; };
+    patience = {};
     std::vector<std::pair<std::string, scripted::Token>> attached;
     for (const auto& [id, pin, keyPair] : sharedTokens)
         attached.push_back({id, {scripted::tokenInfo(id), {keyPair}, {}, {}}});
     scripted::attach(attached);
-    desktop::seat(&user);
     NCRYPT_PROV_HANDLE provider = 0;
     ASSERT_EQ(KSPOpenProvider(&provider, L"", 0), ERROR_SUCCESS);
     std::atomic<int> signatures = 0;
@@ -302,7 +296,6 @@ TEST_F(Concurrency, OneProviderForTwoTokens) {
     };
     allAtOnce(
         {works(sharedTokens[0]), works(sharedTokens[1]), works(sharedTokens[0]), works(sharedTokens[1]), prompts});
-    desktop::seat(nullptr);
     EXPECT_EQ(KSPFreeProvider(provider), ERROR_SUCCESS);
 }
 

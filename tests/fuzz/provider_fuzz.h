@@ -25,13 +25,6 @@ struct CspKey {
     CspKey& operator=(const CspKey&) = delete;
     HCRYPTKEY handle = 0;
 };
-struct CngKey {
-    CngKey() { KSPOpenKey(tokenProvider(), &handle, std::wstring(32, L'0').c_str(), 0, 0); }
-    ~CngKey() { KSPFreeKey(tokenProvider(), handle); }
-    CngKey(const CngKey&) = delete;
-    CngKey& operator=(const CngKey&) = delete;
-    NCRYPT_KEY_HANDLE handle = 0;
-};
 
 // A name that the key storage face knows, or any other text. Ends with a NUL.
 Guarded propertyName(Input& input);
@@ -43,10 +36,6 @@ Guarded algorithmName(Input& input);
 void checkCspKey(HCRYPTKEY key);
 void checkCngKey(NCRYPT_KEY_HANDLE key);
 void checkHash(HCRYPTHASH hash);
-
-// Checks and uses whatever key came out, and lets it go.
-void useUpCspKey(HCRYPTKEY key);
-void useUpCngKey(NCRYPT_KEY_HANDLE key);
 
 // Makes the calls that `input` chooses until it is at its end, on both faces and in any order an application could make
 // them: handles live from call to call, are used with other handles, released early or never. Handles are addresses, so

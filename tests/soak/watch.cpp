@@ -85,8 +85,8 @@ bool isFlat(const Footprint& before, const Footprint& after) {
     return isFlat;
 }
 
-Watchdog::Watchdog(std::size_t threads, ULONGLONG longestMilliseconds)
-    : places_(threads), longest_(longestMilliseconds), thread_([this] {
+Watchdog::Watchdog(std::size_t threads)
+    : places_(threads), thread_([this] {
           while (!stop_) {
               look();
               Sleep(100);
@@ -104,9 +104,10 @@ void Watchdog::enters(std::size_t thread, const char* operation) {
 }
 
 void Watchdog::look() const {
+    constexpr ULONGLONG longestMilliseconds = 60000;
     const ULONGLONG now = GetTickCount64();
     for (const Place& place : places_) {
-        if (place.operation == nullptr || now < place.since + longest_) {
+        if (place.operation == nullptr || now < place.since + longestMilliseconds) {
             continue;
         }
         for (std::size_t i = 0; i < places_.size(); ++i) {

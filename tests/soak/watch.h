@@ -27,7 +27,7 @@ bool isFlat(const Footprint& before, const Footprint& after);
 // the process ends with exit code 3.
 class Watchdog {
   public:
-    explicit Watchdog(std::size_t threads, ULONGLONG longestMilliseconds = 60000);
+    explicit Watchdog(std::size_t threads);
     ~Watchdog();
     Watchdog(const Watchdog&) = delete;
     Watchdog& operator=(const Watchdog&) = delete;
@@ -43,7 +43,6 @@ class Watchdog {
     void look() const;
 
     std::vector<Place> places_;
-    const ULONGLONG longest_;
     std::atomic<bool> stop_{false};
     std::thread thread_;
 };
