@@ -32,7 +32,7 @@ bool isRsa(const TalvikKeyPair& key) {
 
 }  // namespace
 
-const DigestType& digestFor(const TalvikKeyPair& key, const std::string& name) {
+const DigestType& digestFor(const TalvikKeyPair& key, std::string_view name) {
     const int strength = key.keyType == TALVIK_KEY_EC_P521   ? TALVIK_HASH_SHA512
                          : key.keyType == TALVIK_KEY_EC_P384 ? TALVIK_HASH_SHA384
                                                              : TALVIK_HASH_SHA256;

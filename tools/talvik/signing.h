@@ -12,7 +12,7 @@ using virtual_token::DigestType;
 inline constexpr const char* digestNames[] = {"sha256", "sha384", "sha512"};
 
 // The digest of this name, else the one that goes with the key's strength.
-const DigestType& digestFor(const TalvikKeyPair& key, const std::string& name);
+const DigestType& digestFor(const TalvikKeyPair& key, std::string_view name);
 Bytes digestAlgorithm(const DigestType& digest);          // DER AlgorithmIdentifier
 const DigestType* digestOfAlgorithm(ByteView algorithm);  // of that; null when it is none of the three
 
