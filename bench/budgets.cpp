@@ -14,7 +14,7 @@ double median(const Json& row, const char* figure) {
     return row.at(figure).at("median").get<double>();
 }
 
-#ifdef __GNUC__
+#if defined __GNUC__ && !defined __clang__
 __attribute__((format(gnu_printf, 1, 2)))
 #endif
 std::string

@@ -55,6 +55,7 @@ double Timings::undisturbedSpeed(std::size_t way, std::size_t reference) const {
 // Every other slice takes the ways in the opposite order: what one way leaves behind weighs on both neighbours alike.
 Timings measure(const Effort& effort, const std::vector<Work>& ways) {
     std::vector<int> runs;
+    runs.reserve(ways.size());
     for (const Work& way : ways) {
         runs.push_back(runsPerSlice(effort, way));
     }

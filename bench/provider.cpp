@@ -40,10 +40,8 @@ TalvikKeyPair findOrMakeKey(const std::string& deviceId, const std::string& pin)
 
 }  // namespace
 
-void require(BOOL result, const char* what) {
-    if (result == FALSE) {
-        throw Failure(std::string(what) + " failed, last error " + std::to_string(GetLastError()));
-    }
+void fail(const char* what) {
+    throw Failure(std::string(what) + " failed, last error " + std::to_string(GetLastError()));
 }
 
 void requireStatus(long status, const char* what) {

@@ -21,7 +21,12 @@ struct Failure : std::runtime_error {
 };
 
 // Fails with the last error in its text.
-void require(BOOL result, const char* what);
+[[noreturn]] void fail(const char* what);
+inline void require(BOOL result, const char* what) {
+    if (result == FALSE) {
+        fail(what);
+    }
+}
 // For the device library's statuses and CNG's.
 void requireStatus(long status, const char* what);
 

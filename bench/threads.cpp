@@ -121,8 +121,9 @@ void spin() {
 
 void measureThreads(const BenchToken& token, Json& rows) {
     std::vector<std::unique_ptr<Context>> contexts;
-    for (int i = 0; i < threadCounts[std::size(threadCounts) - 1]; ++i) {
-        contexts.push_back(std::make_unique<Context>(token.provider, token.containerName.c_str()));
+    contexts.resize(static_cast<std::size_t>(threadCounts[std::size(threadCounts) - 1]));
+    for (auto& context : contexts) {
+        context = std::make_unique<Context>(token.provider, token.containerName.c_str());
     }
     const Bytes message(1024, 0x5A);
     const Bytes piece(1u << 20, 0xA5);

@@ -37,8 +37,9 @@ Bytes requestInfo(const Context& context, const char* subject) {
     Bytes parts[] = {encode(X509_INTEGER, &version), encodedName(subject), publicKey(context, AT_SIGNATURE),
                      Bytes(std::begin(noAttributes), std::end(noAttributes))};
     CRYPT_DER_BLOB blobs[std::size(parts)];
-    for (std::size_t i = 0; i < std::size(parts); ++i)
+    for (std::size_t i = 0; i < std::size(parts); ++i) {
         blobs[i] = {static_cast<DWORD>(parts[i].size()), parts[i].data()};
+    }
     const CRYPT_SEQUENCE_OF_ANY sequence{static_cast<DWORD>(std::size(blobs)), blobs};
     return encode(X509_SEQUENCE_OF_ANY, &sequence);
 }
@@ -90,8 +91,9 @@ Bytes storedCertificate(const Key& key) {
     DWORD length = 0;
     if (!CryptGetKeyParam(key.get(), KP_CERTIFICATE, nullptr, &length, 0)) {
         const DWORD error = GetLastError();
-        if (error == static_cast<DWORD>(NTE_NOT_FOUND))
+        if (error == static_cast<DWORD>(NTE_NOT_FOUND)) {
             return {};
+        }
         throw Failure("CryptGetKeyParam(KP_CERTIFICATE)", error);
     }
     Bytes certificate(length);

@@ -100,7 +100,7 @@ Bytes enrol(const Context& context, const Key& key, const Purpose& purpose, cons
         storeCertificate(key, issued);
         return true;
     });
-    const Bytes stored = timed("CryptGetKeyParam: read the certificate back", [&] { return storedCertificate(key); });
+    Bytes stored = timed("CryptGetKeyParam: read the certificate back", [&] { return storedCertificate(key); });
     if (stored != issued) {
         throw std::runtime_error("the token returned another certificate than was stored");
     }
@@ -109,7 +109,7 @@ Bytes enrol(const Context& context, const Key& key, const Purpose& purpose, cons
 }
 
 Bytes certificateFor(const Context& context, const Key& key, const Purpose& purpose, const fs::path& state) {
-    const Bytes stored = timed("look for its certificate on the token", [&] { return storedCertificate(key); });
+    Bytes stored = timed("look for its certificate on the token", [&] { return storedCertificate(key); });
     if (stored.empty()) {
         return enrol(context, key, purpose, state);
     }

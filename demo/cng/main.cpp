@@ -18,6 +18,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <cwchar>
 #include <filesystem>
 #include <fstream>
 #include <optional>
@@ -64,7 +65,7 @@ void requireNamedProvider(const CngObject& provider) {
     DWORD size = 0;
     if (NCryptGetProperty(provider.get(), NCRYPT_NAME_PROPERTY, reinterpret_cast<BYTE*>(name.data()),
                           static_cast<DWORD>(sizeof cngProviderName), &size, 0) != ERROR_SUCCESS ||
-        name.c_str() != std::wstring(cngProviderName)) {
+        std::wcscmp(name.c_str(), cngProviderName) != 0) {
         throw OtherProvider{};
     }
 }

@@ -2,12 +2,14 @@
 #pragma once
 #include_next <ncrypt.h>
 
+#ifndef NCRYPT_ALLOW_EXPORT_FLAG /* which came to Wine with the record */
 typedef struct __NCRYPT_SUPPORTED_LENGTHS {
     DWORD dwMinLength;
     DWORD dwMaxLength;
     DWORD dwIncrement;
     DWORD dwDefaultLength;
 } NCRYPT_SUPPORTED_LENGTHS;
+#endif
 
 #define NCRYPT_ALLOW_DECRYPT_FLAG 0x1
 #define NCRYPT_ALLOW_EXPORT_FLAG 0x1
