@@ -1,6 +1,7 @@
 #include "soak/watch.h"
 
 #include <algorithm>
+#include <barrier>
 #include <cstdint>
 #include <cstdio>
 #include <tlhelp32.h>
@@ -14,21 +15,24 @@ constexpr std::uintptr_t highestHandle = 0x20000;
 constexpr struct {
     const char* name;
     std::size_t mayGrow;
-} counted[] = {{"heap in use", 256u << 10}, {"private memory", 4u << 20}, {"handles", 8}, {"threads", 0}};
+} counted[] = {{"heap in use", 4u << 20}, {"private memory", 4u << 20}, {"handles", 16}, {"threads", 0}};
 
-std::size_t heapBytesInUse() {
+constexpr unsigned mostNewBlocks = 32;  // of a size
+
+void countHeap(Footprint& footprint) {
     std::vector<HANDLE> heaps(GetProcessHeaps(0, nullptr));
     heaps.resize(std::min<std::size_t>(heaps.size(), GetProcessHeaps(static_cast<DWORD>(heaps.size()), heaps.data())));
-    std::size_t bytes = 0;
     for (const HANDLE heap : heaps) {
         HeapLock(heap);
         PROCESS_HEAP_ENTRY entry{};
         while (HeapWalk(heap, &entry)) {
-            bytes += (entry.wFlags & PROCESS_HEAP_ENTRY_BUSY) != 0 ? entry.cbData : 0;
+            if ((entry.wFlags & PROCESS_HEAP_ENTRY_BUSY) != 0) {
+                footprint.counted[0] += entry.cbData;
+                ++footprint.heapBlocks[std::min<std::size_t>(entry.cbData, footprint.heapBlocks.size() - 1)];
+            }
         }
         HeapUnlock(heap);
     }
-    return bytes;
 }
 
 std::size_t committedPrivateBytes() {
@@ -65,22 +69,50 @@ unsigned runningThreads() {
 }  // namespace
 
 Footprint footprint() {
-    return {heapBytesInUse(), committedPrivateBytes(), openHandles(), runningThreads()};
+    Footprint now;
+    now.counted = {0, committedPrivateBytes(), openHandles(), runningThreads()};
+    countHeap(now);
+    return now;
+}
+
+std::pair<Footprint, Footprint> measure(std::size_t count, const std::function<void(std::size_t, bool)>& work) {
+    std::barrier<> rest(static_cast<std::ptrdiff_t>(count + 1));
+    std::vector<std::jthread> threads;
+    for (std::size_t i = 0; i < count; ++i) {
+        threads.emplace_back([&, i] {
+            for (const bool isWarmUp : {true, false}) {
+                work(i, isWarmUp);
+                rest.arrive_and_wait();
+                rest.arrive_and_wait();
+            }
+        });
+    }
+    const auto held = [&] {
+        rest.arrive_and_wait();
+        const Footprint now = footprint();
+        rest.arrive_and_wait();
+        return now;
+    };
+    const Footprint before = held();
+    return {before, held()};
 }
 
 std::string difference(const Footprint& before, const Footprint& after) {
     std::string text;
-    for (std::size_t i = 0; i < before.size(); ++i) {
-        text += std::string(i == 0 ? "" : ", ") + counted[i].name + ' ' + std::to_string(before[i]) + " -> " +
-                std::to_string(after[i]);
+    for (std::size_t i = 0; i < std::size(counted); ++i) {
+        text += std::string(i == 0 ? "" : ", ") + counted[i].name + ' ' + std::to_string(before.counted[i]) + " -> " +
+                std::to_string(after.counted[i]);
     }
     return text;
 }
 
 bool isFlat(const Footprint& before, const Footprint& after) {
     bool isFlat = true;
-    for (std::size_t i = 0; i < before.size(); ++i) {
-        isFlat &= before[i] != 0 && after[i] <= before[i] + counted[i].mayGrow;
+    for (std::size_t i = 0; i < std::size(counted); ++i) {
+        isFlat &= before.counted[i] != 0 && after.counted[i] <= before.counted[i] + counted[i].mayGrow;
+    }
+    for (std::size_t size = 0; size < before.heapBlocks.size(); ++size) {
+        isFlat &= after.heapBlocks[size] <= before.heapBlocks[size] + mostNewBlocks;
     }
     return isFlat;
 }

@@ -6,21 +6,33 @@
 #include <array>
 #include <atomic>
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace soak {
 
 // Counted one by one: Wine answers 0 when it is asked for a process's private bytes or number of handles. For a moment
 // when the other threads are at rest.
-using Footprint = std::array<std::size_t, 4>;  // bytes in use in all heaps, private memory, handles, threads
+struct Footprint {
+    std::vector<unsigned> heapBlocks =
+        std::vector<unsigned>(0x10000);    // in use, by their size; the last: of that or more
+    std::array<std::size_t, 4> counted{};  // bytes in use in all heaps, private memory, handles, threads
+};
 Footprint footprint();
 
 // "1 -> 2" for each of them.
 std::string difference(const Footprint& before, const Footprint& after);
 
-// Whether nothing has grown, but for what the heap needs to arrange itself.
+// Each of `count` threads does its work twice; what the process held after the first time and after the second. The
+// same threads: newer versions of Wine keep memory aside for each that comes.
+std::pair<Footprint, Footprint> measure(std::size_t count,
+                                        const std::function<void(std::size_t thread, bool isWarmUp)>& work);
+
+// Whether nothing has grown, but for what the heap needs to arrange itself. What is lost again and again is many blocks
+// of one size; bytes alone do not tell: newer versions of Wine take blocks of each size by the group, for each thread.
 bool isFlat(const Footprint& before, const Footprint& after);
 
 // Each thread says what it is about to do. When one of them is at it for too long, everybody's operation is printed and
