@@ -84,7 +84,8 @@ std::optional<RsaNumbers> generateBySystem(unsigned bits) {
     const auto exponent = blob.begin() + sizeof header;
     const auto modulus = exponent + header.cbPublicExp;
     const auto primes = modulus + header.cbModulus;
-    return RsaNumbers{{modulus, primes}, {exponent, modulus}, {primes, primes + primesLength}};
+    return RsaNumbers{
+        {modulus, primes}, {exponent, modulus}, {primes, primes + static_cast<std::ptrdiff_t>(primesLength)}};
 }
 
 SystemRsaKey::SystemRsaKey(ByteView modulus, ByteView exponent, ByteView primes)

@@ -21,6 +21,15 @@ constexpr unsigned scryptCost = 1u << 14;  // 16 MiB and some 50 ms a guess
 // How long a list stays where it was after the token has changed: callers copy it at once.
 constexpr auto listLifetime = std::chrono::seconds(5);
 
+// What was read of a token's file.
+template <class Value>
+Value existing(std::optional<Value> value) {
+    if (!value) {
+        throw TokenError(Status::NoSuchDevice);
+    }
+    return *std::move(value);
+}
+
 void requirePinRule(std::string_view pin) {
     require(pin.size() >= shortestPin && pin.size() <= longestPin, Status::InvalidArgument);
 }
@@ -87,15 +96,14 @@ std::wstring Token::siblingPath(const wchar_t* extension) const {
 }
 
 SnapshotPointer Token::snapshot() {
-    const std::optional<FileStamp> stamp = stampOf(path_);
-    require(stamp.has_value(), Status::NoSuchDevice);
-    requireRoomInFile(stamp->size);
+    const FileStamp stamp = existing(stampOf(path_));
+    requireRoomInFile(stamp.size);
     {
         const std::shared_lock guard(lock_);
-        if (current_ && current_->stamp == *stamp) {
+        if (current_ && current_->stamp == stamp) {
             return current_;
         }
-        if (unreadable_ && unreadable_->stamp == *stamp) {
+        if (unreadable_ && unreadable_->stamp == stamp) {
             throw unreadable_->error;
         }
     }
@@ -110,11 +118,10 @@ SnapshotPointer Token::attachedSnapshot() {
 
 Snapshot Token::load() {
     Snapshot fresh;
-    const std::optional<SecretBytes> content = readFile(path_, fresh.stamp);
-    require(content.has_value(), Status::NoSuchDevice);
+    const SecretBytes content = existing(readFile(path_, fresh.stamp));
     TokenObjects objects;
     try {
-        readTokenText({reinterpret_cast<const char*>(content->data()), content->size()}, fresh.state, objects);
+        readTokenText({reinterpret_cast<const char*>(content.data()), content.size()}, fresh.state, objects);
         require(fresh.state.id == id_, Status::NoSuchDevice);  // the file system takes "t1" for "T1"
     } catch (const TokenError& problem) {
         const TokenError error(problem.status(), utf8(path_) + ": " + problem.what());

@@ -35,12 +35,14 @@ std::string unknownCommand(const CLI::App& app, const std::vector<std::string>& 
             std::ranges::find_if(commands, [&word](const CLI::App* each) { return each->get_name() == word; });
         if (named != commands.end()) {
             family = *named;
-            path += word + " ";
+            path.append(word).append(" ");
             continue;
         }
         const CLI::App* nearest = *std::ranges::min_element(
             commands, {}, [&word](const CLI::App* each) { return distance(word, each->get_name()); });
-        return "there is no command \"" + path + word + "\"; the nearest is \"" + path + nearest->get_name() + "\"";
+        std::string answer = "there is no command \"";
+        answer.append(path).append(word).append("\"; the nearest is \"").append(path).append(nearest->get_name());
+        return answer.append("\"");
     }
     return "";
 }

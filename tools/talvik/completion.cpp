@@ -1,5 +1,6 @@
 #include "completion.h"
 
+#include <array>
 #include <iostream>
 #include <memory>
 
@@ -64,8 +65,9 @@ void printScript(const CLI::App& app, bool bash) {
     std::cout << (bash ? bashBegin : powershellBegin);
     for (const std::string& line : lines) {
         const std::string path = line.substr(0, line.find('=')), words = line.substr(path.size() + 1);
-        std::cout << (bash ? "        \"" + path + "\") echo \"" + words + "\" ;;\n"
-                           : "    '" + path + "' = '" + words + "'\n");
+        const std::array parts =
+            bash ? std::array{"        \"", "\") echo \"", "\" ;;\n"} : std::array{"    '", "' = '", "'\n"};
+        std::cout << parts[0] << path << parts[1] << words << parts[2];
     }
     std::cout << (bash ? bashEnd : powershellEnd);
 }

@@ -54,7 +54,7 @@ std::string fromUtf16(std::string_view bytes, bool bigEndian) {
     return utf8(text);
 }
 
-std::string asUtf8(std::string text) {
+std::string asUtf8(const std::string& text) {
     if (text.starts_with(utf16LittleMark) || text.starts_with(utf16BigMark)) {
         return fromUtf16(std::string_view(text).substr(2), text.starts_with(utf16BigMark));
     }
@@ -64,7 +64,7 @@ std::string asUtf8(std::string text) {
 std::string lineFromInput() {
     std::string line;
     std::getline(std::cin, line);
-    return asUtf8(std::move(line));
+    return asUtf8(line);
 }
 
 bool isPrintableAscii(const std::string& text) {
@@ -111,7 +111,7 @@ std::string PinOption::readAny() const {
 }
 
 std::string PinOption::read() const {
-    const std::string pin = readAny();
+    std::string pin = readAny();
     if (pin.empty()) {
         refuse(file_.empty() ? "no PIN was given" : "there is no PIN in its first line");
     }

@@ -65,20 +65,20 @@ Outcome refused(Outcome outcome, const std::string& reason) {
     return outcome;
 }
 
-Outcome publishOwn(UserStore& store, const TokenCertificate& certificate, Face face) {
+Outcome publishOwn(UserStore& store, const TokenCertificate& certificate, const TalvikKeyPair& key, Face face) {
     Outcome outcome = outcomeFor(certificate);
     const Certificate parsed = parseCertificate(certificate.der);
-    if (!parsed || !isFor(certificate.der, *certificate.key)) {
+    if (!parsed || !isFor(certificate.der, key)) {
         return refused(outcome, parsed ? "it is for another key than the one it is stored with" : "it is damaged");
     }
-    const StandingFacts found = standingOf(store, certificate.der, *certificate.key);
+    const StandingFacts found = standingOf(store, certificate.der, key);
     if (found.standing == Standing::Foreign) {
         outcome.done = "left alone";
         outcome.reason = "it is there with a link of somebody else, to " + found.provider;
         return outcome;
     }
     std::string reason;
-    const std::optional<KeyLink> link = chooseLink(*certificate.key, face, reason);
+    const std::optional<KeyLink> link = chooseLink(key, face, reason);
     if (!link) {
         return refused(outcome, reason);
     }
@@ -157,7 +157,7 @@ std::vector<Outcome> publish(const std::vector<TokenCertificate>& certificates, 
     UserStore own(L"MY"), issuers(L"CA");
     for (const TokenCertificate& certificate : certificates) {
         if (certificate.key) {
-            outcomes.push_back(publishOwn(own, certificate, face));
+            outcomes.push_back(publishOwn(own, certificate, *certificate.key, face));
         } else if (isIntermediate(certificate)) {
             outcomes.push_back(publishIssuer(issuers, certificate));
         }

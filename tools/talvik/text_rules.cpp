@@ -21,7 +21,8 @@ bool isPrintableWithoutBlank(unsigned char c) {
 bool isVersion(const std::string& version) {
     char before = '.';
     for (const char c : version) {
-        if (!(c >= '0' && c <= '9') && !(c == '.' && before != '.')) {
+        const bool isDigit = c >= '0' && c <= '9', isDot = c == '.' && before != '.';
+        if (!isDigit && !isDot) {
             return false;
         }
         before = c;

@@ -118,6 +118,7 @@ __declspec(dllexport) NTSTATUS WINAPI BCryptUnregisterProvider(const wchar_t* pr
 
 #ifndef BCRYPT_WITHOUT_CONTEXT_FUNCTIONS
 
+extern "C++" {
 namespace {
 
 const std::wstring functionListKey = cryptographyKey(L"Configuration\\Local\\Default\\00010001\\KEY_STORAGE");
@@ -140,7 +141,9 @@ std::string contextFunction(ULONG table, const wchar_t* context, ULONG interface
     return " table=" + std::to_string(table) + " context=" + narrow(context) + " interface=" + hex(interfaceId) + " " +
            narrow(function) + " " + narrow(provider);
 }
+
 }  // namespace
+}
 
 __declspec(dllexport) NTSTATUS WINAPI
     BCryptAddContextFunctionProvider(ULONG table, const wchar_t* context, ULONG interfaceId, const wchar_t* function,
