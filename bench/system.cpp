@@ -135,8 +135,8 @@ std::vector<Task> tasks() {
         {"system.random", "random: 1 KiB", [](const Application& application) { application.drawRandom(); }, 1},
         {"system.context", "context: acquire, release",
          [](const Application& application) { application.acquireAndRelease(); }, 1},
-        {"system.generate", "key generation: RSA-2048",
-         [](const Application& application) { application.generateKey(); }, 1, manySingleRuns},
+        {"system.generate", "new key: RSA-2048", [](const Application& application) { application.generateKey(); }, 1,
+         manySingleRuns},
     };
     struct Chunks {
         const char* id;
