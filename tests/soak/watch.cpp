@@ -28,7 +28,7 @@ void countHeap(Footprint& footprint) {
         while (HeapWalk(heap, &entry)) {
             if ((entry.wFlags & PROCESS_HEAP_ENTRY_BUSY) != 0) {
                 footprint.counted[0] += entry.cbData;
-                ++footprint.heapBlocks[std::min<std::size_t>(entry.cbData, footprint.heapBlocks.size() - 1)];
+                ++footprint.heapBlocks[std::min<std::size_t>(entry.cbData / 16, footprint.heapBlocks.size() - 1)];
             }
         }
         HeapUnlock(heap);

@@ -17,8 +17,7 @@ namespace soak {
 // Counted one by one: Wine answers 0 when it is asked for a process's private bytes or number of handles. For a moment
 // when the other threads are at rest.
 struct Footprint {
-    std::vector<unsigned> heapBlocks =
-        std::vector<unsigned>(0x10000);    // in use, by their size; the last: of that or more
+    std::vector<unsigned> heapBlocks = std::vector<unsigned>(4096);  // in use, by size in steps of 16 bytes
     std::array<std::size_t, 4> counted{};  // bytes in use in all heaps, private memory, handles, threads
 };
 Footprint footprint();
