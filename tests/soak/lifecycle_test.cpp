@@ -32,15 +32,21 @@ bool cycle() {
            FreeLibrary(module);
 }
 
-void cycles(Watchdog& watchdog, std::size_t thread, int count) {
-    for (int k = 0; k < count; ++k) {
-        watchdog.enters(thread, "cycle");
-        EXPECT_TRUE(cycle());
+void cycleInThreads(int count) {
+    Watchdog watchdog(threads);
+    std::vector<std::jthread> workers;
+    for (std::size_t i = 0; i < threads; ++i) {
+        workers.emplace_back([&, i] {
+            for (int k = 0; k < count; ++k) {
+                watchdog.enters(i, "cycle");
+                EXPECT_TRUE(cycle());
+            }
+            watchdog.rests(i);
+        });
     }
-    watchdog.rests(thread);
 }
 
-const PlayedRole loading("load", [](const std::string& given) {
+const PlayedRole loading("load", [](const std::string& cycles) {
     // More often than the process has thread-local slots, of which every real load would take one for good.
     for (int i = 0; i < 2000; ++i) {
         EXPECT_TRUE(loadAndFree());
@@ -48,11 +54,11 @@ const PlayedRole loading("load", [](const std::string& given) {
     for (int i = 0; i < 100; ++i) {
         EXPECT_TRUE(acquire() && loadAndFree());
     }
-    Watchdog watchdog(threads);
-    const int each = std::stoi(given) / static_cast<int>(threads);
-    const auto [before, after] =
-        measure(threads, [&](std::size_t thread, bool isWarmUp) { cycles(watchdog, thread, isWarmUp ? 20 : each); });
-    std::printf("%s cycles; %s\n", given.c_str(), difference(before, after).c_str());
+    cycleInThreads(20);
+    const Footprint before = footprint();
+    cycleInThreads(std::stoi(cycles) / static_cast<int>(threads));
+    const Footprint after = footprint();
+    std::printf("%s cycles; %s\n", cycles.c_str(), difference(before, after).c_str());
     std::fflush(stdout);
     return isFlat(before, after) ? 0 : 2;
 });

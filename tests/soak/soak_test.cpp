@@ -62,11 +62,15 @@ class Soak : public Tokens {
         EXPECT_TRUE(givePin(context));
     }
 
-    auto run(int warmUp, int operations) {
-        return measure(threads, [=, this](std::size_t thread, bool isWarmUp) {
-            work(thread, (isWarmUp ? warmUp : operations) / static_cast<int>(threads),
-                 static_cast<unsigned>(thread + (isWarmUp ? 1 : 100)));
-        });
+    void run(int operations, unsigned seed) {
+        watchdog_ = std::make_unique<Watchdog>(threads);
+        std::vector<std::jthread> workers;
+        for (std::size_t i = 0; i < threads; ++i) {
+            workers.emplace_back(
+                [=, this] { work(i, operations / static_cast<int>(threads), seed + static_cast<unsigned>(i)); });
+        }
+        workers.clear();  // joins them
+        watchdog_.reset();
     }
 
     const std::map<std::string, int>& outcomes() const { return outcomes_; }
@@ -103,13 +107,13 @@ class Soak : public Tokens {
         std::discrete_distribution<std::size_t> choose(weights.begin(), weights.end());
         for (int i = 0; i < operations; ++i) {
             const Row& row = rows_[choose(random)];
-            watchdog_.enters(thread, row.name);
+            watchdog_->enters(thread, row.name);
             (this->*row.operation)(random);
             if (const int done = ++done_; done % 10'000 == 0) {
                 std::fprintf(stderr, "%d operations\n", done);
             }
         }
-        watchdog_.rests(thread);
+        watchdog_->rests(thread);
     }
 
     void expect(const char* call, std::int64_t code, std::initializer_list<std::int64_t> allowed) {
@@ -281,7 +285,7 @@ class Soak : public Tokens {
     std::mutex pins_, disturbing_, outcomesLock_;
     std::map<std::string, int> outcomes_, unexpected_;
     std::atomic<int> done_ = 0;
-    Watchdog watchdog_{threads};
+    std::unique_ptr<Watchdog> watchdog_;
 };
 
 const std::array<Soak::Row, 13> Soak::rows_ = {{
@@ -304,7 +308,10 @@ TEST_F(Soak, EveryCallEndsAsItShould) {
     const char* const given = std::getenv("TALVIK_SOAK_OPERATIONS");
     const int operations = given != nullptr ? std::atoi(given) : 2000;
     DialogRobot robot;
-    const auto [before, after] = run(std::max(1000, operations / 10), operations);
+    run(std::max(1000, operations / 10), 1);
+    const Footprint before = footprint();
+    run(operations, 100);
+    const Footprint after = footprint();
     for (const auto& [line, count] : outcomes()) {
         std::printf("%8d %s\n", count, line.c_str());
     }

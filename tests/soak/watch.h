@@ -6,10 +6,8 @@
 #include <array>
 #include <atomic>
 #include <cstddef>
-#include <functional>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 namespace soak {
@@ -25,13 +23,8 @@ Footprint footprint();
 // "1 -> 2" for each of them.
 std::string difference(const Footprint& before, const Footprint& after);
 
-// Each of `count` threads does its work twice; what the process held after the first time and after the second. The
-// same threads: newer versions of Wine keep memory aside for each that comes.
-std::pair<Footprint, Footprint> measure(std::size_t count,
-                                        const std::function<void(std::size_t thread, bool isWarmUp)>& work);
-
 // Whether nothing has grown, but for what the heap needs to arrange itself. What is lost again and again is many blocks
-// of one size; bytes alone do not tell: newer versions of Wine take blocks of each size by the group, for each thread.
+// of one size. Bytes count too, but for newer versions of Wine, which take blocks of each size by the group.
 bool isFlat(const Footprint& before, const Footprint& after);
 
 // Each thread says what it is about to do. When one of them is at it for too long, everybody's operation is printed and

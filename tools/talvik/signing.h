@@ -1,6 +1,8 @@
 // Signatures of token keys in the forms that requests and messages hold, and digests of files.
 #pragma once
 
+#include <string_view>
+
 #include "device.h"
 #include "gcrypt_objects.h"
 #include "key_types.h"
