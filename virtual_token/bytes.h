@@ -45,7 +45,7 @@ Bytes fromHex(std::string_view text);     // throws TokenError(InvalidArgument)
 std::string toBase64(ByteView bytes);     // with padding, no line breaks
 Bytes fromBase64(std::string_view text);  // throws TokenError(InvalidArgument)
 
-// From the operating system's generator.
+// From the operating system's generator; more than 64 bytes are the AES-256 key stream of a key from there.
 void fillRandom(unsigned char* buffer, std::size_t length);
 Bytes randomBytes(std::size_t length);
 

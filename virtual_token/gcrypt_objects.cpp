@@ -49,12 +49,19 @@ void* reallocate(void* memory, std::size_t size) {
 }
 
 bool initialise() {
+    // The library's usual generator, once it was drawn on, stirs its pool whenever a cipher or a digest is opened: 450
+    // us each time under Wine. This one is the HMAC generator of SP 800-90A, with a seed from the same source. It has
+    // to be chosen before anything else is asked of the library.
+    check(gcry_control(GCRYCTL_SET_PREFERRED_RNG_TYPE, GCRY_RNG_TYPE_FIPS));
     gcry_set_allocation_handler(allocate, allocate, isSecure, reallocate, release);
     require(gcry_check_version(GCRYPT_VERSION) != nullptr, Status::InternalError);
     silenceLog();
     // The locked memory pool has one lock for all threads and room for few keys; freed numbers are wiped without it.
     check(gcry_control(GCRYCTL_DISABLE_SECMEM, 0));
     check(gcry_control(GCRYCTL_INITIALIZATION_FINISHED, 0));
+    int generator = 0;
+    check(gcry_control(GCRYCTL_GET_CURRENT_RNG_TYPE, &generator));
+    require(generator == GCRY_RNG_TYPE_FIPS, Status::InternalError);
     return true;
 }
 

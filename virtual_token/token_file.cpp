@@ -133,10 +133,8 @@ class TemporaryFile {
 
 // The clock may stand still between two writes; the file's time must not.
 std::uint64_t makeLater(HANDLE file, const std::wstring& predecessor) {
-    FILETIME now{};
-    GetSystemTimeAsFileTime(&now);
     const std::optional<FileStamp> before = stampOf(predecessor);
-    const std::uint64_t time = std::max(timeOf(now), before ? before->time + 1 : 0);
+    const std::uint64_t time = std::max(currentTime(), before ? before->time + 1 : 0);
     const FILETIME fileTime{static_cast<DWORD>(time), static_cast<DWORD>(time >> 32)};
     if (!SetFileTime(file, nullptr, nullptr, &fileTime)) {
         failStorage("cannot date", predecessor);
@@ -145,6 +143,12 @@ std::uint64_t makeLater(HANDLE file, const std::wstring& predecessor) {
 }
 
 }  // namespace
+
+std::uint64_t currentTime() {
+    FILETIME now{};
+    GetSystemTimeAsFileTime(&now);
+    return timeOf(now);
+}
 
 std::optional<FileStamp> stampOf(const std::wstring& path) {
     WIN32_FILE_ATTRIBUTE_DATA data{};

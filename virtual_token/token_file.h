@@ -25,7 +25,8 @@ struct FileStamp {
     bool operator==(const FileStamp&) const = default;
 };
 
-std::optional<FileStamp> stampOf(const std::wstring& path);  // nothing when there is no such file
+std::optional<FileStamp> stampOf(const std::wstring& path);  // nothing when there is no such file or folder
+std::uint64_t currentTime();                                 // what a file that is written now is dated with
 
 // What no file of a token exceeds: room for some ten thousand key pairs with their certificates.
 inline constexpr std::uint64_t largestFile = 64u << 20;  // bytes

@@ -1,8 +1,8 @@
 #include "token_home.h"
 
 #include <algorithm>
-#include <cctype>
 #include <filesystem>
+#include <iterator>
 #include <map>
 #include <mutex>
 #include <shared_mutex>
@@ -12,10 +12,6 @@
 
 namespace virtual_token {
 namespace {
-
-constexpr std::size_t longestTokenId = 64;
-constexpr std::wstring_view tokenExtension = L".json";
-constexpr std::string_view systemDevices[] = {"CON", "PRN", "AUX", "NUL"};
 
 // The tokens that this process has met, by the path of their files.
 struct Registry {
@@ -58,22 +54,10 @@ std::wstring environmentText(const wchar_t* name) {
     }
 }
 
-bool isDeviceName(std::string_view id) {
-    std::string base(id.substr(0, id.find('.')));
-    std::ranges::transform(base, base.begin(), [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
-    const bool numbered = base.size() == 4 && (base.starts_with("COM") || base.starts_with("LPT"));
-    return numbered || std::ranges::find(systemDevices, base) != std::end(systemDevices);
-}
-
 // Of a token that is not, or not any more; unless somebody holds it.
 void deleteLock(const std::wstring& path) {
     DeleteFileW((path.substr(0, path.size() - tokenExtension.size()) + L".lock").c_str());
 }
-
-struct FindCloser {
-    using pointer = HANDLE;
-    void operator()(HANDLE search) const { FindClose(search); }
-};
 
 ListedToken listToken(const std::string& id) {
     ListedToken listed{id, nullptr, {}};
@@ -96,14 +80,6 @@ std::wstring tokenHome() {
     return home;
 }
 
-bool isTokenId(std::string_view id) {
-    const auto allowed = [](unsigned char c) {
-        return c < 0x80 && (std::isalnum(c) || c == '.' || c == '-' || c == '_');
-    };
-    return !id.empty() && id.size() <= longestTokenId && id.front() != '.' && id.back() != '.' &&
-           std::ranges::all_of(id, allowed) && !isDeviceName(id);
-}
-
 std::wstring tokenPath(std::string_view id) {
     require(isTokenId(id), Status::InvalidArgument);
     std::wstring path = tokenHome();
@@ -121,25 +97,9 @@ std::shared_ptr<Token> findToken(std::string_view id) {
 std::vector<ListedToken> listTokens() {
     std::vector<ListedToken> tokens;
     const std::wstring home = tokenHome();
-    WIN32_FIND_DATAW entry{};
-    const HANDLE first = home.empty() ? INVALID_HANDLE_VALUE
-                                      : FindFirstFileExW((home + L"\\*.json").c_str(), FindExInfoBasic, &entry,
-                                                         FindExSearchNameMatch, nullptr, 0);
-    if (first == INVALID_HANDLE_VALUE) {
-        return tokens;
+    if (!home.empty()) {
+        std::ranges::transform(tokenIdsIn(home), std::back_inserter(tokens), listToken);
     }
-    const std::unique_ptr<void, FindCloser> search(first);
-    do {
-        const std::wstring_view file = entry.cFileName;
-        const std::wstring_view stem = file.substr(0, file.size() - std::min(file.size(), tokenExtension.size()));
-        std::string id;
-        std::ranges::transform(stem, std::back_inserter(id),
-                               [](wchar_t c) { return c < 0x80 ? static_cast<char>(c) : '?'; });
-        if (file.ends_with(tokenExtension) && isTokenId(id)) {
-            tokens.push_back(listToken(id));
-        }
-    } while (FindNextFileW(search.get(), &entry));
-    std::ranges::sort(tokens, {}, &ListedToken::id);
     return tokens;
 }
 

@@ -6,14 +6,12 @@
 #include <vector>
 
 #include "token.h"
+#include "token_ids.h"
 
 namespace virtual_token {
 
 // %TALVIK_TOKEN_HOME%, else %LOCALAPPDATA%\Quorvel\VirtualToken. Read anew each time; empty when neither is set.
 std::wstring tokenHome();
-
-// An identifier names a file: letters, digits, '.', '-' and '_', not a device name of the system.
-bool isTokenId(std::string_view id);
 
 std::wstring tokenPath(std::string_view id);  // throws TokenError(InvalidArgument) unless isTokenId
 

@@ -221,6 +221,68 @@ TEST_F(VirtualTokenTest, OtherFilesInTheFolderDoNoHarm) {
     EXPECT_TRUE(talvik_getConnectedDeviceList(false, nullptr).empty());
 }
 
+class FolderTest : public VirtualTokenTest {
+  protected:
+    using Devices = std::vector<std::string>;
+
+    void SetUp() override { ASSERT_EQ(talvik("token create --id A0 --pin 1234"), 0); }
+
+    static Devices devices() { return talvik_getConnectedDeviceList(false, nullptr); }
+    void rename(const char* from, const char* to) const { std::filesystem::rename(folder() / from, folder() / to); }
+
+    // As if nothing had come or gone in it since.
+    void dateFolder(std::chrono::seconds ago) const {
+        constexpr DWORD sharing = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+        const HANDLE opened = CreateFileW(folder().c_str(), FILE_WRITE_ATTRIBUTES, sharing, nullptr, OPEN_EXISTING,
+                                          FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+        const auto time = static_cast<std::uint64_t>(now_ - ago.count() * 10'000'000);
+        const FILETIME date{static_cast<DWORD>(time), static_cast<DWORD>(time >> 32)};
+        EXPECT_TRUE(SetFileTime(opened, nullptr, nullptr, &date));
+        CloseHandle(opened);
+    }
+
+    // Tells what is listed next, of a folder that this process has read since it was written to.
+    template <class Change>
+    Devices listAfter(const Change& change) const {
+        dateFolder(std::chrono::hours(1));
+        devices();
+        change();
+        return devices();
+    }
+
+  private:
+    std::filesystem::path folder() const { return scratch().path() / home(); }
+
+    const long long now_ = [] {
+        FILETIME now;
+        GetSystemTimeAsFileTime(&now);
+        return static_cast<long long>(now.dwHighDateTime) << 32 | now.dwLowDateTime;
+    }();
+};
+
+TEST_F(FolderTest, WhatComesAndGoesIsListedAtOnce) {
+    EXPECT_EQ(listAfter([&] { rename("A0.json", "A0.bak"); }), Devices{"T1"});
+    EXPECT_EQ(listAfter([&] { rename("A0.bak", "A0.json"); }), (Devices{"A0", "T1"}));
+    EXPECT_EQ(listAfter([] { EXPECT_EQ(talvik("token detach A0"), 0); }), Devices{"T1"});
+    EXPECT_EQ(listAfter([] { EXPECT_EQ(talvik("token create --id A1 --pin 1234"), 0); }), (Devices{"A1", "T1"}));
+    EXPECT_EQ(listAfter([] { EXPECT_EQ(talvik("token delete A1 --yes"), 0); }), Devices{"T1"});
+    EXPECT_EQ(listAfter([] { SetEnvironmentVariableW(L"TALVIK_TOKEN_HOME", scratch().path().c_str()); }), Devices{});
+}
+
+TEST_F(FolderTest, IsReadAgainWhenItsDateDoesNotTell) {
+    const auto listAfterReturn = [&](std::chrono::seconds ago) {
+        rename("A0.json", "A0.bak");
+        dateFolder(ago);
+        EXPECT_EQ(devices(), Devices{"T1"});
+        rename("A0.bak", "A0.json");
+        dateFolder(ago);
+        return devices();
+    };
+    EXPECT_EQ(listAfterReturn(std::chrono::seconds(0)), (Devices{"A0", "T1"}));  // within one step of the clock
+    EXPECT_EQ(listAfterReturn(-std::chrono::hours(1)), (Devices{"A0", "T1"}));   // the clock was set back
+    EXPECT_EQ(listAfterReturn(std::chrono::hours(1)), Devices{"T1"});            // as cannot happen: it was not read
+}
+
 TEST_F(VirtualTokenTest, WhatIsNoTokenIsReadOnce) {
     const std::string file = home() + "/T1.json";
     const auto path = scratch().path() / file;
