@@ -1,4 +1,6 @@
 // What a line of the log costs.
+#include <vector>
+
 #include "level_query.h"
 #include "log/log.h"
 #include "sections.h"
@@ -29,52 +31,55 @@ void addRow(Json& rows, const char* id, const char* name, const Summary& microse
     rows.push_back({{"section", "log"}, {"id", id}, {"name", name}, {"time", toJson(microseconds)}});
 }
 
-// Milliseconds between two ticks of the clock.
-double clockStep() {
-    constexpr int steps = 20;
-    auto nextTick = [last = GetTickCount64()]() mutable {
-        ULONGLONG now = GetTickCount64();
-        while (now == last) {
-            now = GetTickCount64();
-        }
-        return last = now;
-    };
-    const ULONGLONG begin = nextTick();
-    ULONGLONG end = begin;
-    for (int step = 0; step < steps; ++step) {
-        end = nextTick();
-    }
-    return static_cast<double>(end - begin) / steps;
-}
-
 void addQuestions(Json& rows, const char* id, const char* name, double questions) {
     rows.push_back({{"section", "questions"}, {"id", id}, {"name", name}, {"questions", questions}});
+}
+
+// Of a thread that does `work` again and again while the clock ticks.
+double questionsPerTick(const Work& work) {
+    constexpr int ticks = 8;
+    work();  // has asked for the tick that is now
+    const long questions = queriesOf([&] {
+        ULONGLONG last = GetTickCount64();
+        for (int seen = 0; seen < ticks;) {
+            work();
+            const ULONGLONG now = GetTickCount64();
+            seen += now == last ? 0 : 1;
+            last = now;
+        }
+    });
+    return static_cast<double>(questions) / ticks;
 }
 
 void countQuestions(const BenchToken& token, Json& rows) {
     const Bytes message(1024, 0x5A);
     const Work sign = [&] { signThroughCsp(token.provider, token.context, message); };
-    const ULONGLONG begin = GetTickCount64();
-    const long inALoop = queriesOf([&] {
-        while (GetTickCount64() - begin < 2000) {
-            sign();
-        }
-    });
-    // Ticks are not milliseconds: as many as the clock showed.
+    // In each of several periods, of which the median counts: where the thread was interrupted between two calls, the
+    // next one comes after a pause.
+    std::vector<double> perTick;
+    for (int period = 0; period < 21; ++period) {
+        perTick.push_back(questionsPerTick(sign));
+    }
     addQuestions(rows, "log.loop", "questions for the level per tick of the clock, signing in a loop",
-                 inALoop / (2000 / clockStep()));
-    constexpr int calls = 20;
-    const long isolated = queriesOf([&] {
-        for (int i = 0; i < calls; ++i) {
-            Sleep(20);
-            HCRYPTHASH hash = 0;
-            require(token.provider.createHash(token.context, CALG_SHA_256, 0, 0, &hash), "CPCreateHash");
-            Sleep(20);
-            require(token.provider.destroyHash(token.context, hash), "CPDestroyHash");
+                 summarize(perTick).median);
+    HCRYPTHASH hash = 0;
+    const Work isolatedCalls[] = {
+        [&] { require(token.provider.createHash(token.context, CALG_SHA_256, 0, 0, &hash), "CPCreateHash"); },
+        [&] { require(token.provider.destroyHash(token.context, hash), "CPDestroyHash"); }};
+    int calls = 0;
+    long questions = 0;
+    for (int i = 0; i < 40; ++i) {
+        Sleep(20);
+        const ULONGLONG tick = GetTickCount64();
+        const long asked = queriesOf(isolatedCalls[i % 2]);
+        if (GetTickCount64() == tick) {  // the next tick has a question of its own
+            questions += asked;
+            ++calls;
         }
-    });
+    }
+    require(calls > 0, "no call within one tick of the clock");
     addQuestions(rows, "log.isolated", "questions for the level in a call that comes after a pause",
-                 static_cast<double>(isolated) / (2 * calls));
+                 static_cast<double>(questions) / calls);
 }
 
 }  // namespace

@@ -129,9 +129,9 @@ void measureThreads(const BenchToken& token, Json& rows) {
     const Bytes piece(1u << 20, 0xA5);
     const Load loads[] = {
         {"threads.hash", "hashing 4 MiB in chunks of 1 MiB",
-         [&](int thread) { hashThroughCsp(token.provider, *contexts[thread], piece, 4 * piece.size()); }, 20},
+         [&](int thread) { hashThroughCsp(token.provider, *contexts[thread], piece, 4 * piece.size()); }, 40},
         {"threads.sign", "signing: SHA-256 of 1 KiB, RSA-2048",
-         [&](int thread) { signThroughCsp(token.provider, *contexts[thread], message); }, 30}};
+         [&](int thread) { signThroughCsp(token.provider, *contexts[thread], message); }, 80}};
     const ThreadWork direct[] = {[&](int) { hashDirectly(token.deviceId, piece, 4 * piece.size()); },
                                  [&](int) { signDirectly(token, message); }};
     for (std::size_t i = 0; i < std::size(loads); ++i) {
@@ -145,7 +145,7 @@ void measureThreads(const BenchToken& token, Json& rows) {
         }
         measureLoad(load, "direct", direct[i], row);
         measureLoad(
-            {load.id, load.name, nullptr, 80}, "machine", [](int) { spin(); }, row);
+            {load.id, load.name, nullptr, 40}, "machine", [](int) { spin(); }, row);
         rows.push_back(std::move(row));
     }
 }

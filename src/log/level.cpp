@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include <atomic>
 #include <bit>
 #include <mutex>
 #include <optional>
@@ -129,16 +130,30 @@ class ThreadSlot {
 
 ThreadSlot threadSlot;
 
+// What a thread that was inside a call learned last, with its tick. A thread in a tight loop, which would ask because
+// the clock has ticked, takes over what another one has learned since: all of them ask once a tick together.
+std::atomic<Carried> lastAnswer = Carried{};
+
 Level currentLevel() noexcept {
     const LastErrorKeeper keeper;
-    Carried carried = threadSlot.read();
+    const Carried carried = threadSlot.read();
     const ULONGLONG now = GetTickCount64();
-    if (carried.inside != 0 && carried.level != 0 && carried.tick == (now & tickMask)) {
-        return static_cast<Level>(carried.level);
+    const std::uint64_t tick = now & tickMask;
+    if (carried.inside != 0 && carried.level != 0) {
+        if (carried.tick == tick) {
+            return static_cast<Level>(carried.level);
+        }
+        const Carried others = lastAnswer.load(std::memory_order_relaxed);
+        if (others.level != 0 && others.tick == tick) {
+            threadSlot.write(others);
+            return static_cast<Level>(others.level);
+        }
     }
     const Level level = askForLevel(now);
     if (carried.inside != 0) {
-        threadSlot.write({static_cast<std::uint64_t>(level), 1, now & tickMask, 0});
+        const Carried learned{static_cast<std::uint64_t>(level), 1, tick, 0};
+        threadSlot.write(learned);
+        lastAnswer.store(learned, std::memory_order_relaxed);
     }
     return level;
 }
