@@ -4,8 +4,9 @@
 // can have changed it: within one call of an application, and from one call to the next of the same thread while less
 // than some 3 microseconds lie between leaving and entering, since the cheapest write of a registry value is a system
 // call of several microseconds (and twenty under Wine). What was learned serves until the system clock ticks, at the
-// most: so long may a change by another thread or program take to reach a thread in a tight loop. What one thread learns
-// serves others in a tight loop for the same tick. Threads that are in no call of an application ask at every line.
+// most: so long may a change by another thread or program take to reach a thread in a tight loop. What one thread
+// learns serves others in a tight loop for the same tick. Threads that are in no call of an application ask at every
+// line.
 #pragma once
 
 #include <cstdint>
