@@ -3,6 +3,7 @@
 #include <atomic>
 #include <thread>
 
+#include "log/level.h"
 #include "unit/provider_test.h"
 
 using namespace testing;
@@ -41,6 +42,7 @@ TEST_F(LogLevelTest, AnotherThreadInATightLoopSeesTheChange) {
     std::atomic<bool> stop = false;
     setLogLevel(0);
     std::jthread caller([&] {
+        const ApplicationCall lasting;  // so that no interruption between two calls makes the thread ask
         while (!stop)
             refusedCall();
     });

@@ -231,10 +231,10 @@ class FolderTest : public VirtualTokenTest {
     void rename(const char* from, const char* to) const { std::filesystem::rename(folder() / from, folder() / to); }
 
     // As if nothing had come or gone in it since.
-    void dateFolder(std::chrono::seconds ago) const {
+    void dateFolder(std::chrono::seconds ago, const char* folderInIt = "") const {
         constexpr DWORD sharing = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
-        const HANDLE opened = CreateFileW(folder().c_str(), FILE_WRITE_ATTRIBUTES, sharing, nullptr, OPEN_EXISTING,
-                                          FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+        const HANDLE opened = CreateFileW((folder() / folderInIt).c_str(), FILE_WRITE_ATTRIBUTES, sharing, nullptr,
+                                          OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
         const auto time = static_cast<std::uint64_t>(now_ - ago.count() * 10'000'000);
         const FILETIME date{static_cast<DWORD>(time), static_cast<DWORD>(time >> 32)};
         EXPECT_TRUE(SetFileTime(opened, nullptr, nullptr, &date));
@@ -250,9 +250,9 @@ class FolderTest : public VirtualTokenTest {
         return devices();
     }
 
-  private:
     std::filesystem::path folder() const { return scratch().path() / home(); }
 
+  private:
     const long long now_ = [] {
         FILETIME now;
         GetSystemTimeAsFileTime(&now);
@@ -266,7 +266,11 @@ TEST_F(FolderTest, WhatComesAndGoesIsListedAtOnce) {
     EXPECT_EQ(listAfter([] { EXPECT_EQ(talvik("token detach A0"), 0); }), Devices{"T1"});
     EXPECT_EQ(listAfter([] { EXPECT_EQ(talvik("token create --id A1 --pin 1234"), 0); }), (Devices{"A1", "T1"}));
     EXPECT_EQ(listAfter([] { EXPECT_EQ(talvik("token delete A1 --yes"), 0); }), Devices{"T1"});
-    EXPECT_EQ(listAfter([] { SetEnvironmentVariableW(L"TALVIK_TOKEN_HOME", scratch().path().c_str()); }), Devices{});
+    std::filesystem::create_directory(folder() / "other");
+    rename("T1.json", "other/T1.json");
+    dateFolder(std::chrono::hours(1), "other");
+    EXPECT_EQ(listAfter([&] { SetEnvironmentVariableW(L"TALVIK_TOKEN_HOME", (folder() / "other").c_str()); }),
+              Devices{"T1"});
 }
 
 TEST_F(FolderTest, IsReadAgainWhenItsDateDoesNotTell) {
